@@ -1,0 +1,12 @@
+#include "camera-screen/ZMBundleLink.h"
+
+namespace zavo {
+
+const platform::Bundle& ZMBundleLink::bundle()
+{
+    static const platform::Bundle bundle(kZavoCameraBundleIdentifier, QStringLiteral(":/zavocamera"),
+                                         QStringLiteral("zavocamera"));
+    return bundle;
+}
+
+}  // namespace zavo

@@ -1,0 +1,52 @@
+#pragma once
+// The one error type the component hands to its host.
+#include "platform/CaptureTypes.h"
+#include "platform/Error.h"
+#include "zavoweb/NetworkingError.h"
+
+#include <variant>
+
+namespace zavo {
+
+inline const QString kZMCameraErrorDomain = QStringLiteral("ZavoCamera.ZMCameraError");
+
+class ZMCameraError final : public platform::Error {
+public:
+    /// The cases in declaration order; the order is the error's code.
+    enum class Case { accessStatus = 0, networkingError = 1, bestShotError = 2, error = 3, canceled = 4 };
+
+    /// Camera permission is not granted.
+    static ZMCameraError accessStatus(platform::AuthorizationStatus status);
+    static ZMCameraError networkingError(web::NetworkingError error);
+    /// An error in the core framework's own domain (its detector's).
+    static ZMCameraError bestShotError(platform::ErrorObjectPtr error);
+    /// Any other failure.
+    static ZMCameraError error(platform::ErrorPtr error);
+    static ZMCameraError canceled();
+
+    /// Wraps an error from the detector or the capture pipeline: an error of
+    /// exactly the core framework's domain becomes bestShotError, any other
+    /// becomes error.
+    explicit ZMCameraError(platform::ErrorObjectPtr detectorError);
+
+    Case kind() const { return static_cast<Case>(payload_.index()); }
+    /// The payload of the matching case; a default value for other cases.
+    platform::AuthorizationStatus authorizationStatus() const;
+    std::optional<web::NetworkingError> networkingErrorValue() const;
+    platform::ErrorObjectPtr bestShotErrorValue() const;
+    platform::ErrorPtr errorValue() const;
+
+    QString domain() const override { return kZMCameraErrorDomain; }
+    long code() const override { return static_cast<long>(kind()); }
+    /// The user-facing message; every case has one.
+    std::optional<QString> errorDescription() const override;
+
+private:
+    struct Canceled {};
+    using Payload = std::variant<platform::AuthorizationStatus, web::NetworkingError, platform::ErrorObjectPtr,
+                                 platform::ErrorPtr, Canceled>;
+    explicit ZMCameraError(Payload payload) : payload_(std::move(payload)) {}
+    Payload payload_;
+};
+
+}  // namespace zavo

@@ -1,0 +1,67 @@
+# Warnings and sanitizers apply to the project's own targets only, never to
+# the Qt, FFmpeg or OpenCV headers (those are SYSTEM includes).
+add_library(zavo_build_flags INTERFACE)
+target_compile_options(zavo_build_flags INTERFACE -Wall -Wextra -Wno-missing-field-initializers)
+if(ZAVO_SANITIZE STREQUAL "address")
+  target_compile_options(zavo_build_flags INTERFACE
+    -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(zavo_build_flags INTERFACE -fsanitize=address,undefined)
+elseif(ZAVO_SANITIZE STREQUAL "thread")
+  target_compile_options(zavo_build_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(zavo_build_flags INTERFACE -fsanitize=thread)
+elseif(NOT ZAVO_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "ZAVO_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+
+set(ZAVO_TEST_DATA_DIR "${PROJECT_SOURCE_DIR}/tests/data")
+
+# zavo_add_library(<name> SOURCES ... PUBLIC_HEADERS ... LIBS ...)
+# Public headers are installed under include/ZavoCamera/<subsystem>/.
+function(zavo_add_library name)
+  cmake_parse_arguments(ARG "" "SUBSYSTEM" "SOURCES;PUBLIC_HEADERS;LIBS;PRIVATE_LIBS" ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})
+  add_library(ZavoCamera::${name} ALIAS ${name})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera>)
+  target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags ${ARG_PRIVATE_LIBS})
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    CXX_VISIBILITY_PRESET default)
+  if(ARG_PUBLIC_HEADERS)
+    install(FILES ${ARG_PUBLIC_HEADERS}
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${ARG_SUBSYSTEM})
+  endif()
+  install(TARGETS ${name} EXPORT ZavoCameraTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()
+
+# zavo_add_sources(<target> <subsystem> SOURCES ... PUBLIC_HEADERS ...):
+# for a subsystem folder that contributes to a library made elsewhere.
+function(zavo_add_sources target subsystem)
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_HEADERS" ${ARGN})
+  target_sources(${target} PRIVATE ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})
+  if(ARG_PUBLIC_HEADERS)
+    install(FILES ${ARG_PUBLIC_HEADERS}
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${subsystem})
+  endif()
+endfunction()
+
+# zavo_add_test(<name> SOURCES ... LIBS ...): one Qt Test executable, run
+# offscreen by CTest with a private HOME so that Documents is a scratch folder.
+function(zavo_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zavo_build_flags Qt6::Test ${ARG_LIBS})
+  target_compile_definitions(${name} PRIVATE
+    ZAVO_TEST_DATA_DIR="${ZAVO_TEST_DATA_DIR}")
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT ${ARG_TIMEOUT}
+    LABELS "${ARG_LABELS}"
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_RULES=qt.qpa.*=false;HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name};XDG_CONFIG_HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name}/.config;ASAN_OPTIONS=detect_leaks=1:abort_on_error=0;UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+endfunction()

@@ -1,0 +1,260 @@
+#include "platform/DispatchQueue.h"
+
+#include <QCoreApplication>
+#include <QThread>
+#include <QTimer>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace zavo::platform {
+
+namespace {
+std::atomic<int> gLiveThreads{0};
+
+int niceFor(QualityOfService qos, int relativePriority)
+{
+    int base = 0;
+    switch (qos) {
+    case QualityOfService::Background: base = 10; break;
+    case QualityOfService::Utility: base = 5; break;
+    default: base = 0; break;
+    }
+    // A relative priority can only lower the thread (raising needs privileges).
+    return base + (relativePriority < 0 ? -relativePriority : 0);
+}
+}  // namespace
+
+// ---------------------------------------------------------------- work item
+
+DispatchWorkItem::DispatchWorkItem(std::function<void()> block) : block_(std::move(block)) {}
+
+void DispatchWorkItem::perform()
+{
+    if (!cancelled_.load(std::memory_order_acquire) && block_)
+        block_();
+}
+
+void DispatchWorkItem::cancel() { cancelled_.store(true, std::memory_order_release); }
+
+bool DispatchWorkItem::isCancelled() const { return cancelled_.load(std::memory_order_acquire); }
+
+// ------------------------------------------------------------- serial queue
+
+struct DispatchQueue::State {
+    using Clock = std::chrono::steady_clock;
+
+    QString label;
+    QualityOfService qos = QualityOfService::Unspecified;
+    int relativePriority = 0;
+
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<Block> ready;                          // guarded by mutex
+    std::multimap<Clock::time_point, Block> timers;   // guarded by mutex; multimap keeps FIFO among equal times
+    bool released = false;                            // guarded by mutex
+
+    void enqueue(Block block)
+    {
+        {
+            std::lock_guard lock(mutex);
+            ready.push_back(std::move(block));
+        }
+        wake.notify_one();
+    }
+
+    void enqueueAt(Clock::time_point when, Block block)
+    {
+        {
+            std::lock_guard lock(mutex);
+            timers.emplace(when, std::move(block));
+        }
+        wake.notify_one();
+    }
+
+    static void run(std::shared_ptr<State> self);
+};
+
+namespace {
+thread_local const DispatchQueue::State* tlsCurrentQueue = nullptr;
+}
+
+void DispatchQueue::State::run(std::shared_ptr<State> self)
+{
+    // Linux limits thread names to 15 characters; the tail of a reverse-DNS
+    // label is the part that tells queues apart.
+    QByteArray name = self->label.toUtf8();
+    if (name.size() > 15)
+        name = name.right(15);
+    pthread_setname_np(pthread_self(), name.constData());
+    if (const int nice = niceFor(self->qos, self->relativePriority); nice > 0)
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice);
+    tlsCurrentQueue = self.get();
+
+    std::unique_lock lock(self->mutex);
+    for (;;) {
+        const auto now = Clock::now();
+        while (!self->timers.empty() && self->timers.begin()->first <= now) {
+            self->ready.push_back(std::move(self->timers.begin()->second));
+            self->timers.erase(self->timers.begin());
+        }
+        if (!self->ready.empty()) {
+            Block block = std::move(self->ready.front());
+            self->ready.pop_front();
+            lock.unlock();
+            block();
+            block = nullptr;  // release what the block captured outside the lock
+            lock.lock();
+            continue;
+        }
+        if (self->released && self->timers.empty())
+            break;
+        if (self->timers.empty())
+            self->wake.wait(lock);
+        else
+            self->wake.wait_until(lock, self->timers.begin()->first);
+    }
+    lock.unlock();
+    tlsCurrentQueue = nullptr;
+    gLiveThreads.fetch_sub(1);
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::create(const QString& label, QualityOfService qos,
+                                                     int relativePriority)
+{
+    std::shared_ptr<DispatchQueue> queue(new DispatchQueue());
+    queue->state_ = std::make_shared<State>();
+    queue->state_->label = label;
+    queue->state_->qos = qos;
+    queue->state_->relativePriority = relativePriority;
+    gLiveThreads.fetch_add(1);
+    std::thread(&State::run, queue->state_).detach();
+    return queue;
+}
+
+DispatchQueue::~DispatchQueue()
+{
+    if (!state_)
+        return;
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->released = true;
+    }
+    state_->wake.notify_one();
+}
+
+int DispatchQueue::liveThreadCount() { return gLiveThreads.load(); }
+
+// --------------------------------------------------------------- main queue
+
+namespace {
+QObject* mainContext()
+{
+    QCoreApplication* app = QCoreApplication::instance();
+    if (!app)
+        qFatal("zavo: the main queue needs a QCoreApplication");
+    return app;
+}
+}  // namespace
+
+DispatchQueue& DispatchQueue::main()
+{
+    static DispatchQueue mainQueue;
+    return mainQueue;
+}
+
+// ------------------------------------------------------------------ common
+
+QString DispatchQueue::label() const
+{
+    return state_ ? state_->label : QStringLiteral("main");
+}
+
+QualityOfService DispatchQueue::qualityOfService() const
+{
+    return state_ ? state_->qos : QualityOfService::UserInteractive;
+}
+
+bool DispatchQueue::isCurrent() const
+{
+    if (state_)
+        return tlsCurrentQueue == state_.get();
+    QCoreApplication* app = QCoreApplication::instance();
+    return app && QThread::currentThread() == app->thread();
+}
+
+void DispatchQueue::async(Block block)
+{
+    if (state_) {
+        state_->enqueue(std::move(block));
+        return;
+    }
+    QMetaObject::invokeMethod(mainContext(), std::move(block), Qt::QueuedConnection);
+}
+
+void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item)
+{
+    async([item] { item->perform(); });
+}
+
+void DispatchQueue::sync(const Block& block)
+{
+    if (isCurrent()) {
+        block();
+        return;
+    }
+    if (!state_) {
+        QMetaObject::invokeMethod(mainContext(), block, Qt::BlockingQueuedConnection);
+        return;
+    }
+    std::mutex doneMutex;
+    std::condition_variable doneSignal;
+    bool done = false;
+    state_->enqueue([&] {
+        block();
+        std::lock_guard lock(doneMutex);
+        done = true;
+        doneSignal.notify_one();
+    });
+    std::unique_lock lock(doneMutex);
+    doneSignal.wait(lock, [&] { return done; });
+}
+
+void DispatchQueue::asyncAfter(Duration delay, Block block)
+{
+    if (delay < Duration::zero())
+        delay = Duration::zero();
+    if (state_) {
+        state_->enqueueAt(State::Clock::now() + delay, std::move(block));
+        return;
+    }
+    // Timers belong to the thread that starts them: start it on the GUI thread.
+    const auto deadline = State::Clock::now() + delay;
+    QMetaObject::invokeMethod(
+        mainContext(),
+        [deadline, block = std::move(block)]() mutable {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - State::Clock::now());
+            QTimer::singleShot(std::max<std::chrono::milliseconds>(left, std::chrono::milliseconds(0)),
+                               Qt::PreciseTimer, mainContext(), std::move(block));
+        },
+        Qt::QueuedConnection);
+}
+
+void DispatchQueue::asyncAfter(Duration delay, const std::shared_ptr<DispatchWorkItem>& item)
+{
+    asyncAfter(delay, [item] { item->perform(); });
+}
+
+void DispatchQueue::asyncAfter(double seconds, Block block)
+{
+    asyncAfter(std::chrono::duration_cast<Duration>(std::chrono::duration<double>(seconds)), std::move(block));
+}
+
+}  // namespace zavo::platform

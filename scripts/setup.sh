@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages ZavoCamera needs (as root, or through sudo),
+# then configures and builds it.
+#   scripts/setup.sh            release build with debug info in build/
+#   scripts/setup.sh --asan     AddressSanitizer + UBSan build in build-asan/
+#   scripts/setup.sh --tsan     ThreadSanitizer build in build-tsan/
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build_dir=build
+sanitize=""
+case "${1:-}" in
+  --asan) build_dir=build-asan; sanitize=address ;;
+  --tsan) build_dir=build-tsan; sanitize=thread ;;
+  "") ;;
+  *) echo "usage: $0 [--asan|--tsan]" >&2; exit 2 ;;
+esac
+
+packages=(
+  cmake ninja-build g++ pkg-config
+  qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg
+  libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev opencv-data
+  libbenchmark-dev fonts-dejavu-core
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+if ((${#missing[@]})); then
+  echo "== installing: ${missing[*]}"
+  as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "need root or sudo to install packages" >&2; exit 1; }
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+echo "== configuring $build_dir"
+cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZAVO_SANITIZE="$sanitize" >/dev/null
+echo "== building $build_dir"
+cmake --build "$build_dir" -j"$(nproc)"

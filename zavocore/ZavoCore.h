@@ -1,0 +1,20 @@
+#pragma once
+// The core framework's error domain and string lookup.
+#include "platform/Bundle.h"
+
+#include <QString>
+
+namespace zavo::core {
+
+/// Domain of every error the core framework reports (its detector's guidance
+/// and ending errors, and the recorders' recompression error).
+inline const QString kZCErrorDomain = QStringLiteral("com.zavo.ZavoCore.ErrorDomain");
+
+/// The core framework's bundle (its resources and string table).
+const platform::Bundle& zavoCoreBundle();
+
+/// Looks key up in the core framework's string table; a missing entry yields
+/// the key itself.
+QString zc_localized(const QString& key);
+
+}  // namespace zavo::core
