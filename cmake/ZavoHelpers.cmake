@@ -65,3 +65,14 @@ function(zavo_add_test name)
     LABELS "${ARG_LABELS}"
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_RULES=qt.qpa.*=false;HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name};XDG_CONFIG_HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name}/.config;ASAN_OPTIONS=detect_leaks=1:abort_on_error=0;UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
 endfunction()
+
+# zavo_glob_sources(<out-sources> <out-public-headers>): the .cpp files of the
+# current folder, and its headers except the private ones (*_p.h), which are
+# never installed.
+function(zavo_glob_sources out_sources out_headers)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  list(FILTER headers EXCLUDE REGEX "_p\\.h$")
+  set(${out_sources} ${sources} PARENT_SCOPE)
+  set(${out_headers} ${headers} PARENT_SCOPE)
+endfunction()
