@@ -1,0 +1,314 @@
+#include "platform/VideoFrameConverter.h"
+
+#include "platform/FFmpeg_p.h"
+#include "platform/Log.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <tuple>
+
+namespace zavo::platform {
+
+ImagePlanes ImagePlanes::of(PixelBuffer& buffer)
+{
+    ImagePlanes planes;
+    planes.avPixelFormat = avPixelFormatOf(buffer.pixelFormat());
+    planes.width = buffer.width();
+    planes.height = buffer.height();
+    for (int plane = 0; plane < buffer.planeCount(); ++plane) {
+        planes.data[plane] = buffer.baseAddress(plane);
+        planes.bytesPerRow[plane] = static_cast<int>(buffer.bytesPerRow(plane));
+    }
+    planes.fullRange = buffer.pixelFormat() == PixelFormat::NV12FullRange;
+    return planes;
+}
+
+int avPixelFormatOf(PixelFormat format)
+{
+    switch (format) {
+    case PixelFormat::BGRA32: return AV_PIX_FMT_BGRA;
+    case PixelFormat::ARGB32: return AV_PIX_FMT_ARGB;
+    case PixelFormat::NV12VideoRange:
+    case PixelFormat::NV12FullRange: return AV_PIX_FMT_NV12;
+    }
+    return AV_PIX_FMT_NONE;
+}
+
+namespace {
+
+bool isYuv(const AVPixFmtDescriptor* desc) { return !(desc->flags & AV_PIX_FMT_FLAG_RGB) && desc->nb_components >= 3; }
+
+int swsFlags(VideoFrameConverter::Scaling scaling)
+{
+    switch (scaling) {
+    case VideoFrameConverter::Scaling::FastBilinear: return SWS_FAST_BILINEAR;
+    case VideoFrameConverter::Scaling::Bilinear: return SWS_BILINEAR;
+    case VideoFrameConverter::Scaling::Bicubic: return SWS_BICUBIC;
+    case VideoFrameConverter::Scaling::Area: return SWS_AREA;
+    }
+    return SWS_BILINEAR;
+}
+
+/// One plane of an image, in the terms the turning pass needs.
+struct PlaneGeometry {
+    int width = 0;
+    int height = 0;
+    int bytesPerElement = 0;
+};
+
+/// The planes of format at width x height, or false when a plane does not
+/// hold whole pixels (packed 4:2:2, bit-packed formats), which cannot be
+/// turned element by element.
+bool planeGeometry(AVPixelFormat format, int width, int height, PlaneGeometry out[4], int& planeCount)
+{
+    const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(format);
+    if (!desc || (desc->flags & (AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_PAL)))
+        return false;
+    planeCount = av_pix_fmt_count_planes(format);
+    if (planeCount <= 0 || planeCount > 4)
+        return false;
+    for (int plane = 0; plane < planeCount; ++plane) {
+        int step = 0;
+        for (int c = 0; c < desc->nb_components; ++c) {
+            if (desc->comp[c].plane == plane)
+                step = std::max(step, desc->comp[c].step);
+        }
+        if (step <= 0 || step > 8)
+            return false;
+        const bool chromaPlane = (plane == 1 || plane == 2) && isYuv(desc);
+        if (planeCount == 1 && (desc->log2_chroma_w || desc->log2_chroma_h))
+            return false;  // packed and subsampled: two pixels share one chroma pair
+        out[plane].width = chromaPlane ? AV_CEIL_RSHIFT(width, desc->log2_chroma_w) : width;
+        out[plane].height = chromaPlane ? AV_CEIL_RSHIFT(height, desc->log2_chroma_h) : height;
+        out[plane].bytesPerElement = step;
+    }
+    return true;
+}
+
+template <size_t N>
+struct Element {
+    uint8_t bytes[N];
+};
+
+/// Copies src into dst turned by rotation (clockwise) and then mirrored. Each
+/// destination row is a straight walk through the source with a constant
+/// byte step, done in square tiles so that turned reads stay in cache.
+template <typename T>
+void remapPlane(const uint8_t* src, ptrdiff_t srcStride, uint8_t* dst, ptrdiff_t dstStride, int dw, int dh,
+                int rotation, bool mirrored)
+{
+    constexpr int kTile = 64;
+    const ptrdiff_t elem = sizeof(T);
+    const int mx = mirrored ? -1 : 1;
+    const int cx = mirrored ? dw - 1 : 0;
+    for (int ty = 0; ty < dh; ty += kTile) {
+        const int yEnd = std::min(ty + kTile, dh);
+        for (int tx = 0; tx < dw; tx += kTile) {
+            const int xEnd = std::min(tx + kTile, dw);
+            for (int y = ty; y < yEnd; ++y) {
+                // Source coordinates are linear in x on one destination row:
+                // sx = ax * x + bx, sy = ay * x + by.
+                int ax = 0, bx = 0, ay = 0, by = 0;
+                switch (rotation) {
+                case 90: bx = y; ay = -mx; by = dw - 1 - cx; break;
+                case 180: ax = -mx; bx = dw - 1 - cx; by = dh - 1 - y; break;
+                case 270: bx = dh - 1 - y; ay = mx; by = cx; break;
+                default: ax = mx; bx = cx; by = y; break;
+                }
+                const ptrdiff_t step = ay * srcStride + ax * elem;
+                const uint8_t* in = src + (ay * tx + by) * srcStride + (ax * tx + bx) * elem;
+                T* out = reinterpret_cast<T*>(dst + y * dstStride) + tx;
+                for (int x = tx; x < xEnd; ++x, in += step)
+                    std::memcpy(out++, in, sizeof(T));
+            }
+        }
+    }
+}
+
+void remap(const uint8_t* src, ptrdiff_t srcStride, uint8_t* dst, ptrdiff_t dstStride, const PlaneGeometry& plane,
+           int rotation, bool mirrored)
+{
+    switch (plane.bytesPerElement) {
+    case 1: remapPlane<uint8_t>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    case 2: remapPlane<uint16_t>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    case 3: remapPlane<Element<3>>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    case 4: remapPlane<uint32_t>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    case 6: remapPlane<Element<6>>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    case 8: remapPlane<uint64_t>(src, srcStride, dst, dstStride, plane.width, plane.height, rotation, mirrored); break;
+    default: break;
+    }
+}
+
+struct AlignedFree {
+    void operator()(uint8_t* p) const { std::free(p); }
+};
+
+}  // namespace
+
+struct VideoFrameConverter::Private {
+    bool mirrored = false;
+    int rotation = 0;
+    Scaling scaling = Scaling::Bilinear;
+
+    // The cached scaler and what it was built for.
+    ffmpeg::SwsContextUPtr sws;
+    using Key = std::tuple<int, int, int, bool, int, int, int, bool, int>;
+    Key swsKey{};
+    int setupCount = 0;
+
+    // Scratch image that holds the scaled, not yet turned picture.
+    std::unique_ptr<uint8_t, AlignedFree> scratch;
+    size_t scratchCapacity = 0;
+
+    SwsContext* scaler(const ImagePlanes& src, int dstFormat, int dstWidth, int dstHeight, bool dstFullRange);
+    uint8_t* scratchOfSize(size_t size);
+    bool convert(const ImagePlanes& src, const ImagePlanes& dst);
+};
+
+SwsContext* VideoFrameConverter::Private::scaler(const ImagePlanes& src, int dstFormat, int dstWidth, int dstHeight,
+                                                 bool dstFullRange)
+{
+    const int flags = swsFlags(scaling);
+    const Key key{src.avPixelFormat, src.width, src.height, src.fullRange, dstFormat, dstWidth, dstHeight,
+                  dstFullRange, flags};
+    if (sws && key == swsKey)
+        return sws.get();
+    sws.reset(sws_getContext(src.width, src.height, AVPixelFormat(src.avPixelFormat), dstWidth, dstHeight,
+                             AVPixelFormat(dstFormat), flags, nullptr, nullptr, nullptr));
+    if (!sws)
+        return nullptr;
+    swsKey = key;
+    ++setupCount;
+    const AVPixFmtDescriptor* srcDesc = av_pix_fmt_desc_get(AVPixelFormat(src.avPixelFormat));
+    const AVPixFmtDescriptor* dstDesc = av_pix_fmt_desc_get(AVPixelFormat(dstFormat));
+    if ((src.fullRange && isYuv(srcDesc)) || (dstFullRange && isYuv(dstDesc))) {
+        // Only the range differs from swscale's defaults; the matrix stays
+        // BT.601, as the ffmpeg command line and the camera formats use it.
+        const int* table = sws_getCoefficients(SWS_CS_ITU601);
+        sws_setColorspaceDetails(sws.get(), table, src.fullRange ? 1 : 0, table, dstFullRange ? 1 : 0, 0, 1 << 16,
+                                 1 << 16);
+    }
+    return sws.get();
+}
+
+uint8_t* VideoFrameConverter::Private::scratchOfSize(size_t size)
+{
+    if (size > scratchCapacity) {
+        constexpr size_t kAlignment = 64;
+        const size_t rounded = (size + kAlignment - 1) / kAlignment * kAlignment;
+        scratch.reset(static_cast<uint8_t*>(std::aligned_alloc(kAlignment, rounded)));
+        scratchCapacity = scratch ? rounded : 0;
+    }
+    return scratch.get();
+}
+
+bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePlanes& dst)
+{
+    const auto srcFormat = AVPixelFormat(src.avPixelFormat);
+    const auto dstFormat = AVPixelFormat(dst.avPixelFormat);
+    if (!av_pix_fmt_desc_get(srcFormat) || !av_pix_fmt_desc_get(dstFormat) || src.width <= 0 || src.height <= 0
+        || dst.width <= 0 || dst.height <= 0 || !src.data[0] || !dst.data[0])
+        return false;
+
+    const bool turned = rotation == 90 || rotation == 270;
+    const int scaledWidth = turned ? dst.height : dst.width;
+    const int scaledHeight = turned ? dst.width : dst.height;
+
+    if (rotation == 0 && !mirrored) {
+        SwsContext* context = scaler(src, dstFormat, dst.width, dst.height, dst.fullRange);
+        return context && sws_scale(context, src.data, src.bytesPerRow, 0, src.height, dst.data, dst.bytesPerRow) > 0;
+    }
+
+    PlaneGeometry planes[4];
+    int planeCount = 0;
+    if (!planeGeometry(dstFormat, dst.width, dst.height, planes, planeCount))
+        return false;
+    if (turned) {
+        const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(dstFormat);
+        if (desc->log2_chroma_w != desc->log2_chroma_h)
+            return false;  // a turned 4:2:2 picture would need 4:4:0 chroma
+    }
+
+    // A source already in the destination's shape is turned straight from its
+    // own planes; otherwise it is scaled into scratch planes first, at the
+    // smaller of the two sizes, so the turning pass touches fewer pixels.
+    const uint8_t* turnFrom[4] = {};
+    int turnStride[4] = {};
+    const bool sameShape = srcFormat == dstFormat && src.width == scaledWidth && src.height == scaledHeight
+        && src.fullRange == dst.fullRange;
+    if (sameShape) {
+        std::copy(std::begin(src.data), std::end(src.data), turnFrom);
+        std::copy(std::begin(src.bytesPerRow), std::end(src.bytesPerRow), turnStride);
+    } else {
+        SwsContext* context = scaler(src, dstFormat, scaledWidth, scaledHeight, dst.fullRange);
+        if (!context)
+            return false;
+        uint8_t* scratchPlanes[4] = {};
+        const int size = av_image_fill_linesizes(turnStride, dstFormat, scaledWidth) < 0
+            ? -1
+            : av_image_get_buffer_size(dstFormat, scaledWidth, scaledHeight, 64);
+        if (size < 0)
+            return false;
+        uint8_t* memory = scratchOfSize(size_t(size));
+        if (!memory
+            || av_image_fill_arrays(scratchPlanes, turnStride, memory, dstFormat, scaledWidth, scaledHeight, 64) < 0)
+            return false;
+        if (sws_scale(context, src.data, src.bytesPerRow, 0, src.height, scratchPlanes, turnStride) <= 0)
+            return false;
+        std::copy(std::begin(scratchPlanes), std::end(scratchPlanes), turnFrom);
+    }
+    for (int plane = 0; plane < planeCount; ++plane)
+        remap(turnFrom[plane], turnStride[plane], dst.data[plane], dst.bytesPerRow[plane], planes[plane], rotation,
+              mirrored);
+    return true;
+}
+
+VideoFrameConverter::VideoFrameConverter() : d(std::make_unique<Private>()) {}
+VideoFrameConverter::~VideoFrameConverter() = default;
+VideoFrameConverter::VideoFrameConverter(VideoFrameConverter&&) noexcept = default;
+VideoFrameConverter& VideoFrameConverter::operator=(VideoFrameConverter&&) noexcept = default;
+
+void VideoFrameConverter::setMirrored(bool mirrored) { d->mirrored = mirrored; }
+bool VideoFrameConverter::isMirrored() const { return d->mirrored; }
+
+void VideoFrameConverter::setRotation(int degreesClockwise)
+{
+    const int normalized = ((degreesClockwise % 360) + 360) % 360;
+    d->rotation = normalized / 90 * 90;
+}
+
+int VideoFrameConverter::rotation() const { return d->rotation; }
+void VideoFrameConverter::setScaling(Scaling scaling) { d->scaling = scaling; }
+VideoFrameConverter::Scaling VideoFrameConverter::scaling() const { return d->scaling; }
+int VideoFrameConverter::scalerSetupCount() const { return d->setupCount; }
+
+bool VideoFrameConverter::convert(PixelBuffer& source, PixelBuffer& destination)
+{
+    source.lockBaseAddress(PixelBuffer::ReadOnly);
+    destination.lockBaseAddress();
+    const bool converted = d->convert(ImagePlanes::of(source), ImagePlanes::of(destination));
+    destination.unlockBaseAddress();
+    source.unlockBaseAddress(PixelBuffer::ReadOnly);
+    return converted;
+}
+
+bool VideoFrameConverter::convert(const ImagePlanes& source, PixelBuffer& destination)
+{
+    destination.lockBaseAddress();
+    const bool converted = d->convert(source, ImagePlanes::of(destination));
+    destination.unlockBaseAddress();
+    return converted;
+}
+
+bool VideoFrameConverter::convert(const ImagePlanes& source, const ImagePlanes& destination)
+{
+    return d->convert(source, destination);
+}
+
+}  // namespace zavo::platform

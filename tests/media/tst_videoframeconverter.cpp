@@ -1,0 +1,199 @@
+// Scaling, format conversion, mirroring and turning of frames.
+#include "platform/VideoFrameConverter.h"
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+#include <QtTest>
+#include <cstring>
+#include <vector>
+
+using namespace zavo::platform;
+
+namespace {
+
+/// A pixel whose four bytes name its position, so any mix-up shows.
+uint32_t tag(int x, int y) { return 0xff000000u | uint32_t(y) << 8 | uint32_t(x); }
+
+std::shared_ptr<PixelBuffer> taggedBuffer(int width, int height, PixelFormat format = PixelFormat::BGRA32)
+{
+    auto buffer = PixelBuffer::create(width, height, format);
+    for (int y = 0; y < height; ++y) {
+        auto* row = reinterpret_cast<uint32_t*>(buffer->baseAddress() + y * buffer->bytesPerRow());
+        for (int x = 0; x < width; ++x)
+            row[x] = tag(x, y);
+    }
+    return buffer;
+}
+
+uint32_t pixelAt(const PixelBuffer& buffer, int x, int y)
+{
+    uint32_t value;
+    std::memcpy(&value, buffer.baseAddress() + y * buffer.bytesPerRow() + x * 4, 4);
+    return value;
+}
+
+/// Where destination pixel (x, y) comes from in a w x h source, for a
+/// clockwise turn followed by a left-right mirror.
+QPoint sourceOf(int x, int y, int w, int h, int rotation, bool mirrored)
+{
+    const int dw = (rotation % 180) ? h : w;
+    if (mirrored)
+        x = dw - 1 - x;
+    switch (rotation) {
+    case 90: return {y, h - 1 - x};
+    case 180: return {w - 1 - x, h - 1 - y};
+    case 270: return {w - 1 - y, x};
+    default: return {x, y};
+    }
+}
+
+}  // namespace
+
+class TstVideoFrameConverter : public QObject {
+    Q_OBJECT
+
+private slots:
+    void turnsAndMirrorsEveryPixel_data()
+    {
+        QTest::addColumn<int>("rotation");
+        QTest::addColumn<bool>("mirrored");
+        QTest::addColumn<int>("destinationFormat");
+        for (int rotation : {0, 90, 180, 270}) {
+            for (bool mirrored : {false, true}) {
+                // BGRA into BGRA turns the source's own planes; into ARGB it
+                // goes through the scaler and the scratch planes first.
+                QTest::addRow("%d%s-bgra", rotation, mirrored ? "-mirrored" : "")
+                    << rotation << mirrored << int(PixelFormat::BGRA32);
+                QTest::addRow("%d%s-argb", rotation, mirrored ? "-mirrored" : "")
+                    << rotation << mirrored << int(PixelFormat::ARGB32);
+            }
+        }
+    }
+
+    void turnsAndMirrorsEveryPixel()
+    {
+        QFETCH(int, rotation);
+        QFETCH(bool, mirrored);
+        QFETCH(int, destinationFormat);
+        // Wider than one 64-pixel tile, with odd sizes, to reach the edges.
+        const int w = 131, h = 70;
+        auto source = taggedBuffer(w, h);
+        const bool turned = rotation % 180 != 0;
+        auto destination = PixelBuffer::create(turned ? h : w, turned ? w : h, PixelFormat(destinationFormat));
+        VideoFrameConverter converter;
+        converter.setRotation(rotation);
+        converter.setMirrored(mirrored);
+        QVERIFY(converter.convert(*source, *destination));
+        for (int y = 0; y < destination->height(); ++y) {
+            for (int x = 0; x < destination->width(); ++x) {
+                const QPoint from = sourceOf(x, y, w, h, rotation, mirrored);
+                uint32_t expected = tag(from.x(), from.y());
+                if (PixelFormat(destinationFormat) == PixelFormat::ARGB32)
+                    expected = __builtin_bswap32(expected);  // B,G,R,A bytes become A,R,G,B
+                if (pixelAt(*destination, x, y) != expected)
+                    QFAIL(qPrintable(QStringLiteral("pixel %1,%2").arg(x).arg(y)));
+            }
+        }
+    }
+
+    void scalesYuvCameraFormatsIntoBgra_data()
+    {
+        QTest::addColumn<int>("format");
+        QTest::newRow("yuyv422") << int(AV_PIX_FMT_YUYV422);
+        QTest::newRow("yuv420p") << int(AV_PIX_FMT_YUV420P);
+        QTest::newRow("nv12") << int(AV_PIX_FMT_NV12);
+    }
+
+    void scalesYuvCameraFormatsIntoBgra()
+    {
+        QFETCH(int, format);
+        // Video-range pure red: Y 81, Cb 90, Cr 240 (BT.601).
+        const int w = 64, h = 48;
+        std::vector<uint8_t> y(w * h, 81), cb(w * h, 90), cr(w * h, 240), packed(w * h * 2);
+        for (int i = 0; i < w * h / 2; ++i) {
+            const uint8_t quad[4] = {81, 90, 81, 240};
+            std::memcpy(&packed[i * 4], quad, 4);
+        }
+        std::vector<uint8_t> interleaved(w * h / 2);
+        for (size_t i = 0; i < interleaved.size(); i += 2) {
+            interleaved[i] = 90;
+            interleaved[i + 1] = 240;
+        }
+        ImagePlanes planes;
+        planes.avPixelFormat = format;
+        planes.width = w;
+        planes.height = h;
+        if (format == AV_PIX_FMT_YUYV422) {
+            planes.data[0] = packed.data();
+            planes.bytesPerRow[0] = w * 2;
+        } else if (format == AV_PIX_FMT_NV12) {
+            planes.data[0] = y.data();
+            planes.data[1] = interleaved.data();
+            planes.bytesPerRow[0] = w;
+            planes.bytesPerRow[1] = w;
+        } else {
+            planes.data[0] = y.data();
+            planes.data[1] = cb.data();
+            planes.data[2] = cr.data();
+            planes.bytesPerRow[0] = w;
+            planes.bytesPerRow[1] = planes.bytesPerRow[2] = w / 2;
+        }
+        auto destination = PixelBuffer::create(32, 96, PixelFormat::BGRA32);
+        VideoFrameConverter converter;
+        converter.setRotation(90);
+        QVERIFY(converter.convert(planes, *destination));
+        const uint8_t* p = destination->baseAddress() + 40 * destination->bytesPerRow() + 16 * 4;
+        QVERIFY2(p[0] < 12 && p[1] < 12 && p[2] > 240, qPrintable(QStringLiteral("%1 %2 %3").arg(p[0]).arg(p[1]).arg(p[2])));
+    }
+
+    void rebuildsTheScalerOnlyWhenTheShapeChanges()
+    {
+        VideoFrameConverter converter;
+        auto big = taggedBuffer(320, 240);
+        auto small = PixelBuffer::create(160, 120, PixelFormat::NV12VideoRange);
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(converter.convert(*big, *small));
+        QCOMPARE(converter.scalerSetupCount(), 1);
+        auto other = PixelBuffer::create(80, 60, PixelFormat::NV12VideoRange);
+        QVERIFY(converter.convert(*big, *other));
+        QCOMPARE(converter.scalerSetupCount(), 2);
+        auto fullRange = PixelBuffer::create(80, 60, PixelFormat::NV12FullRange);
+        QVERIFY(converter.convert(*big, *fullRange));
+        QCOMPARE(converter.scalerSetupCount(), 3);
+        // Video range maps black to 16, full range to 0.
+        auto black = PixelBuffer::create(320, 240, PixelFormat::BGRA32);
+        std::memset(black->baseAddress(), 0, black->dataSize());
+        QVERIFY(converter.convert(*black, *fullRange));
+        QVERIFY(converter.convert(*black, *other));
+        QCOMPARE(int(fullRange->baseAddress()[0]), 0);
+        QCOMPARE(int(other->baseAddress()[0]), 16);
+    }
+
+    void refusesWhatItCannotTurnAndLeavesTheDestinationAlone()
+    {
+        VideoFrameConverter converter;
+        converter.setRotation(90);
+        auto source = taggedBuffer(8, 4);
+        std::vector<uint8_t> packed(4 * 8 * 2, 0x5a);
+        ImagePlanes yuyv;
+        yuyv.avPixelFormat = AV_PIX_FMT_YUYV422;
+        yuyv.width = 4;
+        yuyv.height = 8;
+        yuyv.data[0] = packed.data();
+        yuyv.bytesPerRow[0] = 8;
+        source->lockBaseAddress();
+        QVERIFY(!converter.convert(ImagePlanes::of(*source), yuyv));
+        source->unlockBaseAddress();
+        QVERIFY(std::all_of(packed.begin(), packed.end(), [](uint8_t b) { return b == 0x5a; }));
+
+        ImagePlanes unknown = yuyv;
+        unknown.avPixelFormat = -1;
+        auto destination = PixelBuffer::create(4, 8, PixelFormat::BGRA32);
+        QVERIFY(!converter.convert(unknown, *destination));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstVideoFrameConverter)
+#include "tst_videoframeconverter.moc"
