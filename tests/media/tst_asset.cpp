@@ -1,0 +1,247 @@
+// Reading media files: track lists, transforms, decoding, and every way a
+// file can be unusable.
+#include "MediaTestSupport.h"
+#include "platform/Asset.h"
+
+#include <QCoreApplication>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+#include <future>
+
+using namespace zavo::platform;
+using namespace zavo::test;
+
+namespace {
+
+struct LoadResult {
+    std::vector<AssetTrackPtr> tracks;
+    ErrorPtr error;
+    QThread* thread = nullptr;
+};
+
+LoadResult loadVideoTracks(const QString& path)
+{
+    auto promise = std::make_shared<std::promise<LoadResult>>();
+    auto future = promise->get_future();
+    Asset::assetWithPath(path)->loadTracksWithMediaType(MediaType::Video, [promise](auto tracks, ErrorPtr error) {
+        promise->set_value(LoadResult{std::move(tracks), std::move(error), QThread::currentThread()});
+    });
+    if (future.wait_for(std::chrono::seconds(20)) != std::future_status::ready)
+        return {};
+    return future.get();
+}
+
+struct Decoded {
+    std::vector<SampleBuffer> samples;
+    AssetReader::Status status = AssetReader::Status::Unknown;
+};
+
+Decoded decodeAll(const QString& path, AssetReaderOutputSettings settings = {}, bool copies = false)
+{
+    Decoded decoded;
+    auto asset = Asset::assetWithPath(path);
+    auto reader = AssetReader::create(asset);
+    if (!reader)
+        return decoded;
+    auto tracks = asset->tracksWithMediaType(MediaType::Video);
+    if (tracks.empty())
+        return decoded;
+    auto output = AssetReaderTrackOutput::create(tracks.front(), settings);
+    output->setAlwaysCopiesSampleData(copies);
+    reader->addOutput(output);
+    reader->startReading();
+    for (SampleBuffer sample = output->copyNextSampleBuffer(); sample.isValid(); sample = output->copyNextSampleBuffer())
+        decoded.samples.push_back(sample);
+    decoded.status = reader->status();
+    return decoded;
+}
+
+}  // namespace
+
+class TstAsset : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir;
+    QString clip;         // 160x96, 30 frames at 30 fps, video and audio
+    QString rotated;      // the same, with a quarter turn in its display matrix
+    QString audioOnly;
+
+private slots:
+    void initTestCase()
+    {
+        if (!haveFfmpegTools())
+            QSKIP("ffmpeg and ffprobe are needed to make the test clips");
+        QVERIFY(dir.isValid());
+        clip = dir.filePath("clip.mp4");
+        rotated = dir.filePath("rotated.mp4");
+        audioOnly = dir.filePath("audio.m4a");
+        QString errors;
+        QVERIFY2(ffmpeg({"-f", "lavfi", "-i", "testsrc=size=160x96:rate=30:duration=1", "-f", "lavfi", "-i",
+                         "sine=duration=1", "-c:v", "libx264", "-pix_fmt", "yuv420p", "-c:a", "aac", "-shortest", clip},
+                        &errors),
+                 qPrintable(errors));
+        QVERIFY(ffmpeg({"-i", clip, "-c", "copy", "-metadata:s:v:0", "rotate=270", rotated}));
+        QVERIFY(ffmpeg({"-f", "lavfi", "-i", "sine=duration=1", "-c:a", "aac", audioOnly}));
+    }
+
+    void loadsTrackPropertiesOnABackgroundQueue()
+    {
+        const LoadResult result = loadVideoTracks(QStringLiteral(ZAVO_TEST_DATA_DIR "/A_zoom_blur_dark.mp4"));
+        QVERIFY(!result.error);
+        QCOMPARE(result.tracks.size(), size_t(1));
+        QVERIFY(result.thread && result.thread != QCoreApplication::instance()->thread());
+        const AssetTrackPtr& track = result.tracks.front();
+        QCOMPARE(track->naturalSize(), QSize(720, 1280));
+        QCOMPARE(track->nominalFrameRate(), 30.0f);
+        QCOMPARE(track->duration().seconds(), 4.0);
+        QVERIFY(track->preferredTransform().isIdentity());
+        QCOMPARE(track->codecName(), QStringLiteral("h264"));
+    }
+
+    void preferredTransformIsTheDisplayMatrix()
+    {
+        const LoadResult result = loadVideoTracks(rotated);
+        QCOMPARE(result.tracks.size(), size_t(1));
+        // A clockwise quarter turn of a 160x96 picture: x' = -y (+ height), y' = x.
+        const QTransform t = result.tracks.front()->preferredTransform();
+        QCOMPARE(t.m11(), 0.0);
+        QCOMPARE(t.m12(), 1.0);
+        QCOMPARE(t.m21(), -1.0);
+        QCOMPARE(t.m22(), 0.0);
+        auto asset = Asset::assetWithPath(rotated);
+        QCOMPARE(asset->tracksWithMediaType(MediaType::Audio).size(), size_t(1));
+    }
+
+    void unusableFilesGiveErrors_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<long>("code");
+        QTest::addColumn<bool>("readable");
+        QTest::newRow("missing") << "missing.mp4" << QByteArray() << long(MediaErrorCode::FileNotFound) << false;
+        QTest::newRow("empty") << "empty.mp4" << QByteArray("") << long(MediaErrorCode::FileFormatNotRecognized) << false;
+        QTest::newRow("text") << "notes.mp4" << QByteArray("not a movie at all\n").repeated(50)
+                              << long(MediaErrorCode::FileFormatNotRecognized) << false;
+        QTest::newRow("audio only") << "" << QByteArray() << long(MediaErrorCode::NoSuchTrack) << true;
+    }
+
+    void unusableFilesGiveErrors()
+    {
+        QFETCH(QString, name);
+        QFETCH(QByteArray, content);
+        QFETCH(long, code);
+        QFETCH(bool, readable);
+        QString path = name.isEmpty() ? audioOnly : dir.filePath(name);
+        if (!content.isNull()) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(content);
+        }
+        const LoadResult result = loadVideoTracks(path);
+        QVERIFY(result.tracks.empty());
+        QVERIFY(result.error);
+        QCOMPARE(result.error->domain(), kMediaErrorDomain);
+        QCOMPARE(result.error->code(), code);
+
+        ErrorPtr error;
+        auto reader = AssetReader::create(Asset::assetWithPath(path), &error);
+        QCOMPARE(bool(reader), readable);
+        QCOMPARE(bool(error), !readable);
+    }
+
+    void decodesEveryFrameWithItsTime()
+    {
+        const Decoded argb = decodeAll(clip);
+        QCOMPARE(argb.status, AssetReader::Status::Completed);
+        QCOMPARE(argb.samples.size(), size_t(30));
+        for (size_t i = 0; i < argb.samples.size(); ++i) {
+            const SampleBuffer& sample = argb.samples[i];
+            QCOMPARE(sample.presentationTimeStamp(), MediaTime::make(int64_t(i), 30));
+            QCOMPARE(sample.imageBuffer()->pixelFormat(), PixelFormat::ARGB32);
+            QCOMPARE(sample.imageBuffer()->width(), 160);
+        }
+        // The same frame asked for as BGRA holds the same pixels in the other
+        // byte order (testsrc's first frame starts with opaque colour bars).
+        const Decoded bgra = decodeAll(clip, {PixelFormat::BGRA32, 80, 48}, true);
+        QCOMPARE(bgra.samples.size(), size_t(30));
+        const auto& small = bgra.samples.front().imageBuffer();
+        QCOMPARE(small->width(), 80);
+        QCOMPARE(small->pixelFormat(), PixelFormat::BGRA32);
+        const uint8_t* a = argb.samples.front().imageBuffer()->baseAddress() + 40 * argb.samples.front().imageBuffer()->bytesPerRow();
+        const uint8_t* b = small->baseAddress() + 20 * small->bytesPerRow();
+        QCOMPARE(int(a[0]), 255);
+        QCOMPARE(int(b[3]), 255);
+        QVERIFY(qAbs(int(a[1]) - int(b[2])) < 24 && qAbs(int(a[3]) - int(b[0])) < 24);
+    }
+
+    void reusesPooledBuffersOnceReleased()
+    {
+        auto asset = Asset::assetWithPath(clip);
+        auto reader = AssetReader::create(asset);
+        auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
+        output->setAlwaysCopiesSampleData(false);
+        reader->addOutput(output);
+        QVERIFY(reader->startReading());
+        const uint8_t* first = nullptr;
+        for (int i = 0; i < 10; ++i) {
+            SampleBuffer sample = output->copyNextSampleBuffer();
+            QVERIFY(sample.isValid());
+            if (!first)
+                first = sample.imageBuffer()->baseAddress();
+            QCOMPARE(sample.imageBuffer()->baseAddress(), first);
+        }
+    }
+
+    void refusesOutputsItCannotServe()
+    {
+        auto asset = Asset::assetWithPath(clip);
+        auto other = Asset::assetWithPath(rotated);
+        auto reader = AssetReader::create(asset);
+        auto foreign = AssetReaderTrackOutput::create(other->tracksWithMediaType(MediaType::Video).front());
+        QVERIFY(!reader->canAddOutput(foreign));
+        QVERIFY(!AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Audio).front()));
+        auto own = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
+        QVERIFY(reader->canAddOutput(own));
+        reader->addOutput(own);
+        QVERIFY(!reader->canAddOutput(own));
+        QVERIFY(reader->startReading());
+        QVERIFY(!reader->startReading());
+        auto late = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
+        QVERIFY(!reader->canAddOutput(late));
+    }
+
+    void cancelStopsDecoding()
+    {
+        auto asset = Asset::assetWithPath(clip);
+        auto reader = AssetReader::create(asset);
+        auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
+        reader->addOutput(output);
+        QVERIFY(reader->startReading());
+        QVERIFY(output->copyNextSampleBuffer().isValid());
+        reader->cancelReading();
+        QCOMPARE(reader->status(), AssetReader::Status::Cancelled);
+        QVERIFY(!output->copyNextSampleBuffer().isValid());
+    }
+
+    void truncatedFileEndsWithoutCrashing()
+    {
+        // Cut a clip whose index comes first in the middle of its frames.
+        const QString whole = dir.filePath("faststart.mp4");
+        QVERIFY(ffmpeg({"-i", clip, "-an", "-c", "copy", "-movflags", "+faststart", whole}));
+        QFile in(whole);
+        QVERIFY(in.open(QIODevice::ReadOnly));
+        const QByteArray bytes = in.readAll();
+        const QString cut = dir.filePath("cut.mp4");
+        QFile out(cut);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(bytes.left(bytes.size() / 2));
+        out.close();
+        const Decoded decoded = decodeAll(cut);
+        QVERIFY(decoded.samples.size() < 30);
+        QVERIFY(decoded.status == AssetReader::Status::Completed || decoded.status == AssetReader::Status::Failed);
+    }
+};
+
+QTEST_GUILESS_MAIN(TstAsset)
+#include "tst_asset.moc"
