@@ -1,0 +1,15 @@
+#include "ui/ZMImages.h"
+
+#include "camera-screen/ZMBundleLink.h"
+
+namespace zavo {
+
+QPixmap zavoCameraImage(const QString& name)
+{
+    QPixmap image = ZMBundleLink::bundle().image(name);
+    if (!image.isNull())
+        image.setDevicePixelRatio(kZavoImageScale);
+    return image;
+}
+
+}  // namespace zavo
