@@ -98,6 +98,7 @@ std::shared_ptr<Asset> Asset::assetWithURL(const QUrl& url)
 
 std::shared_ptr<Asset> Asset::assetWithPath(const QString& path)
 {
+    ffmpeg::quietenLogging();
     return std::shared_ptr<Asset>(new Asset(path));
 }
 
@@ -184,6 +185,7 @@ struct AssetReader::Private {
 
 std::shared_ptr<AssetReader> AssetReader::create(AssetPtr asset, ErrorPtr* error)
 {
+    ffmpeg::quietenLogging();
     ErrorPtr openError;
     auto format = asset ? openMediaFile(asset->path(), &openError) : nullptr;
     if (!format) {

@@ -18,6 +18,7 @@ extern "C" {
 
 #include <QString>
 #include <memory>
+#include <mutex>
 
 namespace zavo::platform::ffmpeg {
 
@@ -130,6 +131,18 @@ inline int openCodec(AVCodecContext* context, const AVCodec* codec, AVDictionary
     const int result = avcodec_open2(context, codec, &raw);
     av_dict_free(&raw);
     return result;
+}
+
+/// FFmpeg prints probing chatter and libx264's statistics at its default level
+/// straight to stderr. Unless the host chose a level of its own, only errors
+/// are printed; the platform layer reports failures through its own errors.
+inline void quietenLogging()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (av_log_get_level() == AV_LOG_INFO)
+            av_log_set_level(AV_LOG_ERROR);
+    });
 }
 
 /// A readable text for an AVERROR code.

@@ -269,7 +269,7 @@ bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePl
     return true;
 }
 
-VideoFrameConverter::VideoFrameConverter() : d(std::make_unique<Private>()) {}
+VideoFrameConverter::VideoFrameConverter() : d(std::make_unique<Private>()) { ffmpeg::quietenLogging(); }
 VideoFrameConverter::~VideoFrameConverter() = default;
 VideoFrameConverter::VideoFrameConverter(VideoFrameConverter&&) noexcept = default;
 VideoFrameConverter& VideoFrameConverter::operator=(VideoFrameConverter&&) noexcept = default;

@@ -1,0 +1,257 @@
+// Writing MP4 files: what ffprobe and the reader see in them, and how the
+// writer behaves when the file cannot be written.
+#include "MediaTestSupport.h"
+#include "platform/Asset.h"
+#include "platform/AssetWriter.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QtTest>
+#include <csignal>
+#include <cstring>
+#include <future>
+
+#include <sys/resource.h>
+
+using namespace zavo::platform;
+using namespace zavo::test;
+
+namespace {
+
+struct Session {
+    AssetWriterPtr writer;
+    AssetWriterInputPtr input;
+    AssetWriterInputPixelBufferAdaptorPtr adaptor;
+};
+
+Session makeSession(const QString& path, int width, int height, PixelBufferAttributes source)
+{
+    Session session;
+    session.writer = AssetWriter::create(QUrl::fromLocalFile(path), FileType::MPEG4);
+    session.input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, width, height});
+    session.adaptor = AssetWriterInputPixelBufferAdaptor::create(session.input, source);
+    session.writer->addInput(session.input);
+    return session;
+}
+
+/// Runs finishWriting and waits for its completion.
+bool finish(const AssetWriterPtr& writer)
+{
+    auto done = std::make_shared<std::promise<void>>();
+    auto future = done->get_future();
+    writer->finishWriting([done] { done->set_value(); });
+    return future.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+}
+
+void fill(PixelBuffer& buffer, uint8_t b, uint8_t g, uint8_t r)
+{
+    for (int y = 0; y < buffer.height(); ++y) {
+        uint8_t* row = buffer.baseAddress() + y * buffer.bytesPerRow();
+        for (int x = 0; x < buffer.width(); ++x) {
+            row[4 * x] = b;
+            row[4 * x + 1] = g;
+            row[4 * x + 2] = r;
+            row[4 * x + 3] = 255;
+        }
+    }
+}
+
+QStringList leftovers(const QString& dir)
+{
+    return QDir(dir).entryList(QDir::Files | QDir::Hidden);
+}
+
+}  // namespace
+
+class TstAssetWriter : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir;
+
+private slots:
+    void initTestCase()
+    {
+        if (!haveFfmpegTools())
+            QSKIP("ffprobe is needed to check the files");
+    }
+
+    void writesScaledH264ThatReadsBack()
+    {
+        const QString path = dir.filePath("colours.mp4");
+        Session s = makeSession(path, 32, 48, {PixelFormat::BGRA32, 64, 96});
+        QVERIFY(!s.adaptor->pixelBufferPool());
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::zero());
+        auto pool = s.adaptor->pixelBufferPool();
+        QVERIFY(pool);
+        QCOMPARE(pool->attributes().width, 64);
+        // Ten frames: red, green, blue, ... so that order and colour both show.
+        const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}};
+        for (int i = 0; i < 10; ++i) {
+            auto buffer = pool->createPixelBuffer();
+            fill(*buffer, colours[i % 3][0], colours[i % 3][1], colours[i % 3][2]);
+            QVERIFY(s.input->isReadyForMoreMediaData());
+            QVERIFY(s.adaptor->appendPixelBuffer(buffer, MediaTime::make(i, 30)));
+        }
+        QVERIFY(!s.adaptor->appendPixelBuffer(pool->createPixelBuffer(), MediaTime::make(5, 30)));
+        s.input->markAsFinished();
+        QVERIFY(!s.input->isReadyForMoreMediaData());
+        QVERIFY(finish(s.writer));
+        QCOMPARE(s.writer->status(), AssetWriter::Status::Completed);
+        QVERIFY(!s.writer->error());
+
+        const QJsonArray streams = probeStreams(path);
+        QCOMPARE(streams.size(), 1);
+        const QJsonObject video = streams.first().toObject();
+        QCOMPARE(video.value("codec_name").toString(), QStringLiteral("h264"));
+        QCOMPARE(video.value("width").toInt(), 32);
+        QCOMPARE(video.value("height").toInt(), 48);
+        QCOMPARE(video.value("nb_frames").toString(), QStringLiteral("10"));
+        const QList<double> times = probeFrameTimes(path);
+        QCOMPARE(times.size(), 10);
+        for (int i = 0; i < times.size(); ++i)
+            QCOMPARE(qRound(times[i] * 30 * 1000), i * 1000);
+
+        auto asset = Asset::assetWithPath(path);
+        auto reader = AssetReader::create(asset);
+        auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front(),
+                                                     {PixelFormat::BGRA32});
+        reader->addOutput(output);
+        QVERIFY(reader->startReading());
+        for (int i = 0; i < 10; ++i) {
+            SampleBuffer sample = output->copyNextSampleBuffer();
+            QVERIFY(sample.isValid());
+            const uint8_t* p = sample.imageBuffer()->baseAddress() + 20 * sample.imageBuffer()->bytesPerRow() + 40;
+            for (int c = 0; c < 3; ++c)
+                QVERIFY2(qAbs(int(p[c]) - colours[i % 3][c]) < 20, qPrintable(QStringLiteral("frame %1").arg(i)));
+        }
+        QVERIFY(!output->copyNextSampleBuffer().isValid());
+    }
+
+    void storesTheTransformAndTheIndexFirst()
+    {
+        const QString path = dir.filePath("portrait.mp4");
+        Session s = makeSession(path, 64, 32, {PixelFormat::ARGB32, 64, 32});
+        const QTransform quarterTurn(0, 1, -1, 0, 32, 0);
+        s.input->setTransform(quarterTurn);
+        s.writer->setShouldOptimizeForNetworkUse(true);
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::make(100, 10));
+        // Frames before the session start are dropped, the rest start at 0.
+        for (int i = 95; i < 105; ++i)
+            QVERIFY(s.adaptor->appendPixelBuffer(s.adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::make(i, 10)));
+        s.input->markAsFinished();
+        QVERIFY(finish(s.writer));
+        QCOMPARE(s.writer->status(), AssetWriter::Status::Completed);
+
+        const QJsonObject video = probeStreams(path).first().toObject();
+        QCOMPARE(probeRotation(video), -90.0);
+        QCOMPARE(video.value("nb_frames").toString(), QStringLiteral("5"));
+        QCOMPARE(probeFrameTimes(path).first(), 0.0);
+        QCOMPARE(Asset::assetWithPath(path)->tracksWithMediaType(MediaType::Video).front()->preferredTransform(),
+                 quarterTurn);
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray bytes = file.readAll();
+        QVERIFY(bytes.indexOf("moov") < bytes.indexOf("mdat"));
+    }
+
+    void pullsFramesThroughTheRequestBlock()
+    {
+        const QString path = dir.filePath("pulled.mp4");
+        Session s = makeSession(path, 16, 16, {PixelFormat::BGRA32, 16, 16});
+        auto queue = DispatchQueue::create("pump");
+        std::promise<bool> onQueue;
+        int next = 0;
+        s.input->requestMediaDataWhenReady(queue, [&, input = s.input, adaptor = s.adaptor] {
+            while (input->isReadyForMoreMediaData() && next < 40)
+                adaptor->appendPixelBuffer(adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::make(next++, 25));
+            onQueue.set_value(queue->isCurrent());
+            input->markAsFinished();
+        });
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::zero());
+        auto ran = onQueue.get_future();
+        QVERIFY(ran.wait_for(std::chrono::seconds(30)) == std::future_status::ready);
+        QVERIFY(ran.get());
+        QVERIFY(finish(s.writer));
+        QCOMPARE(probeStreams(path).first().toObject().value("nb_frames").toString(), QStringLiteral("40"));
+    }
+
+    void refusesToOverwriteAndToWriteNowhere()
+    {
+        const QString existing = dir.filePath("existing.mp4");
+        QFile file(existing);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+        ErrorPtr error;
+        QVERIFY(!AssetWriter::create(QUrl::fromLocalFile(existing), FileType::MPEG4, &error));
+        QCOMPARE(error->code(), long(MediaErrorCode::FileAlreadyExists));
+
+        // A folder below a regular file cannot exist, not even for root.
+        const QString nowhere = existing + "/sub/out.mp4";
+        Session s = makeSession(nowhere, 16, 16, {PixelFormat::BGRA32, 16, 16});
+        QVERIFY(!s.writer->startWriting());
+        QCOMPARE(s.writer->status(), AssetWriter::Status::Failed);
+        QCOMPARE(s.writer->error()->code(), long(MediaErrorCode::CannotWrite));
+        QVERIFY(!s.input->isReadyForMoreMediaData());
+        QVERIFY(!s.adaptor->pixelBufferPool());
+        QVERIFY(finish(s.writer));
+    }
+
+    void fullDiskFailsAndLeavesNothingBehind()
+    {
+        QTemporaryDir full;
+        const QString path = full.filePath("big.mp4");
+        Session s = makeSession(path, 320, 240, {PixelFormat::BGRA32, 320, 240});
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::zero());
+        // A file size limit fails writes the way a full disk does (EFBIG
+        // instead of ENOSPC) and works without privileges.
+        rlimit saved{};
+        getrlimit(RLIMIT_FSIZE, &saved);
+        auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit tiny = saved;
+        tiny.rlim_cur = 4096;
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &tiny), 0);
+        auto pool = s.adaptor->pixelBufferPool();
+        for (int i = 0; i < 60 && s.input->isReadyForMoreMediaData(); ++i) {
+            auto buffer = pool->createPixelBuffer();
+            // Noise, so that every frame costs many bytes.
+            for (size_t j = 0; j < buffer->dataSize(); ++j)
+                buffer->baseAddress()[j] = uint8_t((j * 7919 + size_t(i) * 104729) >> 3);
+            s.adaptor->appendPixelBuffer(buffer, MediaTime::make(i, 30));
+        }
+        s.input->markAsFinished();
+        const bool finished = finish(s.writer);
+        setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, previousHandler);
+        QVERIFY(finished);
+        QCOMPARE(s.writer->status(), AssetWriter::Status::Failed);
+        QCOMPARE(s.writer->error()->domain(), kMediaErrorDomain);
+        QCOMPARE(s.writer->error()->code(), long(MediaErrorCode::CannotWrite));
+        QCOMPARE(leftovers(full.path()), QStringList());
+    }
+
+    void cancelledOrDroppedWritersLeaveNothingBehind()
+    {
+        QTemporaryDir scratch;
+        {
+            Session s = makeSession(scratch.filePath("cancelled.mp4"), 16, 16, {PixelFormat::BGRA32, 16, 16});
+            QVERIFY(s.writer->startWriting());
+            s.writer->startSessionAtSourceTime(MediaTime::zero());
+            QVERIFY(s.adaptor->appendPixelBuffer(s.adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::zero()));
+            s.writer->cancelWriting();
+            QCOMPARE(s.writer->status(), AssetWriter::Status::Cancelled);
+            QVERIFY(!s.input->isReadyForMoreMediaData());
+        }
+        {
+            Session s = makeSession(scratch.filePath("dropped.mp4"), 16, 16, {PixelFormat::BGRA32, 16, 16});
+            QVERIFY(s.writer->startWriting());
+        }
+        QTRY_COMPARE(leftovers(scratch.path()), QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(TstAssetWriter)
+#include "tst_assetwriter.moc"
