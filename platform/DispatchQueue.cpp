@@ -1,6 +1,8 @@
 #include "platform/DispatchQueue.h"
 
 #include <QCoreApplication>
+#include <QPointer>
+#include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
 
@@ -11,6 +13,7 @@
 #include <thread>
 
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -61,21 +64,19 @@ struct DispatchQueue::State {
     std::multimap<Clock::time_point, Block> timers;   // guarded by mutex; multimap keeps FIFO among equal times
     bool released = false;                            // guarded by mutex
 
+    // Signalled under the lock: once the lock is released, a queue that was
+    // let go may end its thread and destroy this state at any moment.
     void enqueue(Block block)
     {
-        {
-            std::lock_guard lock(mutex);
-            ready.push_back(std::move(block));
-        }
+        std::lock_guard lock(mutex);
+        ready.push_back(std::move(block));
         wake.notify_one();
     }
 
     void enqueueAt(Clock::time_point when, Block block)
     {
-        {
-            std::lock_guard lock(mutex);
-            timers.emplace(when, std::move(block));
-        }
+        std::lock_guard lock(mutex);
+        timers.emplace(when, std::move(block));
         wake.notify_one();
     }
 
@@ -143,16 +144,77 @@ DispatchQueue::~DispatchQueue()
 {
     if (!state_)
         return;
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->released = true;
-    }
+    std::lock_guard lock(state_->mutex);
+    state_->released = true;
     state_->wake.notify_one();
 }
 
 int DispatchQueue::liveThreadCount() { return gLiveThreads.load(); }
 
 // --------------------------------------------------------------- main queue
+//
+// Blocks for the GUI thread travel through a list of our own, guarded by a
+// std::mutex; the Qt event loop only gets a wake-up through an eventfd that a
+// QSocketNotifier watches. Handing the blocks themselves to Qt's queued events
+// would work too, but then the hand-off happens inside Qt's own locks, which
+// the thread sanitizer cannot see, and every block crossing threads would be
+// reported as a race.
+
+namespace {
+struct MainQueueState {
+    std::mutex mutex;
+    std::deque<std::function<void()>> ready;  // guarded by mutex
+    int wakeFd = -1;
+    QPointer<QSocketNotifier> notifier;       // GUI thread only
+
+    MainQueueState() : wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+    void enqueue(std::function<void()> block)
+    {
+        {
+            std::lock_guard lock(mutex);
+            ready.push_back(std::move(block));
+        }
+        const uint64_t one = 1;
+        [[maybe_unused]] const auto written = write(wakeFd, &one, sizeof one);
+    }
+
+    void drain()
+    {
+        uint64_t count = 0;
+        [[maybe_unused]] const auto read = ::read(wakeFd, &count, sizeof count);
+        // Only what is queued now: blocks queued by these blocks run on the
+        // next turn of the event loop, as with posted events.
+        std::deque<std::function<void()>> batch;
+        {
+            std::lock_guard lock(mutex);
+            batch.swap(ready);
+        }
+        for (auto& block : batch) {
+            block();
+            block = nullptr;
+        }
+    }
+};
+
+MainQueueState& mainQueueState()
+{
+    static MainQueueState state;
+    return state;
+}
+
+// Runs in the QCoreApplication constructor, on the GUI thread, so the
+// notifier exists before any other thread can post to the main queue.
+void installMainQueueNotifier()
+{
+    MainQueueState& state = mainQueueState();
+    auto* notifier = new QSocketNotifier(state.wakeFd, QSocketNotifier::Read, QCoreApplication::instance());
+    QObject::connect(notifier, &QSocketNotifier::activated, notifier, [] { mainQueueState().drain(); });
+    state.notifier = notifier;
+}
+}  // namespace
+
+Q_COREAPP_STARTUP_FUNCTION(installMainQueueNotifier)
 
 namespace {
 QObject* mainContext()
@@ -196,7 +258,8 @@ void DispatchQueue::async(Block block)
         state_->enqueue(std::move(block));
         return;
     }
-    QMetaObject::invokeMethod(mainContext(), std::move(block), Qt::QueuedConnection);
+    mainContext();
+    mainQueueState().enqueue(std::move(block));
 }
 
 void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item)
@@ -210,14 +273,10 @@ void DispatchQueue::sync(const Block& block)
         block();
         return;
     }
-    if (!state_) {
-        QMetaObject::invokeMethod(mainContext(), block, Qt::BlockingQueuedConnection);
-        return;
-    }
     std::mutex doneMutex;
     std::condition_variable doneSignal;
     bool done = false;
-    state_->enqueue([&] {
+    async([&] {
         block();
         std::lock_guard lock(doneMutex);
         done = true;
@@ -237,14 +296,11 @@ void DispatchQueue::asyncAfter(Duration delay, Block block)
     }
     // Timers belong to the thread that starts them: start it on the GUI thread.
     const auto deadline = State::Clock::now() + delay;
-    QMetaObject::invokeMethod(
-        mainContext(),
-        [deadline, block = std::move(block)]() mutable {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - State::Clock::now());
-            QTimer::singleShot(std::max<std::chrono::milliseconds>(left, std::chrono::milliseconds(0)),
-                               Qt::PreciseTimer, mainContext(), std::move(block));
-        },
-        Qt::QueuedConnection);
+    async([deadline, block = std::move(block)]() mutable {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - State::Clock::now());
+        QTimer::singleShot(std::max<std::chrono::milliseconds>(left, std::chrono::milliseconds(0)), Qt::PreciseTimer,
+                           mainContext(), std::move(block));
+    });
 }
 
 void DispatchQueue::asyncAfter(Duration delay, const std::shared_ptr<DispatchWorkItem>& item)

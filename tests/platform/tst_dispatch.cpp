@@ -60,7 +60,7 @@ private slots:
         std::atomic<bool> ranOnMain{false};
         std::atomic<bool> returned{false};
         queue->async([&] {
-            DispatchQueue::main().sync([&] { ranOnMain = QThread::currentThread() == qApp->thread(); });
+            DispatchQueue::main().sync([&] { ranOnMain = QThread::currentThread() == QCoreApplication::instance()->thread(); });
             // sync returns only after the block ran
             returned = ranOnMain.load();
         });
@@ -101,7 +101,7 @@ private slots:
         QElapsedTimer clock;
         clock.start();
         DispatchQueue::main().asyncAfter(0.05, [&] {
-            QVERIFY(QThread::currentThread() == qApp->thread());
+            QVERIFY(QThread::currentThread() == QCoreApplication::instance()->thread());
             ran = true;
         });
         QVERIFY(!ran);
