@@ -1,0 +1,167 @@
+#include "zavoweb/ZWLivenessClient.h"
+
+#include "platform/Log.h"
+#include "zavoweb/NetworkingError.h"
+
+#include <QBuffer>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QThread>
+
+namespace zavo::web {
+
+namespace {
+
+using Result = ZWLivenessClient::Result;
+
+Result failure(NetworkingError error)
+{
+    Result result;
+    result.error = std::make_shared<NetworkingError>(std::move(error));
+    return result;
+}
+
+Result transportFailure(long code, const QString& description)
+{
+    QVariantMap info;
+    info.insert(platform::kLocalizedDescriptionKey, description);
+    return failure(NetworkingError::connectionError(
+        std::make_shared<platform::ErrorObject>(kZWTransportErrorDomain, code, info)));
+}
+
+// Reads the server's JSON object; null when the body is not one.
+std::optional<QJsonObject> jsonObject(const QByteArray& body)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject())
+        return std::nullopt;
+    return document.object();
+}
+
+std::optional<Result> serverError(const QJsonObject& object)
+{
+    if (object.contains(QLatin1String("quality_error"))) {
+        const QString text = object.value(QLatin1String("quality_error")).toString();
+        return failure(NetworkingError::livenessQualityError(text.isEmpty() ? std::nullopt : std::optional(text)));
+    }
+    if (object.value(QLatin1String("code")).isDouble()) {
+        return failure(NetworkingError::zavoError(object.value(QLatin1String("code")).toInt(),
+                                                  object.value(QLatin1String("message")).toString()));
+    }
+    return std::nullopt;
+}
+
+Result resultOf(QNetworkReply& reply)
+{
+    const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (!status.isValid()) {
+        // No HTTP answer at all: refused, unreachable, timed out, aborted.
+        return transportFailure(reply.error(), reply.errorString());
+    }
+    const QByteArray body = reply.readAll();
+    const std::optional<QJsonObject> object = jsonObject(body);
+    if (object) {
+        if (auto error = serverError(*object))
+            return *error;
+    }
+    const int httpStatus = status.toInt();
+    if (httpStatus < 200 || httpStatus >= 300) {
+        return failure(NetworkingError::zavoError(
+            httpStatus, reply.attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString()));
+    }
+    if (!object || !object->value(QLatin1String("live")).isBool()) {
+        qCWarning(platform::lcWeb) << "liveness server sent an answer without a verdict:" << body.left(200);
+        return failure(NetworkingError::livenessConnectionError());
+    }
+    Result result;
+    result.live = object->value(QLatin1String("live")).toBool();
+    result.message = object->value(QLatin1String("message")).toString();
+    return result;
+}
+
+}  // namespace
+
+// Lives on the client's network thread: the access manager and its replies
+// belong to that thread's event loop.
+class ZWLivenessClient::Session final : public QObject {
+public:
+    explicit Session(const Settings& settings) : settings_(settings) {}
+
+    ~Session() override
+    {
+        // Checks still running are dropped: their requester is going away.
+        for (QNetworkReply* reply : findChildren<QNetworkReply*>()) {
+            reply->disconnect(this);
+            reply->abort();
+        }
+    }
+
+    void send(const QImage& image, const Completion& completion)
+    {
+        QByteArray jpeg;
+        QBuffer buffer(&jpeg);
+        if (image.isNull() || !buffer.open(QIODevice::WriteOnly)
+            || !image.save(&buffer, "JPEG", settings_.jpegQuality)) {
+            completion(transportFailure(-1, QStringLiteral("The picture could not be encoded.")));
+            return;
+        }
+        if (!network_)
+            network_ = new QNetworkAccessManager(this);
+        QNetworkRequest request(settings_.url);
+        request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("image/jpeg"));
+        request.setRawHeader("Accept", "application/json");
+        request.setTransferTimeout(static_cast<int>(settings_.timeout.count()));
+        QNetworkReply* reply = network_->post(request, jpeg);
+        connect(reply, &QNetworkReply::finished, this, [reply, completion] {
+            const Result result = resultOf(*reply);
+            reply->deleteLater();
+            if (result.error)
+                qCInfo(platform::lcWeb) << "liveness check failed:" << result.error->localizedDescription();
+            completion(result);
+        });
+    }
+
+private:
+    Settings settings_;
+    QNetworkAccessManager* network_ = nullptr;  // child of this session
+};
+
+ZWLivenessClient::ZWLivenessClient(Settings settings) : settings_(std::move(settings)), thread_(std::make_unique<QThread>())
+{
+    thread_->setObjectName(QStringLiteral("ZWLivenessClient"));
+    session_ = new Session(settings_);
+    session_->moveToThread(thread_.get());
+    thread_->start();
+}
+
+ZWLivenessClient::~ZWLivenessClient()
+{
+    if (QThread::currentThread() == thread_.get()) {
+        // Released from its own completion: the thread cannot wait for
+        // itself. It ends when this completion returns and is deleted by the
+        // event loop of the thread that made it.
+        delete session_;
+        QThread* thread = thread_.release();
+        QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
+        thread->quit();
+        return;
+    }
+    // A deferred delete is carried out when the thread finishes, on that
+    // thread, as the access manager requires.
+    session_->deleteLater();
+    thread_->quit();
+    thread_->wait();
+}
+
+void ZWLivenessClient::check(const QImage& image, Completion completion)
+{
+    QMetaObject::invokeMethod(
+        session_, [session = session_, image, completion = std::move(completion)] { session->send(image, completion); },
+        Qt::QueuedConnection);
+}
+
+}  // namespace zavo::web
