@@ -4,5 +4,16 @@
 <context>
     <name>Localizable</name>
     <message><source>errors.multiple_faces_detected</source><translation>More than one face is in view. Make sure only you are in front of the camera.</translation></message>
+    <message><source>errors.no_face</source><translation>No face found. Look at the camera.</translation></message>
+    <message><source>errors.face_too_far</source><translation>Move closer to the camera.</translation></message>
+    <message><source>errors.face_too_close</source><translation>Move a little away from the camera.</translation></message>
+    <message><source>errors.too_dark</source><translation>It is too dark. Find a brighter place.</translation></message>
+    <message><source>errors.too_bright</source><translation>There is too much light on your face.</translation></message>
+    <message><source>errors.blurred</source><translation>The picture is blurred. Hold still.</translation></message>
+    <message><source>errors.step_timeout</source><translation>Time is up. Please try again.</translation></message>
+    <message><source>errors.no_frames</source><translation>The camera stopped sending pictures.</translation></message>
+    <message><source>errors.liveness_failed</source><translation>The liveness check failed. Please try again.</translation></message>
+    <message><source>errors.detector_unavailable</source><translation>Face detection is not available.</translation></message>
+    <message><source>errors.unsupported_frames</source><translation>The camera sends pictures that face detection cannot read.</translation></message>
 </context>
 </TS>

@@ -1,0 +1,15 @@
+#include "zavocore/ZCErrorCodes.h"
+
+#include "zavocore/ZavoCore.h"
+
+namespace zavo::core {
+
+platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey)
+{
+    QVariantMap info;
+    info.insert(QString::fromLatin1(platform::kLocalizedDescriptionKey), zc_localized(messageKey));
+    info.insert(QString::fromLatin1(kZCMessageKeyInfoKey), messageKey);
+    return std::make_shared<platform::ErrorObject>(kZCErrorDomain, static_cast<long>(code), std::move(info));
+}
+
+}  // namespace zavo::core

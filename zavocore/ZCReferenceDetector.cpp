@@ -1,0 +1,505 @@
+#include "zavocore/ZCReferenceDetector_p.h"
+
+#include "platform/Log.h"
+#include "zavocore/ZCErrorCodes.h"
+#include "zavocore/ZCFaceAnalyzer_p.h"
+#include "zavocore/ZCPreviewGeometry_p.h"
+#include "zavoweb/NetworkingError.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+namespace zavo::core::detail {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+Clock::duration seconds(double s)
+{
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
+}
+
+struct GuidanceMessage {
+    ZCErrorCode code;
+    const char* key;
+};
+
+GuidanceMessage messageFor(Guidance guidance)
+{
+    switch (guidance) {
+    case Guidance::NoFace: return {ZCErrorCode::NoFace, "errors.no_face"};
+    case Guidance::MultipleFaces: return {ZCErrorCode::MultipleFaces, "errors.multiple_faces_detected"};
+    case Guidance::TooFar: return {ZCErrorCode::FaceSize, "errors.face_too_far"};
+    case Guidance::TooClose: return {ZCErrorCode::FaceSize, "errors.face_too_close"};
+    case Guidance::TooDark: return {ZCErrorCode::BadQuality, "errors.too_dark"};
+    case Guidance::TooBright: return {ZCErrorCode::BadQuality, "errors.too_bright"};
+    case Guidance::Blurred: return {ZCErrorCode::BadQuality, "errors.blurred"};
+    case Guidance::None: break;
+    }
+    return {ZCErrorCode::BadQuality, "errors.blurred"};
+}
+
+// Reads a pixel buffer for as long as it is in scope.
+class PixelReadLock {
+public:
+    explicit PixelReadLock(platform::PixelBuffer& buffer) : buffer_(buffer)
+    {
+        buffer_.lockBaseAddress(platform::PixelBuffer::ReadOnly);
+    }
+    ~PixelReadLock() { buffer_.unlockBaseAddress(platform::PixelBuffer::ReadOnly); }
+    PixelReadLock(const PixelReadLock&) = delete;
+    PixelReadLock& operator=(const PixelReadLock&) = delete;
+
+private:
+    platform::PixelBuffer& buffer_;
+};
+
+}  // namespace
+
+// What the main thread and the detector's thread share.
+struct ZCReferenceDetector::Shared {
+    using Command = std::function<void(Worker&)>;
+
+    explicit Shared(std::weak_ptr<ZCBestShotDelegate> d, const ZCZavoConfiguration& c)
+        : delegate(std::move(d)), settings(c.detector)
+    {
+    }
+
+    const std::weak_ptr<ZCBestShotDelegate> delegate;
+    const ZCDetectorSettings settings;
+    std::atomic<bool> faceFound{false};
+    std::atomic<bool> stopping{false};  // also written under mutex, for wake
+
+    std::mutex mutex;
+    std::condition_variable wake;       // the detector's thread waits for work
+    std::condition_variable processed;  // synchronous pushFrame waits for its frame
+    // Guarded by mutex:
+    platform::SampleBuffer pending;
+    uint64_t pushedFrames = 0;
+    uint64_t handledFrames = 0;
+    std::optional<Clock::time_point> lastArrival;
+    PreviewGeometry geometry;
+    std::deque<Command> commands;
+
+    void post(Command command)
+    {
+        {
+            std::lock_guard lock(mutex);
+            commands.push_back(std::move(command));
+        }
+        wake.notify_one();
+    }
+};
+
+// The detector's state machine; lives on, and is only touched by, the
+// detector's thread.
+class ZCReferenceDetector::Worker {
+public:
+    Worker(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness)
+        : shared_(std::move(shared)), liveness_(std::move(liveness)), analyzer_(shared_->settings)
+    {
+        if (!analyzer_.loadError().isEmpty())
+            qCWarning(platform::lcCore) << "face detector unavailable:" << analyzer_.loadError();
+    }
+
+    static void run(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness);
+
+    void launch(std::vector<double> stepTimeouts);
+    void resume();
+    void process(const platform::SampleBuffer& frame, const PreviewGeometry& geometry);
+    void livenessAnswered(uint64_t generation, bool live, const platform::ErrorPtr& error);
+    /// When the next timer is due, if one runs.
+    std::optional<Clock::time_point> nextDeadline(std::optional<Clock::time_point> lastArrival) const;
+    void checkTimers(Clock::time_point now, std::optional<Clock::time_point> lastArrival);
+
+private:
+    enum class State { Idle, Searching, CheckingLiveness, Paused, Done };
+
+    void startStep();
+    void resetSpell();
+    void updateGuidance(Guidance guidance, double frameTime);
+    void reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize, const PreviewGeometry& geometry);
+    void considerShot(const FaceAnalysis& analysis, const FrameView& view, platform::MediaTime pts, double frameTime);
+    void finishStep();
+    void deliver(ZCBestShotPtr shot);
+    void fail(ZCErrorCode code, const char* key);
+    void reportError(platform::ErrorPtr error);
+    std::shared_ptr<ZCBestShotDelegate> delegate() const;
+
+    std::shared_ptr<Shared> shared_;
+    std::shared_ptr<ZCOnlineLivenessProtocol> liveness_;
+    FaceAnalyzer analyzer_;
+
+    State state_ = State::Idle;
+    uint64_t generation_ = 0;  // tells stale liveness answers apart
+    std::vector<double> stepTimeouts_;
+    size_t stepIndex_ = 0;
+    Clock::time_point stepDeadline_;
+    Clock::time_point watchSince_;
+    bool reportedUnavailable_ = false;
+
+    // The spell of good frames under way, and its best frame so far.
+    std::optional<double> spellStart_;
+    std::optional<ZCBestShot> candidate_;
+    ZCBestShotPtr checkedShot_;  // waiting for the liveness verdict
+
+    // Guidance pacing.
+    Guidance pendingGuidance_ = Guidance::None;
+    double pendingSince_ = 0;
+    Guidance reportedGuidance_ = Guidance::None;
+    double reportedAt_ = 0;
+    bool faceShown_ = false;
+};
+
+// ------------------------------------------------------------------ thread
+
+void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness)
+{
+    Worker worker(shared, std::move(liveness));
+    std::unique_lock lock(shared->mutex);
+    while (!shared->stopping) {
+        if (!shared->commands.empty()) {
+            Shared::Command command = std::move(shared->commands.front());
+            shared->commands.pop_front();
+            lock.unlock();
+            command(worker);
+            command = nullptr;
+            lock.lock();
+            continue;
+        }
+        if (shared->pending.isValid()) {
+            const platform::SampleBuffer frame = std::exchange(shared->pending, {});
+            const uint64_t number = shared->pushedFrames;
+            const PreviewGeometry geometry = shared->geometry;
+            lock.unlock();
+            worker.process(frame, geometry);
+            lock.lock();
+            shared->handledFrames = number;
+            shared->processed.notify_all();
+            continue;
+        }
+        const auto deadline = worker.nextDeadline(shared->lastArrival);
+        if (deadline && *deadline <= Clock::now()) {
+            const auto lastArrival = shared->lastArrival;
+            lock.unlock();
+            worker.checkTimers(Clock::now(), lastArrival);
+            lock.lock();
+            continue;
+        }
+        if (deadline)
+            shared->wake.wait_until(lock, *deadline);
+        else
+            shared->wake.wait(lock);
+    }
+    // Let a synchronous pushFrame that is still waiting go.
+    shared->handledFrames = shared->pushedFrames;
+    shared->processed.notify_all();
+}
+
+// ------------------------------------------------------------------ wizard
+
+void ZCReferenceDetector::Worker::launch(std::vector<double> stepTimeouts)
+{
+    stepTimeouts_ = std::move(stepTimeouts);
+    stepIndex_ = 0;
+    checkedShot_.reset();
+    reportedGuidance_ = pendingGuidance_ = Guidance::None;
+    analyzer_.reset();
+    state_ = State::Searching;
+    startStep();
+    if (!analyzer_.loadError().isEmpty() && !reportedUnavailable_) {
+        reportedUnavailable_ = true;
+        fail(ZCErrorCode::DetectorUnavailable, "errors.detector_unavailable");
+    }
+}
+
+void ZCReferenceDetector::Worker::resume()
+{
+    if (state_ != State::Paused)
+        return;
+    state_ = State::Searching;
+    startStep();
+}
+
+void ZCReferenceDetector::Worker::startStep()
+{
+    ++generation_;
+    resetSpell();
+    const double timeout = stepIndex_ < stepTimeouts_.size() ? stepTimeouts_[stepIndex_] : shared_->settings.stepTimeout;
+    stepDeadline_ = Clock::now() + seconds(timeout);
+    watchSince_ = Clock::now();
+}
+
+void ZCReferenceDetector::Worker::resetSpell()
+{
+    spellStart_.reset();
+    candidate_.reset();
+}
+
+std::optional<Clock::time_point> ZCReferenceDetector::Worker::nextDeadline(
+    std::optional<Clock::time_point> lastArrival) const
+{
+    if (state_ != State::Searching && state_ != State::CheckingLiveness)
+        return std::nullopt;
+    const Clock::time_point lastSign = lastArrival ? std::max(*lastArrival, watchSince_) : watchSince_;
+    const Clock::time_point watchdog = lastSign + seconds(shared_->settings.frameTimeout);
+    return state_ == State::Searching ? std::min(watchdog, stepDeadline_) : watchdog;
+}
+
+void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::optional<Clock::time_point> lastArrival)
+{
+    const auto due = nextDeadline(lastArrival);
+    if (!due || *due > now)
+        return;
+    if (state_ == State::Searching && now >= stepDeadline_) {
+        qCInfo(platform::lcCore) << "wizard step" << stepIndex_ << "timed out";
+        state_ = State::Done;
+        fail(ZCErrorCode::StepTimeout, "errors.step_timeout");
+        return;
+    }
+    qCWarning(platform::lcCore) << "no frame for" << shared_->settings.frameTimeout << "s";
+    state_ = State::Done;
+    fail(ZCErrorCode::NoFrames, "errors.no_frames");
+}
+
+// ------------------------------------------------------------------ frames
+
+void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, const PreviewGeometry& geometry)
+{
+    if (state_ != State::Searching)
+        return;
+    platform::PixelBuffer& buffer = *frame.imageBuffer();
+    if (!FaceAnalyzer::supports(buffer.pixelFormat())) {
+        if (!reportedUnavailable_) {
+            reportedUnavailable_ = true;
+            qCWarning(platform::lcCore) << "frames in pixel format" << Qt::hex << uint32_t(buffer.pixelFormat())
+                                        << "cannot be analysed";
+            fail(ZCErrorCode::DetectorUnavailable, "errors.unsupported_frames");
+        }
+        return;
+    }
+    const platform::MediaTime pts = frame.presentationTimeStamp();
+    const double frameTime = pts.isValid()
+        ? pts.seconds()
+        : std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+
+    PixelReadLock readLock(buffer);
+    const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(),
+                         buffer.pixelFormat()};
+    const QSizeF frameSize(view.width, view.height);
+    const FaceAnalysis analysis = analyzer_.analyze(view, geometry.focusInFrame(frameSize));
+
+    if (!analysis.faces.empty())
+        shared_->faceFound = true;
+    reportFace(analysis, frameSize, geometry);
+    updateGuidance(analysis.guidance, frameTime);
+    if (state_ == State::Searching)
+        considerShot(analysis, view, pts, frameTime);
+}
+
+void ZCReferenceDetector::Worker::reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize,
+                                             const PreviewGeometry& geometry)
+{
+    if (analysis.faces.empty() && !faceShown_)
+        return;
+    faceShown_ = !analysis.faces.empty();
+    const QRectF rect = faceShown_ ? geometry.toScreen(analysis.faces.front(), frameSize) : QRectF();
+    if (auto d = delegate())
+        d->detectionRect(rect, frameSize);
+}
+
+void ZCReferenceDetector::Worker::updateGuidance(Guidance guidance, double frameTime)
+{
+    if (guidance == Guidance::None) {
+        pendingGuidance_ = reportedGuidance_ = Guidance::None;
+        return;
+    }
+    if (guidance != pendingGuidance_) {
+        pendingGuidance_ = guidance;
+        pendingSince_ = frameTime;
+    }
+    if (frameTime - pendingSince_ < shared_->settings.guidanceDelay)
+        return;
+    if (guidance == reportedGuidance_ && frameTime - reportedAt_ < shared_->settings.guidanceRepeatInterval)
+        return;
+    reportedGuidance_ = guidance;
+    reportedAt_ = frameTime;
+    const GuidanceMessage message = messageFor(guidance);
+    fail(message.code, message.key);
+}
+
+void ZCReferenceDetector::Worker::considerShot(const FaceAnalysis& analysis, const FrameView& view,
+                                               platform::MediaTime pts, double frameTime)
+{
+    if (!analysis.isGood()) {
+        resetSpell();
+        return;
+    }
+    if (!spellStart_)
+        spellStart_ = frameTime;
+    if (!candidate_ || analysis.quality.total > candidate_->quality().total)
+        candidate_.emplace(copyToImage(view), analysis.faces.front(), analysis.quality, pts);
+    if (frameTime - *spellStart_ >= shared_->settings.steadyDuration)
+        finishStep();
+}
+
+void ZCReferenceDetector::Worker::finishStep()
+{
+    if (stepIndex_ + 1 < std::max<size_t>(1, stepTimeouts_.size())) {
+        ++stepIndex_;
+        startStep();
+        return;
+    }
+    auto shot = std::make_shared<const ZCBestShot>(std::move(*candidate_));
+    resetSpell();
+    if (!liveness_) {
+        deliver(std::move(shot));
+        return;
+    }
+    state_ = State::CheckingLiveness;
+    ++generation_;
+    checkedShot_ = shot;
+    if (auto d = delegate())
+        d->livenessIsActive(true);
+    // The answer comes on the checker's thread; it only posts back here, and
+    // holds the detector weakly so that a detector gone meanwhile is not kept.
+    std::weak_ptr<Shared> weakShared = shared_;
+    liveness_->checkLiveness(shot->image(), [weakShared, generation = generation_](bool live, platform::ErrorPtr error) {
+        if (auto shared = weakShared.lock())
+            shared->post([generation, live, error](Worker& worker) { worker.livenessAnswered(generation, live, error); });
+    });
+}
+
+void ZCReferenceDetector::Worker::livenessAnswered(uint64_t generation, bool live, const platform::ErrorPtr& error)
+{
+    if (state_ != State::CheckingLiveness || generation != generation_)
+        return;
+    ZCBestShotPtr shot = std::exchange(checkedShot_, nullptr);
+    if (auto d = delegate())
+        d->livenessIsActive(false);
+    if (!error && live) {
+        deliver(std::move(shot));
+        return;
+    }
+    // A quality complaint the user can act on (it comes with a message) sends
+    // the search on; anything else waits for resume(): the screen ends the
+    // session on it.
+    const auto* networking = platform::errorCast<web::NetworkingError>(error.get());
+    const bool userCanFix = networking && networking->kind() == web::NetworkingError::Kind::LivenessQualityError
+        && networking->errorDescription().has_value();
+    state_ = userCanFix ? State::Searching : State::Paused;
+    if (userCanFix)
+        startStep();
+    if (error) {
+        qCInfo(platform::lcCore) << "liveness check failed:" << error->localizedDescription();
+        reportError(error);
+    } else {
+        qCInfo(platform::lcCore) << "liveness check refused the face";
+        fail(ZCErrorCode::LivenessRefused, "errors.liveness_failed");
+    }
+}
+
+void ZCReferenceDetector::Worker::deliver(ZCBestShotPtr shot)
+{
+    state_ = State::Done;
+    auto d = delegate();
+    if (!d || d->bestShot(std::move(shot)))
+        return;
+    // Declined: look for another.
+    state_ = State::Searching;
+    startStep();
+}
+
+void ZCReferenceDetector::Worker::fail(ZCErrorCode code, const char* key)
+{
+    reportError(makeZCError(code, QString::fromLatin1(key)));
+}
+
+void ZCReferenceDetector::Worker::reportError(platform::ErrorPtr error)
+{
+    if (auto d = delegate())
+        d->bestShotError(std::move(error));
+}
+
+std::shared_ptr<ZCBestShotDelegate> ZCReferenceDetector::Worker::delegate() const
+{
+    // Nothing is reported once the detector is being destroyed.
+    return shared_->stopping ? nullptr : shared_->delegate.lock();
+}
+
+// ------------------------------------------------------------ main thread
+
+ZCReferenceDetector::ZCReferenceDetector(std::weak_ptr<ZCBestShotDelegate> delegate,
+                                         std::shared_ptr<ZCOnlineLivenessProtocol> liveness,
+                                         const ZCZavoConfiguration& configuration)
+    : shared_(std::make_shared<Shared>(std::move(delegate), configuration))
+    , thread_(&Worker::run, shared_, std::move(liveness))
+{
+}
+
+ZCReferenceDetector::~ZCReferenceDetector()
+{
+    {
+        std::lock_guard lock(shared_->mutex);
+        shared_->stopping = true;
+    }
+    shared_->wake.notify_all();
+    if (thread_.get_id() == std::this_thread::get_id())
+        thread_.detach();  // inside a delegate call: the loop ends when it returns
+    else
+        thread_.join();
+}
+
+void ZCReferenceDetector::pushFrame(const platform::SampleBuffer& frame)
+{
+    if (!frame.isValid())
+        return;
+    platform::SampleBuffer dropped;  // released outside the lock
+    uint64_t number = 0;
+    {
+        std::lock_guard lock(shared_->mutex);
+        dropped = std::exchange(shared_->pending, frame);
+        number = ++shared_->pushedFrames;
+        shared_->lastArrival = Clock::now();
+    }
+    shared_->wake.notify_one();
+    if (shared_->settings.synchronousProcessing) {
+        std::unique_lock lock(shared_->mutex);
+        shared_->processed.wait(lock, [&] { return shared_->handledFrames >= number; });
+    }
+}
+
+void ZCReferenceDetector::screenSize(const QSizeF& size, const platform::EdgeInsets& edges)
+{
+    std::lock_guard lock(shared_->mutex);
+    shared_->geometry = PreviewGeometry{size, edges};
+}
+
+bool ZCReferenceDetector::faceFound() const { return shared_->faceFound; }
+
+void ZCReferenceDetector::launchWizard()
+{
+    // Steps belong to the main thread; only their time limits cross over.
+    std::vector<double> timeouts;
+    for (const ZCStepConfigPtr& step : steps_) {
+        if (step)
+            timeouts.push_back(step->timeout());
+    }
+    if (timeouts.empty())
+        timeouts.push_back(shared_->settings.stepTimeout);
+    shared_->post([timeouts = std::move(timeouts)](Worker& worker) mutable { worker.launch(std::move(timeouts)); });
+}
+
+void ZCReferenceDetector::defineStepsList(std::vector<ZCStepConfigPtr> steps) { steps_ = std::move(steps); }
+
+void ZCReferenceDetector::resume()
+{
+    shared_->post([](Worker& worker) { worker.resume(); });
+}
+
+}  // namespace zavo::core::detail
