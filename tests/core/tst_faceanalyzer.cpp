@@ -1,0 +1,182 @@
+// Face finding and quality judgement on real photos, and where faces land on
+// the screen.
+#include "CoreTestSupport.h"
+#include "zavocore/ZCFaceAnalyzer_p.h"
+#include "zavocore/ZCPreviewGeometry_p.h"
+
+#include <QPainter>
+#include <QTest>
+
+using namespace zavo;
+using core::detail::FaceAnalysis;
+using core::detail::FaceAnalyzer;
+using core::detail::FrameView;
+using core::detail::Guidance;
+
+namespace {
+
+FaceAnalysis analyse(FaceAnalyzer& analyzer, const QImage& image,
+                     platform::PixelFormat format = platform::PixelFormat::BGRA32)
+{
+    const platform::SampleBuffer frame = test::frameFromImage(image, platform::MediaTime::zero(), format);
+    const auto& buffer = *frame.imageBuffer();
+    const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(), format};
+    analyzer.reset();
+    return analyzer.analyze(view, QPointF(image.width() / 2.0, image.height() / 2.0));
+}
+
+QImage photo(const QString& name)
+{
+    QImage image(test::dataPath(name));
+    if (image.isNull())
+        qFatal("missing test photo %s", qPrintable(name));
+    return image;
+}
+
+// The photo scaled up into a portrait camera frame, the face in the middle.
+QImage cameraFrame(const QImage& face)
+{
+    QImage frame = face.scaled(720, 1280, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    return frame.copy((frame.width() - 720) / 2, (frame.height() - 1280) / 2, 720, 1280);
+}
+
+}  // namespace
+
+class TestFaceAnalyzer : public QObject {
+    Q_OBJECT
+
+private slots:
+    void countsFacesInPhotos_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<int>("faces");
+        QTest::newRow("grace hopper") << "matplotlib__grace_hopper.jpg" << 1;
+        QTest::newRow("astronaut") << "skimage__astronaut.png" << 1;
+        QTest::newRow("marie curie, three-quarter") << "xraylarch__Marie_Curie.jpg" << 1;
+        // A profile is not what a frontal cascade looks for.
+        QTest::newRow("camera, profile") << "skimage__camera.png" << 0;
+        // The round logo tattoo on an arm looks like a face to the first
+        // cascade; the second opinion turns it down.
+        QTest::newRow("qt logo, three faces") << "gpl/kphotoalbum__qt-logo.jpg" << 3;
+        QTest::newRow("bar, two lit faces") << "gpl/kphotoalbum__bar55_2.jpg" << 2;
+        QTest::newRow("snow") << "gpl/kphotoalbum__snow.jpg" << 0;
+        QTest::newRow("baboon") << "opencv-doc__baboon.jpg" << 0;
+    }
+    void countsFacesInPhotos()
+    {
+        QFETCH(QString, file);
+        QFETCH(int, faces);
+        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        QVERIFY2(analyzer.loadError().isEmpty(), qPrintable(analyzer.loadError()));
+        const FaceAnalysis analysis = analyse(analyzer, photo(file));
+        QCOMPARE(int(analysis.faces.size()), faces);
+        const Guidance expected = faces == 0 ? Guidance::NoFace : faces > 1 ? Guidance::MultipleFaces : analysis.guidance;
+        QCOMPARE(analysis.guidance, expected);
+    }
+
+    void channelOrderDoesNotMatter()
+    {
+        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        const QImage image = photo("matplotlib__grace_hopper.jpg");
+        const FaceAnalysis bgra = analyse(analyzer, image, platform::PixelFormat::BGRA32);
+        const FaceAnalysis argb = analyse(analyzer, image, platform::PixelFormat::ARGB32);
+        QCOMPARE(argb.faces, bgra.faces);
+        QVERIFY(std::abs(argb.brightness - bgra.brightness) < 0.01);
+    }
+
+    void judgesAGoodFaceGood()
+    {
+        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        const FaceAnalysis analysis = analyse(analyzer, cameraFrame(photo("matplotlib__grace_hopper.jpg")));
+        QCOMPARE(int(analysis.faces.size()), 1);
+        QCOMPARE(analysis.guidance, Guidance::None);
+        QVERIFY2(analysis.sharpness > 300, qPrintable(QString::number(analysis.sharpness)));
+        const core::ZCQualityScore& q = analysis.quality;
+        for (double part : {q.total, q.sharpness, q.exposure, q.faceSize, q.centring, q.pose})
+            QVERIFY(part >= 0.0 && part <= 1.0);
+        QVERIFY(q.total > 0.5);
+        QVERIFY(q.faceSize > 0.9);
+    }
+
+    void tellsWhatIsWrongWithAFace_data()
+    {
+        QTest::addColumn<QString>("damage");
+        QTest::addColumn<Guidance>("guidance");
+        QTest::newRow("blurred") << "blur" << Guidance::Blurred;
+        QTest::newRow("dark") << "dark" << Guidance::TooDark;
+        QTest::newRow("bright") << "bright" << Guidance::TooBright;
+        QTest::newRow("far") << "far" << Guidance::TooFar;
+    }
+    void tellsWhatIsWrongWithAFace()
+    {
+        QFETCH(QString, damage);
+        QFETCH(Guidance, guidance);
+        QImage frame = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        if (damage == "blur") {
+            frame = frame.scaled(90, 160, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                        .scaled(720, 1280, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+        } else if (damage == "dark" || damage == "bright") {
+            for (int y = 0; y < frame.height(); ++y) {
+                QRgb* line = reinterpret_cast<QRgb*>(frame.scanLine(y));
+                for (int x = 0; x < frame.width(); ++x) {
+                    const auto shade = [&](int c) { return damage == "dark" ? c / 4 : 190 + c / 4; };
+                    line[x] = qRgb(shade(qRed(line[x])), shade(qGreen(line[x])), shade(qBlue(line[x])));
+                }
+            }
+        } else {
+            QImage far(720, 1280, QImage::Format_ARGB32);
+            far.fill(Qt::darkGray);
+            QPainter(&far).drawImage(QRect(160, 400, 400, 469), photo("matplotlib__grace_hopper.jpg"));
+            frame = far;
+        }
+        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        const FaceAnalysis analysis = analyse(analyzer, frame);
+        QCOMPARE(int(analysis.faces.size()), 1);
+        QCOMPARE(analysis.guidance, guidance);
+    }
+
+    void missingCascadeIsReported()
+    {
+        core::ZCDetectorSettings settings;
+        settings.faceCascadePath = QStringLiteral("/nonexistent/cascade.xml");
+        FaceAnalyzer analyzer(settings);
+        QVERIFY(analyzer.loadError().contains("/nonexistent/cascade.xml"));
+        QCOMPARE(analyse(analyzer, photo("matplotlib__grace_hopper.jpg")).faces.size(), size_t(0));
+    }
+
+    void mapsFacesWithAspectFill()
+    {
+        using core::detail::PreviewGeometry;
+        // A 720x1280 frame on a 360x720 screen: scaled by 0.5625 to 405x720,
+        // 22.5 points cropped on each side.
+        const PreviewGeometry portrait{QSizeF(360, 720), {}};
+        QCOMPARE(portrait.toScreen(QRectF(100, 200, 400, 400), QSizeF(720, 1280)),
+                 QRectF(100 * 0.5625 - 22.5, 200 * 0.5625, 400 * 0.5625, 400 * 0.5625));
+        // A landscape frame on a portrait screen fills the height.
+        const PreviewGeometry tall{QSizeF(300, 400), {}};
+        QCOMPARE(tall.toScreen(QRectF(0, 0, 160, 120), QSizeF(160, 120)), QRectF(-116.6666666666667 + 0, 0, 533.3333333333333, 400));
+        // Unknown screen: frame coordinates pass through.
+        QCOMPARE(PreviewGeometry{}.toScreen(QRectF(1, 2, 3, 4), QSizeF(720, 1280)), QRectF(1, 2, 3, 4));
+        // Insets move the centre the user aims at, not the picture.
+        const PreviewGeometry notched{QSizeF(360, 640), {40, 0, 0, 0}};
+        QCOMPARE(notched.focusInFrame(QSizeF(720, 1280)), QPointF(360, 680));
+        QCOMPARE(notched.toScreen(QRectF(0, 0, 720, 1280), QSizeF(720, 1280)), QRectF(0, 0, 360, 640));
+    }
+
+    void copiesFramesIntoImages()
+    {
+        QImage image(4, 2, QImage::Format_ARGB32);
+        image.fill(qRgb(10, 20, 30));
+        image.setPixel(3, 1, qRgb(200, 100, 50));
+        for (auto format : {platform::PixelFormat::BGRA32, platform::PixelFormat::ARGB32}) {
+            const platform::SampleBuffer frame = test::frameFromImage(image, platform::MediaTime::zero(), format);
+            const auto& b = *frame.imageBuffer();
+            const QImage copy = core::detail::copyToImage({b.baseAddress(), b.width(), b.height(), b.bytesPerRow(), format});
+            QCOMPARE(copy.pixel(0, 0), qRgb(10, 20, 30));
+            QCOMPARE(copy.pixel(3, 1), qRgb(200, 100, 50));
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFaceAnalyzer)
+#include "tst_faceanalyzer.moc"
