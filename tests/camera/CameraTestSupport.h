@@ -1,0 +1,42 @@
+#pragma once
+// Small helpers shared by the camera and capture-manager suites.
+#include "platform/PixelBuffer.h"
+
+#include <QDir>
+#include <QString>
+
+#include <cstring>
+#include <memory>
+
+namespace zavo::testing {
+
+/// Threads of this process right now (every kind, not only queues).
+inline int processThreadCount()
+{
+    return int(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
+/// An NV12 frame whose left half is black and right half white, so that
+/// mirroring and turning can be read back from the BGRA result.
+inline std::shared_ptr<platform::PixelBuffer> makeHalfWhiteFrame(int width, int height)
+{
+    auto buffer = platform::PixelBuffer::create(width, height, platform::PixelFormat::NV12VideoRange);
+    buffer->lockBaseAddress();
+    for (int row = 0; row < height; ++row) {
+        uint8_t* luma = buffer->baseAddress(0) + size_t(row) * buffer->bytesPerRow(0);
+        std::memset(luma, 16, size_t(width / 2));
+        std::memset(luma + width / 2, 235, size_t(width - width / 2));
+    }
+    for (int row = 0; row < buffer->heightOfPlane(1); ++row)
+        std::memset(buffer->baseAddress(1) + size_t(row) * buffer->bytesPerRow(1), 128, size_t(width));
+    buffer->unlockBaseAddress();
+    return buffer;
+}
+
+/// Green channel of a BGRA pixel.
+inline int greenAt(const platform::PixelBuffer& bgra, int x, int y)
+{
+    return bgra.baseAddress(0)[size_t(y) * bgra.bytesPerRow(0) + size_t(x) * 4 + 1];
+}
+
+}  // namespace zavo::testing
