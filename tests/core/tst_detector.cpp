@@ -1,0 +1,391 @@
+// The reference detector's public behaviour: what it reports, when, and on
+// which terms it stops, with frames made from photos.
+#include "../web/CannedHttpServer.h"
+#include "CoreTestSupport.h"
+#include "platform/DispatchQueue.h"
+#include "zavocore/ZCHttpLiveness.h"
+#include "zavocore/ZCStepConfig.h"
+#include "zavocore/ZavoCore.h"
+#include "zavoweb/NetworkingError.h"
+
+#include <QDir>
+#include <QTimer>
+#include <QTest>
+
+using namespace zavo;
+using core::ZCErrorCode;
+using platform::MediaTime;
+
+namespace {
+
+QImage photo(const QString& name) { return QImage(test::dataPath(name)); }
+
+QImage cameraFrame(const QImage& face)
+{
+    QImage frame = face.scaled(720, 1280, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
+    return frame.copy((frame.width() - 720) / 2, (frame.height() - 1280) / 2, 720, 1280);
+}
+
+QImage darkened(QImage image)
+{
+    image = image.convertToFormat(QImage::Format_ARGB32);
+    for (int y = 0; y < image.height(); ++y) {
+        QRgb* line = reinterpret_cast<QRgb*>(image.scanLine(y));
+        for (int x = 0; x < image.width(); ++x)
+            line[x] = qRgb(qRed(line[x]) / 4, qGreen(line[x]) / 4, qBlue(line[x]) / 4);
+    }
+    return image;
+}
+
+core::ZCDetectorSettings testSettings()
+{
+    core::ZCDetectorSettings settings;
+    settings.synchronousProcessing = true;
+    settings.frameTimeout = 60;  // only the watchdog test wants it
+    return settings;
+}
+
+int threadCount() { return QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(); }
+
+// Answers every check with one scripted verdict, from a thread of its own.
+class ScriptedLiveness final : public core::ZCOnlineLivenessProtocol {
+public:
+    ScriptedLiveness(bool live, platform::ErrorPtr error) : live_(live), error_(std::move(error)) {}
+    void checkLiveness(const QImage& image, Completion completion) override
+    {
+        images.append(image);
+        queue_->async([completion, live = live_, error = error_] { completion(live, error); });
+    }
+    QList<QImage> images;  // touched on the detector's thread only, read after it reported
+
+private:
+    bool live_;
+    platform::ErrorPtr error_;
+    platform::DispatchQueuePtr queue_ = platform::DispatchQueue::create(QStringLiteral("test.liveness"));
+};
+
+// A detector, its delegate and a feed of frames with timestamps.
+struct Rig {
+    std::shared_ptr<test::RecordingDelegate> delegate = std::make_shared<test::RecordingDelegate>();
+    core::ZCBestShotDetectorPtr detector;
+
+    explicit Rig(core::ZCDetectorSettings settings = testSettings(),
+                 std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness = nullptr)
+    {
+        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+        configuration->detector = settings;
+        detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, std::move(liveness), configuration);
+    }
+
+    /// Frames of image from `from` to `to` seconds, 30 a second.
+    void feed(const QImage& image, double from, double to,
+              platform::PixelFormat format = platform::PixelFormat::BGRA32)
+    {
+        const platform::SampleBuffer first = test::frameFromImage(image, MediaTime::zero(), format);
+        for (double t = from; t < to - 1e-9; t += 1.0 / 30) {
+            detector->pushFrame(platform::SampleBuffer(first.imageBuffer(), MediaTime::fromSeconds(t, 600),
+                                                       first.formatDescription()));
+        }
+    }
+};
+
+}  // namespace
+
+class TestDetector : public QObject {
+    Q_OBJECT
+
+private slots:
+    void steadyGoodFaceGivesOneBestShot_data()
+    {
+        QTest::addColumn<platform::PixelFormat>("format");
+        QTest::newRow("BGRA") << platform::PixelFormat::BGRA32;
+        QTest::newRow("ARGB") << platform::PixelFormat::ARGB32;
+    }
+    void steadyGoodFaceGivesOneBestShot()
+    {
+        QFETCH(platform::PixelFormat, format);
+        Rig rig;
+        const QImage frame = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        rig.detector->screenSize(QSizeF(360, 640), {20, 0, 10, 0});
+        rig.detector->launchWizard();
+        rig.feed(frame, 0.0, 0.5, format);
+        QVERIFY(rig.delegate->shots().isEmpty());  // not steady long enough yet
+        rig.feed(frame, 0.5, 1.5, format);
+
+        QCOMPARE(rig.delegate->shots().size(), 1);
+        QVERIFY(rig.delegate->errors().isEmpty());
+        QVERIFY(rig.detector->faceFound());
+        // Once the shot is out, frames are no longer looked at.
+        QCOMPARE(rig.delegate->events().last(), QStringLiteral("shot"));
+
+        const core::ZCBestShotPtr shot = rig.delegate->shots().front();
+        QCOMPARE(shot->image().size(), QSize(720, 1280));
+        QCOMPARE(shot->image().pixel(360, 640), frame.pixel(360, 640));
+        QVERIFY(QRectF(0, 0, 720, 1280).contains(shot->faceRect()));
+        QVERIFY(shot->faceRect().width() > 300);
+        QVERIFY(shot->quality().total > 0.5);
+        QVERIFY(shot->frameTime().seconds() <= 0.6);
+        // The screen is exactly half the frame: rectangles are halved.
+        const QRectF onScreen = rig.delegate->rects().last();
+        QCOMPARE(onScreen, QRectF(shot->faceRect().topLeft() / 2, shot->faceRect().size() / 2));
+    }
+
+    void framesBeforeTheWizardAreIgnored()
+    {
+        Rig rig;
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 1.0);
+        QVERIFY(rig.delegate->events().isEmpty());
+        QVERIFY(!rig.detector->faceFound());
+    }
+
+    void noFaceIsReportedAtAModestPace()
+    {
+        Rig rig;
+        rig.detector->launchWizard();
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.0, 5.0);
+        // After 0.2 s of no face, then every 2 s while it lasts.
+        QCOMPARE(rig.delegate->codes(), (QList<long>{1022, 1022, 1022}));
+        const auto report = rig.delegate->errors().front();
+        QCOMPARE(report.domain, core::kZCErrorDomain);
+        QCOMPARE(report.key, QStringLiteral("errors.no_face"));
+        QCOMPARE(report.text, core::zc_localized("errors.no_face"));
+        QVERIFY(report.text != report.key);
+        QVERIFY(rig.delegate->rects().isEmpty());
+        QVERIFY(!rig.detector->faceFound());
+    }
+
+    void guidanceFollowsTheSituation()
+    {
+        Rig rig;
+        const QImage good = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        rig.detector->launchWizard();
+        rig.feed(darkened(good), 0.0, 0.5);
+        rig.feed(photo("gpl/kphotoalbum__qt-logo.jpg").scaled(720, 488), 0.5, 1.0);
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 1.0, 1.5);
+        QCOMPARE(rig.delegate->keys(),
+                 (QStringList{"errors.too_dark", "errors.multiple_faces_detected", "errors.no_face"}));
+        QCOMPARE(rig.delegate->codes(), (QList<long>{1021, 1023, 1022}));
+        // The face frame goes away with the faces, once.
+        QCOMPARE(rig.delegate->events().filter("rect:none").size(), 1);
+        rig.feed(good, 1.5, 2.5);
+        QCOMPARE(rig.delegate->shots().size(), 1);
+    }
+
+    void severalFacesNeverGiveAShot()
+    {
+        Rig rig;
+        rig.detector->launchWizard();
+        rig.feed(photo("gpl/kphotoalbum__qt-logo.jpg"), 0.0, 2.0);
+        QVERIFY(rig.delegate->codes().contains(1023));
+        QVERIFY(rig.delegate->shots().isEmpty());
+    }
+
+    void theStepTimesOut()
+    {
+        auto settings = testSettings();
+        settings.stepTimeout = 60;
+        Rig rig(settings);
+        rig.detector->defineStepsList({std::make_shared<core::ZCStepConfig>(0.2)});
+        rig.detector->launchWizard();
+        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1000});
+        QCOMPARE(rig.delegate->keys(), QStringList{"errors.step_timeout"});
+        // The wizard is over: frames change nothing.
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 1.0);
+        QCOMPARE(rig.delegate->events().size(), 1);
+    }
+
+    void withoutStepsTheConfiguredTimeoutApplies()
+    {
+        auto settings = testSettings();
+        settings.stepTimeout = 0.2;
+        Rig rig(settings);
+        rig.detector->launchWizard();
+        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1000});
+    }
+
+    void framesThatStopEndTheSession()
+    {
+        auto settings = testSettings();
+        settings.frameTimeout = 0.3;
+        Rig rig(settings);
+        rig.detector->launchWizard();
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.0, 0.1);
+        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1004});
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 1.0, 2.0);
+        QCOMPARE(rig.delegate->codes(), QList<long>{1004});
+        QVERIFY(rig.delegate->shots().isEmpty());
+    }
+
+    void unreadableFramesAreReportedOnce()
+    {
+        Rig rig;
+        rig.detector->launchWizard();
+        auto buffer = platform::PixelBuffer::create(64, 64, platform::PixelFormat::NV12VideoRange);
+        for (int i = 0; i < 3; ++i)
+            rig.detector->pushFrame(platform::SampleBuffer(buffer, MediaTime::make(i, 30),
+                                                           platform::FormatDescription::forImageBuffer(*buffer)));
+        QCOMPARE(rig.delegate->codes(), QList<long>{1001});
+        QCOMPARE(rig.delegate->keys(), QStringList{"errors.unsupported_frames"});
+    }
+
+    void aMissingCascadeIsReportedAtLaunch()
+    {
+        auto settings = testSettings();
+        settings.faceCascadePath = QStringLiteral("/nonexistent/face.xml");
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("face detector unavailable"));
+        Rig rig(settings);
+        rig.detector->launchWizard();
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 0.1);
+        QCOMPARE(rig.delegate->keys(), QStringList{"errors.detector_unavailable"});
+    }
+
+    void livenessDecidesAboutTheShot_data()
+    {
+        QTest::addColumn<bool>("live");
+        QTest::addColumn<int>("errorKind");  // -1: none
+        QTest::addColumn<QStringList>("tail");
+        QTest::newRow("accepted") << true << -1 << QStringList{"liveness:on", "liveness:off", "shot"};
+        QTest::newRow("refused") << false << -1 << QStringList{"liveness:on", "liveness:off", "error:1007"};
+        QTest::newRow("server error")
+            << false << int(web::NetworkingError::Kind::ZavoError) << QStringList{"liveness:on", "liveness:off", "error:0"};
+    }
+    void livenessDecidesAboutTheShot()
+    {
+        QFETCH(bool, live);
+        QFETCH(int, errorKind);
+        QFETCH(QStringList, tail);
+        platform::ErrorPtr error;
+        if (errorKind >= 0)
+            error = std::make_shared<web::NetworkingError>(web::NetworkingError::zavoError(11038, "several"));
+        auto liveness = std::make_shared<ScriptedLiveness>(live, error);
+        Rig rig(testSettings(), liveness);
+        const QImage good = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        rig.detector->launchWizard();
+        rig.feed(good, 0.0, 1.0);
+        QTRY_COMPARE(rig.delegate->events().mid(rig.delegate->events().size() - 3), tail);
+        QCOMPARE(liveness->images.size(), 1);
+        QCOMPARE(liveness->images.front().size(), QSize(720, 1280));
+        if (error) {
+            // Passed on as the checker reported it.
+            QCOMPARE(rig.delegate->errors().last().error, error);
+        }
+        if (live)
+            return;
+        // Paused: frames are not looked at until resume().
+        const int before = rig.delegate->events().size();
+        rig.feed(good, 1.0, 2.0);
+        QCOMPARE(rig.delegate->events().size(), before);
+        rig.detector->resume();
+        rig.feed(good, 2.0, 3.0);
+        QTRY_COMPARE(liveness->images.size(), 2);
+    }
+
+    void aQualityComplaintSendsTheSearchOn()
+    {
+        auto complaint = std::make_shared<web::NetworkingError>(web::NetworkingError::livenessQualityError("Too dark"));
+        auto liveness = std::make_shared<ScriptedLiveness>(false, complaint);
+        Rig rig(testSettings(), liveness);
+        const QImage good = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        rig.detector->launchWizard();
+        rig.feed(good, 0.0, 1.0);
+        QTRY_VERIFY(!rig.delegate->errors().isEmpty());
+        QCOMPARE(rig.delegate->errors().front().error, platform::ErrorPtr(complaint));
+        rig.feed(good, 1.0, 2.0);
+        QTRY_VERIFY(liveness->images.size() >= 2);
+    }
+
+    void httpLivenessEndToEnd()
+    {
+        test::CannedHttpServer server;
+        server.answer(200, R"({"live": true})");
+        auto liveness = std::make_shared<core::ZCHttpLiveness>(web::ZWLivenessClient::Settings{server.url()});
+        Rig rig(testSettings(), liveness);
+        rig.detector->launchWizard();
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 1.0);
+        QTRY_COMPARE(rig.delegate->shots().size(), 1);
+        QCOMPARE(server.requests().size(), 1);
+    }
+
+    void aDeclinedShotIsFollowedByAnother()
+    {
+        Rig rig;
+        rig.delegate->setAcceptShots(false);
+        rig.detector->launchWizard();
+        // Shots at 0.6 s and, after a new steady spell, at 1.23 s.
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 1.5);
+        QCOMPARE(rig.delegate->shots().size(), 2);
+    }
+
+    void destroyingLeavesNoThreadBehind()
+    {
+        const int before = threadCount();
+        auto settings = testSettings();
+        settings.synchronousProcessing = false;
+        {
+            Rig rig(settings);
+            rig.detector->launchWizard();
+            rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 0.5);
+            // Released with frames waiting and probably one being analysed.
+        }
+        QCOMPARE(threadCount(), before);
+    }
+
+    void theDetectorMayBeReleasedFromADelegateCall()
+    {
+        // The last owner lets go inside bestShot, on the detector's thread.
+        struct Owner final : core::ZCBestShotDelegate {
+            core::ZCBestShotDetectorPtr detector;
+            std::atomic<bool> shot{false};
+            void detectionRect(const QRectF&, const QSizeF&) override {}
+            bool bestShot(core::ZCBestShotPtr) override
+            {
+                detector.reset();
+                shot = true;
+                return true;
+            }
+            void bestShotError(platform::ErrorPtr) override {}
+        };
+        auto owner = std::make_shared<Owner>();
+        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+        configuration->detector = testSettings();
+        configuration->detector.synchronousProcessing = false;
+        owner->detector = core::ZCBestShotBuilder::buildWithDelegate(owner, nullptr, configuration);
+        std::weak_ptr<core::ZCBestShotDetectorProtocol> detector = owner->detector;
+        owner->detector->launchWizard();
+        const platform::SampleBuffer frame =
+            test::frameFromImage(cameraFrame(photo("matplotlib__grace_hopper.jpg")), MediaTime::zero());
+        // Frames come from the event loop, like a camera's would.
+        int number = 0;
+        QTimer camera;
+        connect(&camera, &QTimer::timeout, this, [&] {
+            if (auto d = detector.lock())
+                d->pushFrame(platform::SampleBuffer(frame.imageBuffer(), MediaTime::make(number++, 30), frame.formatDescription()));
+        });
+        camera.start(5);
+        QTRY_VERIFY_WITH_TIMEOUT(owner->shot, 20000);
+        QTRY_VERIFY(detector.expired());
+    }
+
+    void theBuilderTakesAnotherFactory()
+    {
+        struct Stub final : core::ZCBestShotDetectorProtocol {
+            void pushFrame(const platform::SampleBuffer&) override {}
+            void screenSize(const QSizeF&, const platform::EdgeInsets&) override {}
+            bool faceFound() const override { return true; }
+            void launchWizard() override {}
+            void defineStepsList(std::vector<core::ZCStepConfigPtr>) override {}
+            void resume() override {}
+        };
+        auto stub = std::make_shared<Stub>();
+        core::ZCBestShotBuilder::setFactory([stub](auto, auto, auto) { return stub; });
+        auto delegate = std::make_shared<test::RecordingDelegate>();
+        QCOMPARE(core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, nullptr), core::ZCBestShotDetectorPtr(stub));
+        core::ZCBestShotBuilder::setFactory({});
+        auto reference = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, nullptr);
+        QVERIFY(reference && reference != stub);
+        QVERIFY(!reference->faceFound());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDetector)
+#include "tst_detector.moc"
