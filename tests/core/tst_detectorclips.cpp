@@ -1,0 +1,89 @@
+// The reference detector on real camera clips, every frame analysed in
+// timestamp order.
+#include "CoreTestSupport.h"
+
+#include <QTest>
+
+using namespace zavo;
+
+namespace {
+
+// Feeds a whole clip through a freshly launched detector.
+std::shared_ptr<test::RecordingDelegate> runClip(const QString& file, core::ZCDetectorSettings settings = {})
+{
+    settings.synchronousProcessing = true;
+    settings.frameTimeout = 60;
+    auto delegate = std::make_shared<test::RecordingDelegate>();
+    auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+    configuration->detector = settings;
+    auto detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
+    detector->screenSize(QSizeF(360, 640), {});
+    detector->launchWizard();
+    const bool read = test::forEachFrame(test::dataPath(file), [&](const platform::SampleBuffer& frame) {
+        detector->pushFrame(frame);
+    });
+    if (!read)
+        qWarning("cannot read %s", qPrintable(file));
+    return delegate;
+}
+
+}  // namespace
+
+class TestDetectorClips : public QObject {
+    Q_OBJECT
+
+private slots:
+    void zoomBlurDarkGivesASharpEarlyShot()
+    {
+        const auto delegate = runClip(QStringLiteral("A_zoom_blur_dark.mp4"));
+        QCOMPARE(delegate->shots().size(), 1);
+        QVERIFY(delegate->errors().isEmpty());
+        const double t = delegate->shots().front()->frameTime().seconds();
+        QVERIFY2(t < 2.0, qPrintable(QString::number(t)));
+        QVERIFY2(t < 1.0 || (t > 1.5 && t < 2.5) || t > 3.2, qPrintable(QString::number(t)));
+    }
+
+    void withoutAShotTheBlurAndTheDarkAreNamed()
+    {
+        // A spell too long to complete shows the guidance of the whole clip.
+        core::ZCDetectorSettings settings;
+        settings.steadyDuration = 10;
+        const auto delegate = runClip(QStringLiteral("A_zoom_blur_dark.mp4"), settings);
+        QVERIFY(delegate->shots().isEmpty());
+        QCOMPARE(delegate->keys(), (QStringList{"errors.blurred", "errors.too_dark", "errors.blurred"}));
+    }
+
+    void faceLeavesThenNoFace()
+    {
+        core::ZCDetectorSettings settings;
+        settings.steadyDuration = 10;
+        const auto delegate = runClip(QStringLiteral("gpl/B_face_leaves.mp4"), settings);
+        const QStringList events = delegate->events();
+        QVERIFY(!events.isEmpty());
+        QCOMPARE(events.front(), QStringLiteral("rect"));
+        const qsizetype gone = events.indexOf(QStringLiteral("rect:none"));
+        QVERIFY(gone > 30);  // the face was followed for about 1.8 s first
+        QCOMPARE(events.indexOf(QStringLiteral("rect"), gone), -1);
+        QCOMPARE(delegate->codes().first(), 1022);
+        QVERIFY(events.indexOf(QStringLiteral("error:1022")) > gone);
+    }
+
+    void twoFacesNeverGiveAShot()
+    {
+        const auto delegate = runClip(QStringLiteral("C_two_faces.mp4"));
+        QVERIFY(delegate->shots().isEmpty());
+        QVERIFY(!delegate->codes().isEmpty());
+        for (long code : delegate->codes())
+            QCOMPARE(code, 1023);
+    }
+
+    void webcamClipGivesAShot()
+    {
+        const auto delegate = runClip(QStringLiteral("gpl/R_kphotoalbum_movie.mp4"));
+        QCOMPARE(delegate->shots().size(), 1);
+        QCOMPARE(delegate->shots().front()->image().size(), QSize(160, 120));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDetectorClips)
+#include "tst_detectorclips.moc"
