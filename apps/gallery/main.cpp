@@ -344,6 +344,17 @@ int showWindow(QApplication& app)
     return status;
 }
 
+// The offscreen platform warns about every fixed-size window it cannot pass
+// size hints on for; that says nothing about the screenshots.
+QtMessageHandler previousHandler = nullptr;
+
+void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (message == QLatin1String("This plugin does not support propagateSizeHints()"))
+        return;
+    previousHandler(type, context, message);
+}
+
 // Whether argv asks for offscreen rendering; read before the application
 // object exists, because that is when the platform plugin is chosen.
 bool wantsOutput(int argc, char** argv)
@@ -365,6 +376,7 @@ int main(int argc, char** argv)
         // Screenshots at twice the point size, as a high-density screen shows them.
         if (qEnvironmentVariableIsEmpty("QT_SCALE_FACTOR"))
             qputenv("QT_SCALE_FACTOR", "2");
+        previousHandler = qInstallMessageHandler(dropOffscreenNoise);
     }
     QApplication app(argc, argv);
     describeHost();
