@@ -48,6 +48,7 @@ enum class CaptureErrorCode : long {
     DeviceOpenFailed = 2,    // open, format or streaming set-up refused
     DeviceLocked = 3,        // configuration lock refused
     InputRefused = 4,        // a device input could not be made
+    NoDataCaptured = 5,      // a recording stopped before its first frame
 };
 ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
 

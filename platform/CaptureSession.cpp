@@ -88,8 +88,14 @@ CaptureSession::CaptureSession(ConstructionKey) {}
 
 CaptureSession::~CaptureSession()
 {
-    running_.store(false);
+    // A session dropped while running ends like a stopped one, so that a
+    // recording under way is finished rather than abandoned.
+    const bool wasRunning = running_.exchange(false);
     stopCapture();
+    if (wasRunning) {
+        for (const auto& output : outputs_)
+            output->sessionDidStopRunning();
+    }
 }
 
 void CaptureSession::beginConfiguration()

@@ -1,6 +1,7 @@
 #include "platform/SyntheticCaptureDevice.h"
 
 #include "platform/CaptureDevice_p.h"
+#include "platform/CaptureMovieFileOutput.h"
 #include "platform/CaptureVideoDataOutput.h"
 
 #include <chrono>
@@ -230,6 +231,8 @@ std::unique_ptr<CaptureDeviceStream> SyntheticCaptureDevice::openStream(const Ca
 bool SyntheticCaptureDevice::acceptsOutput(const CaptureOutput& output) const
 {
     if (configuration_.refusesVideoDataOutput && dynamic_cast<const CaptureVideoDataOutput*>(&output))
+        return false;
+    if (configuration_.refusesMovieFileOutput && dynamic_cast<const CaptureMovieFileOutput*>(&output))
         return false;
     return true;
 }
