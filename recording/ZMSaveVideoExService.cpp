@@ -1,0 +1,103 @@
+#include "recording/ZMSaveVideoExService.h"
+
+#include "camera-screen/ZMBundleLink.h"
+#include "recording/ZMRecordingStorage.h"
+
+namespace zavo {
+
+using namespace platform;
+
+std::shared_ptr<ZMSaveVideoExService> ZMSaveVideoExService::videoServiceWithDelegate(
+    std::weak_ptr<ZMSaveVideoServiceDelegate> delegate, double frameWidth, double frameHeight, double fps)
+{
+    auto service = create(frameWidth, frameHeight, fps);
+    service->setDelegate(std::move(delegate));
+    return service;
+}
+
+std::shared_ptr<ZMSaveVideoExService> ZMSaveVideoExService::create(double frameWidth, double frameHeight, double fps)
+{
+    auto service = std::make_shared<ZMSaveVideoExService>(ConstructionKey{});
+    service->compressionService_ = ZMVideoCompresion::create();
+    service->processingQueue_ = DispatchQueue::create(kZavoCameraBundleIdentifier + QStringLiteral(".ZMSaveVideoExService"),
+                                                      QualityOfService::Background, -1);
+    service->framesCounter_ = 0;
+    service->frameWidth_ = frameWidth;
+    service->frameHeight_ = frameHeight;
+    service->fps_ = fps;
+    return service;
+}
+
+std::shared_ptr<ZMSaveVideoServiceDelegate> ZMSaveVideoExService::delegate() const
+{
+    std::lock_guard lock(mutex_);
+    return delegate_.lock();
+}
+
+void ZMSaveVideoExService::setDelegate(std::weak_ptr<ZMSaveVideoServiceDelegate> delegate)
+{
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+}
+
+void ZMSaveVideoExService::attachWithSession(const CaptureSessionPtr& session,
+                                             const std::shared_ptr<CaptureConnection>& connection)
+{
+    videoFileOutput_ = CaptureMovieFileOutput::create();
+    if (!session || !session->canAddOutput(videoFileOutput_))
+        return;  // no recording will be possible; nobody is told
+    session->addOutput(videoFileOutput_);
+    if (videoFileOutput_->availableVideoCodecTypes().contains(kVideoCodecTypeH264))
+        videoFileOutput_->setOutputSettings({{kVideoCodecKey, kVideoCodecTypeH264}}, connection);
+}
+
+void ZMSaveVideoExService::recreateBrightfoldFolder() { ZMRecordingStorage::recreateEmptyFolder(); }
+
+void ZMSaveVideoExService::beginRecordWithFileURL(const QUrl& fileURL)
+{
+    recreateBrightfoldFolder();
+    if (videoFileOutput_)
+        videoFileOutput_->startRecordingToOutputFileURL(fileURL, shared_from_this());
+}
+
+void ZMSaveVideoExService::appendStorageWithSampleBuffer(const SampleBuffer&) {}
+
+void ZMSaveVideoExService::endRecordWithCompletion(std::function<void()> completion)
+{
+    if (videoFileOutput_)
+        videoFileOutput_->stopRecording();
+    // Without a delegate the caller's completion is deliberately never called.
+    auto target = delegate();
+    if (!target)
+        return;
+    target->videoFlushingWillBegin();
+    if (completion)
+        completion();
+}
+
+void ZMSaveVideoExService::captureOutputDidStartRecording(CaptureMovieFileOutput&, const QUrl&,
+                                                          const std::vector<std::shared_ptr<CaptureConnection>>&)
+{
+}
+
+void ZMSaveVideoExService::captureOutputDidFinishRecording(CaptureMovieFileOutput&, const QUrl& fileURL,
+                                                           const std::vector<std::shared_ptr<CaptureConnection>>&,
+                                                           ErrorPtr error)
+{
+    auto target = delegate();
+    if (!target)
+        return;  // no report, no recompression: the recorded file stays as it is
+    target->videoFlushingDidEndWithError(error);
+    target.reset();
+    // The compressor's report goes to whoever is the delegate by then.
+    compressionService_->compressFileWithUrlToCompress(
+        fileURL.toLocalFile(), ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this()](long result) {
+            ErrorPtr compressionError;
+            if (result == rawValue(CompressionResult::failure))
+                compressionError = ZMRecordingStorage::badQualityError();
+            if (auto current = self->delegate())
+                current->videoFlushingDidEndWithError(compressionError);
+        });
+}
+
+}  // namespace zavo
