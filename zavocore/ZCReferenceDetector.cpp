@@ -149,6 +149,7 @@ private:
     ZCBestShotPtr checkedShot_;  // waiting for the liveness verdict
 
     // Guidance pacing.
+    std::optional<double> lastFrameTime_;
     Guidance pendingGuidance_ = Guidance::None;
     double pendingSince_ = 0;
     Guidance reportedGuidance_ = Guidance::None;
@@ -287,6 +288,14 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     const double frameTime = pts.isValid()
         ? pts.seconds()
         : std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+
+    // Timestamps that go back (a restarted or switched camera) start the
+    // spell and the guidance pacing afresh.
+    if (lastFrameTime_ && frameTime < *lastFrameTime_) {
+        resetSpell();
+        pendingGuidance_ = reportedGuidance_ = Guidance::None;
+    }
+    lastFrameTime_ = frameTime;
 
     PixelReadLock readLock(buffer);
     const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(),

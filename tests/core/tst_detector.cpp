@@ -130,6 +130,18 @@ private slots:
         QCOMPARE(onScreen, QRectF(shot->faceRect().topLeft() / 2, shot->faceRect().size() / 2));
     }
 
+    void timeGoingBackStartsTheSpellAgain()
+    {
+        Rig rig;
+        const QImage good = cameraFrame(photo("matplotlib__grace_hopper.jpg"));
+        rig.detector->launchWizard();
+        rig.feed(good, 10.0, 10.5);
+        rig.feed(good, 0.0, 0.5);  // the camera restarted its clock
+        QVERIFY(rig.delegate->shots().isEmpty());
+        rig.feed(good, 0.5, 0.7);
+        QCOMPARE(rig.delegate->shots().size(), 1);
+    }
+
     void framesBeforeTheWizardAreIgnored()
     {
         Rig rig;
