@@ -183,15 +183,6 @@ private slots:
         QCOMPARE(rig.delegate->shots().size(), 1);
     }
 
-    void severalFacesNeverGiveAShot()
-    {
-        Rig rig;
-        rig.detector->launchWizard();
-        rig.feed(photo("gpl/kphotoalbum__qt-logo.jpg"), 0.0, 2.0);
-        QVERIFY(rig.delegate->codes().contains(1023));
-        QVERIFY(rig.delegate->shots().isEmpty());
-    }
-
     void theStepTimesOut()
     {
         auto settings = testSettings();

@@ -74,16 +74,6 @@ private slots:
         QCOMPARE(analysis.guidance, expected);
     }
 
-    void channelOrderDoesNotMatter()
-    {
-        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
-        const QImage image = photo("matplotlib__grace_hopper.jpg");
-        const FaceAnalysis bgra = analyse(analyzer, image, platform::PixelFormat::BGRA32);
-        const FaceAnalysis argb = analyse(analyzer, image, platform::PixelFormat::ARGB32);
-        QCOMPARE(argb.faces, bgra.faces);
-        QVERIFY(std::abs(argb.brightness - bgra.brightness) < 0.01);
-    }
-
     void judgesAGoodFaceGood()
     {
         FaceAnalyzer analyzer{core::ZCDetectorSettings()};
@@ -163,19 +153,6 @@ private slots:
         QCOMPARE(notched.toScreen(QRectF(0, 0, 720, 1280), QSizeF(720, 1280)), QRectF(0, 0, 360, 640));
     }
 
-    void copiesFramesIntoImages()
-    {
-        QImage image(4, 2, QImage::Format_ARGB32);
-        image.fill(qRgb(10, 20, 30));
-        image.setPixel(3, 1, qRgb(200, 100, 50));
-        for (auto format : {platform::PixelFormat::BGRA32, platform::PixelFormat::ARGB32}) {
-            const platform::SampleBuffer frame = test::frameFromImage(image, platform::MediaTime::zero(), format);
-            const auto& b = *frame.imageBuffer();
-            const QImage copy = core::detail::copyToImage({b.baseAddress(), b.width(), b.height(), b.bytesPerRow(), format});
-            QCOMPARE(copy.pixel(0, 0), qRgb(10, 20, 30));
-            QCOMPARE(copy.pixel(3, 1), qRgb(200, 100, 50));
-        }
-    }
 };
 
 QTEST_GUILESS_MAIN(TestFaceAnalyzer)

@@ -160,17 +160,6 @@ private slots:
         QVERIFY(error->errorDescription().has_value());
     }
 
-    void aNullPictureIsNotSent()
-    {
-        test::CannedHttpServer server;
-        server.answer(200, R"({"live": true})");
-        ZWLivenessClient client({server.url(), std::chrono::seconds(5)});
-        auto check = start(client, QImage());
-        QTRY_VERIFY(check->taken());
-        QVERIFY(networking(*check->taken()));
-        QCOMPARE(server.requests().size(), 0);
-    }
-
     void destroyingAbortsQuietly()
     {
         test::CannedHttpServer server;
