@@ -44,7 +44,8 @@ class VideoFrameConverter {
 public:
     enum class Scaling {
         FastBilinear,  // cheapest; aliases when shrinking a lot
-        Bilinear,      // default: area-aware when shrinking, good speed
+        Bilinear,      // default: shrinking 2x or more first averages whole
+                       // pixel blocks (4-byte formats), then filters bilinearly
         Bicubic,       // what the ffmpeg command line uses
         Area,
     };
@@ -79,6 +80,10 @@ public:
 
     /// How often the scaler was (re)built; for tests and diagnostics.
     int scalerSetupCount() const;
+
+    /// Reverses the four bytes of each of count pixels in place: BGRA into
+    /// ARGB and back.
+    static void reverseBytesOfPixels(uint8_t* pixels, int count);
 
 private:
     struct Private;

@@ -171,6 +171,38 @@ private slots:
         QCOMPARE(int(other->baseAddress()[0]), 16);
     }
 
+    void shrinkingAveragesInsteadOfSkipping_data()
+    {
+        QTest::addColumn<int>("scaling");
+        QTest::newRow("bilinear") << int(VideoFrameConverter::Scaling::Bilinear);
+        QTest::newRow("bicubic") << int(VideoFrameConverter::Scaling::Bicubic);
+    }
+
+    void shrinkingAveragesInsteadOfSkipping()
+    {
+        QFETCH(int, scaling);
+        // A one-pixel checkerboard shrunk 4x (and 5x, which averages 2-pixel
+        // blocks first) must come out flat grey; sampling would give stripes.
+        auto source = PixelBuffer::create(80, 60, PixelFormat::ARGB32);
+        for (int y = 0; y < 60; ++y)
+            std::memset(source->baseAddress() + y * source->bytesPerRow(), 0, source->bytesPerRow());
+        for (int y = 0; y < 60; ++y)
+            for (int x = (y % 2); x < 80; x += 2)
+                std::memset(source->baseAddress() + y * source->bytesPerRow() + x * 4, 255, 4);
+        VideoFrameConverter converter;
+        converter.setScaling(VideoFrameConverter::Scaling(scaling));
+        for (QSize size : {QSize(20, 15), QSize(16, 12)}) {
+            auto destination = PixelBuffer::create(size.width(), size.height(), PixelFormat::BGRA32);
+            QVERIFY(converter.convert(*source, *destination));
+            for (int y = 1; y < size.height() - 1; ++y)
+                for (int x = 1; x < size.width() - 1; ++x)
+                    for (int c = 0; c < 4; ++c) {
+                        const int value = destination->baseAddress()[y * destination->bytesPerRow() + x * 4 + c];
+                        QVERIFY2(qAbs(value - 128) <= 12, qPrintable(QStringLiteral("%1 at %2,%3").arg(value).arg(x).arg(y)));
+                    }
+        }
+    }
+
     void refusesWhatItCannotTurnAndLeavesTheDestinationAlone()
     {
         VideoFrameConverter converter;
