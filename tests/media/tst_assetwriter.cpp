@@ -163,14 +163,14 @@ private slots:
         auto queue = DispatchQueue::create("pump");
         std::promise<bool> onQueue;
         int next = 0;
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::zero());
         s.input->requestMediaDataWhenReady(queue, [&, input = s.input, adaptor = s.adaptor] {
             while (input->isReadyForMoreMediaData() && next < 40)
                 adaptor->appendPixelBuffer(adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::make(next++, 25));
             onQueue.set_value(queue->isCurrent());
             input->markAsFinished();
         });
-        QVERIFY(s.writer->startWriting());
-        s.writer->startSessionAtSourceTime(MediaTime::zero());
         auto ran = onQueue.get_future();
         QVERIFY(ran.wait_for(std::chrono::seconds(30)) == std::future_status::ready);
         QVERIFY(ran.get());
