@@ -3,6 +3,7 @@
 #include "camera-screen/ZMBundleLink.h"
 #include "platform/FileSystem.h"
 #include "platform/Log.h"
+#include "platform/VideoFrameConverter.h"
 #include "recording/ZMRecordingStorage.h"
 
 #include <QDir>
@@ -23,26 +24,6 @@ namespace {
 constexpr int kEncodedWidth = 180;
 constexpr int kEncodedHeight = 320;
 
-/// BGRA bytes into ARGB in place: each pixel's four bytes reversed, two
-/// pixels per 64-bit word (reverse all eight bytes, then swap the halves).
-void reverseBytesOfPixels(uint8_t* row, int pixels)
-{
-    int x = 0;
-    for (; x + 2 <= pixels; x += 2, row += 8) {
-        uint64_t two;
-        std::memcpy(&two, row, 8);
-        two = __builtin_bswap64(two);
-        two = (two >> 32) | (two << 32);
-        std::memcpy(row, &two, 8);
-    }
-    if (x < pixels) {
-        uint32_t one;
-        std::memcpy(&one, row, 4);
-        one = __builtin_bswap32(one);
-        std::memcpy(row, &one, 4);
-    }
-}
-
 /// Renders a frame file (BGRA rows) into an ARGB pool buffer. The file's rows
 /// are taken at the pool buffer's stride, not the stride they were captured
 /// with, so a capture whose rows were padded differently comes out skewed.
@@ -58,9 +39,9 @@ void renderFrameFile(const QString& path, PixelBuffer& buffer)
     const qint64 read = file.read(reinterpret_cast<char*>(buffer.baseAddress()), qint64(stride) * buffer.height());
     const int fullRows = read > 0 ? int(size_t(read) / stride) : 0;
     for (int y = 0; y < fullRows; ++y)
-        reverseBytesOfPixels(buffer.baseAddress() + size_t(y) * stride, buffer.width());
+        VideoFrameConverter::reverseBytesOfPixels(buffer.baseAddress() + size_t(y) * stride, buffer.width());
     if (read > 0 && fullRows < buffer.height())
-        reverseBytesOfPixels(buffer.baseAddress() + size_t(fullRows) * stride,
+        VideoFrameConverter::reverseBytesOfPixels(buffer.baseAddress() + size_t(fullRows) * stride,
                              std::min(buffer.width(), int((size_t(read) % stride) / 4)));
     buffer.unlockBaseAddress();
 }
@@ -109,11 +90,17 @@ void ZMSaveVideoService::beginRecordWithFileURL(const QUrl& fileURL)
 
 void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampleBuffer)
 {
-    const QByteArray data = imageToBuffer(sampleBuffer);
     const QString path = frameFilePathWithFrameIndex(framesCounter());
-    // A frame that cannot be written leaves a gap; the flush fills it with
-    // whatever the pool buffer holds.
-    writeFileAtomically(path, data);
+    // The frame's rows go straight from the locked buffer into the file:
+    // the same bytes imageToBuffer() would copy, without a second copy of
+    // several megabytes per frame on the capture queue. A frame that cannot
+    // be written leaves a gap, which the flush fills with the pool buffer.
+    if (const std::shared_ptr<PixelBuffer>& image = sampleBuffer.imageBuffer()) {
+        image->lockBaseAddress(PixelBuffer::ReadWrite);
+        writeFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
+                            qint64(image->bytesPerRow()) * image->height());
+        image->unlockBaseAddress(PixelBuffer::ReadWrite);
+    }
     framesCounter_.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -123,11 +110,10 @@ QByteArray ZMSaveVideoService::imageToBuffer(const SampleBuffer& sampleBuffer)
     if (!image)
         return {};
     image->lockBaseAddress(PixelBuffer::ReadWrite);
-    const qsizetype size = qsizetype(image->bytesPerRow()) * image->height();
-    frameScratch_.resize(size);
-    std::memcpy(frameScratch_.data(), image->baseAddress(), size_t(size));
+    QByteArray data(reinterpret_cast<const char*>(image->baseAddress()),
+                    qsizetype(image->bytesPerRow()) * image->height());
     image->unlockBaseAddress(PixelBuffer::ReadWrite);
-    return frameScratch_;
+    return data;
 }
 
 QUrl ZMSaveVideoService::documentURL() const { return zavocamera_documentsFolder(); }

@@ -57,9 +57,8 @@ public:
 
     /// The Documents folder, as zavocamera_documentsFolder() finds it.
     QUrl documentURL() const;
-    /// The frame's bytes as they lie in memory: height x bytesPerRow, rows
-    /// with their padding. The copy goes into a buffer this recorder keeps, so
-    /// steady appends allocate nothing once the previous result is released.
+    /// A copy of the frame's bytes as they lie in memory: height x
+    /// bytesPerRow, rows with their padding. This is what a frame file holds.
     QByteArray imageToBuffer(const platform::SampleBuffer& sampleBuffer);
     /// Path of frame file index (cut to 32 bits); makes the folder if missing.
     QString frameFilePathWithFrameIndex(int64_t index);
@@ -96,8 +95,6 @@ private:
     double frameWidth_ = 0;
     double frameHeight_ = 0;
     QUrl recordVideoFileURL_;
-
-    QByteArray frameScratch_;  // the appending thread's
 };
 
 }  // namespace zavo
