@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
@@ -187,18 +188,37 @@ addRow(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
     }
 }
 
-/// Averages each run of fx pixels of the column sums (fy rows each) into one.
-__attribute__((optimize("tree-vectorize", "vect-cost-model=dynamic"))) void
-averageBlocks(const uint16_t* sums, uint8_t* out, int outWidth, int fx, uint32_t reciprocal)
+/// Averages each run of FX pixels of the column sums (fy rows each) into one.
+/// Pixels are handled as four 16-bit lanes of one 64-bit word: the sums of
+/// at most 8x8 bytes fit a lane, so adding pixels is one addition per pixel.
+template <int FX>
+void averageBlocks(const uint16_t* sums, uint8_t* out, int outWidth, uint32_t reciprocal)
 {
     for (int x = 0; x < outWidth; ++x) {
-        const uint16_t* block = sums + size_t(x) * size_t(fx) * 4;
-        uint32_t total[4] = {0, 0, 0, 0};
-        for (int k = 0; k < fx; ++k)
-            for (int c = 0; c < 4; ++c)
-                total[c] += block[k * 4 + c];
-        for (int c = 0; c < 4; ++c)
-            out[x * 4 + c] = uint8_t((total[c] * reciprocal + (1u << 15)) >> 16);
+        uint64_t total = 0;
+        for (int k = 0; k < FX; ++k) {
+            uint64_t pixel;
+            std::memcpy(&pixel, sums + (size_t(x) * FX + size_t(k)) * 4, 8);
+            total += pixel;
+        }
+        for (int c = 0; c < 4; ++c) {
+            const int lane = std::endian::native == std::endian::little ? c : 3 - c;
+            out[x * 4 + c] = uint8_t(((uint32_t(total >> (16 * lane)) & 0xffffu) * reciprocal + (1u << 15)) >> 16);
+        }
+    }
+}
+
+void averageBlocks(const uint16_t* sums, uint8_t* out, int outWidth, int fx, uint32_t reciprocal)
+{
+    switch (fx) {
+    case 1: averageBlocks<1>(sums, out, outWidth, reciprocal); break;
+    case 2: averageBlocks<2>(sums, out, outWidth, reciprocal); break;
+    case 3: averageBlocks<3>(sums, out, outWidth, reciprocal); break;
+    case 4: averageBlocks<4>(sums, out, outWidth, reciprocal); break;
+    case 5: averageBlocks<5>(sums, out, outWidth, reciprocal); break;
+    case 6: averageBlocks<6>(sums, out, outWidth, reciprocal); break;
+    case 7: averageBlocks<7>(sums, out, outWidth, reciprocal); break;
+    default: averageBlocks<8>(sums, out, outWidth, reciprocal); break;
     }
 }
 
