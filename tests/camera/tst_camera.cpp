@@ -169,6 +169,14 @@ private slots:
             QVERIFY(!device->formats().empty());
             QVERIFY(device->activeFormat());
         }
+        // A real camera streams BGRA frames through a session.
+        RunningSession run(devices.front());
+        run.session->startRunning();
+        if (run.session->runtimeError())
+            QSKIP("the V4L2 camera is busy or cannot stream");
+        QTRY_VERIFY_WITH_TIMEOUT(run.delegate->count() >= 3, 10000);
+        run.session->stopRunning();
+        QCOMPARE(run.delegate->received().front().imageBuffer()->pixelFormat(), PixelFormat::BGRA32);
     }
 
     void configurationNeedsTheLockAndHonoursFaults()

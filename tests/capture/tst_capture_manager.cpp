@@ -608,8 +608,10 @@ private slots:
         // A second report deletes again, which now fails and is logged; the
         // delegate still gets the recorder's own error.
         QTest::ignoreMessage(QtWarningMsg, qPrintable(flushLine));
-        QTest::ignoreMessage(QtWarningMsg, qPrintable(QStringLiteral(">>> Error while deleting video file <%1>").arg(file)));
+        const QString deleteLine = QStringLiteral(">>> Error while deleting video file <%1>").arg(file);
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(deleteLine));
         manager->videoFlushingDidEndWithError(error);
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(deleteLine));
         manager->videoFlushingDidEndWithError(nullptr);
         const auto saved = delegate->savedErrors();
         QCOMPARE(saved.size(), size_t(3));
