@@ -69,6 +69,7 @@ struct AssetWriterInput::Private {
 
     bool append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time);
     void dispatchRequest();
+    void dropRequest();
 };
 
 struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private> {
@@ -136,6 +137,8 @@ void AssetWriter::Private::fail(MediaErrorCode code, const QString& what, int ff
         qCWarning(lcMedia) << "writing" << finalPath << "failed:" << reason;
     }
     slotFreed.notify_all();
+    if (input)
+        input->dropRequest();
 }
 
 void AssetWriter::Private::releaseSlot(int slot)
@@ -336,6 +339,7 @@ void AssetWriter::Private::finish(const std::function<void()>& completion)
     }
     discardPartFile();
     slotFreed.notify_all();
+    input->dropRequest();
     if (completion)
         completion();
 }
@@ -403,7 +407,17 @@ void AssetWriterInput::requestMediaDataWhenReady(DispatchQueuePtr queue, std::fu
         d->requestQueue = std::move(queue);
         d->requestBlock = std::move(block);
     }
-    if (isReadyForMoreMediaData())
+    bool over = false;
+    if (auto writer = d->writer.lock()) {
+        std::lock_guard lock(writer->mutex);
+        over = writer->inputFinished
+            || (writer->status != AssetWriter::Status::Unknown && writer->status != AssetWriter::Status::Writing);
+    }
+    // A writer that failed or ended never asks for data: keeping the block
+    // would only keep alive whatever it holds (often this very input).
+    if (over)
+        d->dropRequest();
+    else if (isReadyForMoreMediaData())
         d->dispatchRequest();
 }
 
@@ -424,6 +438,19 @@ void AssetWriterInput::Private::dispatchRequest()
         queue->async(std::move(block));
 }
 
+void AssetWriterInput::Private::dropRequest()
+{
+    DispatchQueuePtr queue;
+    std::function<void()> block;
+    {
+        std::lock_guard lock(mutex);
+        queue = std::move(requestQueue);
+        block = std::move(requestBlock);
+    }
+    // Released here, outside the lock: the block may hold the last reference
+    // to objects whose destruction comes back to this input.
+}
+
 bool AssetWriterInput::appendSampleBuffer(const SampleBuffer& sample)
 {
     return d->append(sample.imageBuffer(), sample.presentationTimeStamp());
@@ -435,9 +462,7 @@ void AssetWriterInput::markAsFinished()
         std::lock_guard lock(writer->mutex);
         writer->inputFinished = true;
     }
-    std::lock_guard lock(d->mutex);
-    d->requestQueue.reset();
-    d->requestBlock = nullptr;
+    d->dropRequest();
 }
 
 bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time)
@@ -523,6 +548,8 @@ std::shared_ptr<AssetWriter> AssetWriter::create(const QUrl& outputURL, FileType
     const QString path = outputURL.toLocalFile();
     if (QFileInfo::exists(path))
         return refuse(MediaErrorCode::FileAlreadyExists, QStringLiteral("A file already exists at %1").arg(path));
+    if (!QFileInfo(path).dir().exists())
+        return refuse(MediaErrorCode::CannotWrite, QStringLiteral("No folder for %1").arg(path));
     std::shared_ptr<AssetWriter> writer(new AssetWriter());
     writer->d = std::make_shared<Private>();
     writer->d->finalPath = path;
@@ -673,6 +700,8 @@ void AssetWriter::cancelWriting()
         d->status = Status::Cancelled;
     }
     d->slotFreed.notify_all();
+    if (d->input)
+        d->input->dropRequest();
     if (d->encodeQueue)
         d->encodeQueue->async([d = d] { d->discardPartFile(); });
 }

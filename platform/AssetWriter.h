@@ -70,8 +70,8 @@ public:
     bool isReadyForMoreMediaData() const;
     /// Runs block on queue once the writer is writing (at once if it already
     /// is). The block appends while the input is ready and calls
-    /// markAsFinished() when it has no more data. It is released once the
-    /// input is finished.
+    /// markAsFinished() when it has no more data. A writer that fails,
+    /// finishes or is cancelled first never runs it, and releases it.
     void requestMediaDataWhenReady(DispatchQueuePtr queue, std::function<void()> block);
     /// Appends the sample's pixel buffer at its presentation time.
     bool appendSampleBuffer(const SampleBuffer& sample);
@@ -121,8 +121,9 @@ public:
     enum class Status { Unknown, Writing, Completed, Failed, Cancelled };
 
     /// A writer for the local file at outputURL. Null, with *error set, when
-    /// the URL is not a local file or a file already exists there (remove it
-    /// first: a writer never overwrites by accident).
+    /// the URL is not a local file, its folder does not exist, or a file
+    /// already exists there (remove it first: a writer never overwrites by
+    /// accident).
     static std::shared_ptr<AssetWriter> create(const QUrl& outputURL, FileType fileType, ErrorPtr* error = nullptr);
     ~AssetWriter();
     AssetWriter(const AssetWriter&) = delete;
@@ -140,7 +141,7 @@ public:
     void addInput(AssetWriterInputPtr input);
 
     /// Opens the file. False, with status Failed and an error, when it
-    /// cannot be created (folder missing or not writable) or when called twice.
+    /// cannot be created (folder not writable, gone) or when called twice.
     bool startWriting();
     /// Frames are placed on the file's timeline relative to this time; frames
     /// before it are dropped.

@@ -189,13 +189,25 @@ private slots:
         QCOMPARE(error->code(), long(MediaErrorCode::FileAlreadyExists));
 
         // A folder below a regular file cannot exist, not even for root.
-        const QString nowhere = existing + "/sub/out.mp4";
-        Session s = makeSession(nowhere, 16, 16, {PixelFormat::BGRA32, 16, 16});
+        QVERIFY(!AssetWriter::create(QUrl::fromLocalFile(existing + "/sub/out.mp4"), FileType::MPEG4, &error));
+        QCOMPARE(error->code(), long(MediaErrorCode::CannotWrite));
+
+        // The folder goes away between creating the writer and writing.
+        QTemporaryDir gone;
+        Session s = makeSession(gone.filePath("out.mp4"), 16, 16, {PixelFormat::BGRA32, 16, 16});
+        QVERIFY(gone.remove());
+        auto held = std::make_shared<int>(0);
+        std::weak_ptr<int> watch = held;
+        s.input->requestMediaDataWhenReady(DispatchQueue::create("never"), [held] {});
+        held.reset();
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^writing .* failed: .*No such file or directory"));
         QVERIFY(!s.writer->startWriting());
         QCOMPARE(s.writer->status(), AssetWriter::Status::Failed);
         QCOMPARE(s.writer->error()->code(), long(MediaErrorCode::CannotWrite));
         QVERIFY(!s.input->isReadyForMoreMediaData());
         QVERIFY(!s.adaptor->pixelBufferPool());
+        // The block that will never run is let go, with what it holds.
+        QVERIFY(watch.expired());
         QVERIFY(finish(s.writer));
     }
 

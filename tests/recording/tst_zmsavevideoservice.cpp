@@ -286,7 +286,6 @@ private slots:
         auto service = ZMSaveVideoService::videoServiceWithDelegate(delegate, 96, 160, 30);
         service->beginRecordWithFileURL(QUrl::fromLocalFile(blocker + "/ZMRecordedVideo.mp4"));
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Error while deleting old video <Error Domain=POSIX Code=20 .*>$"));
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^writing .* failed: .*"));
         service->appendStorageWithSampleBuffer(frameOf(96, 160, kColours[0]));
         const auto completionThread = endAndWait(service);
         QVERIFY(completionThread);
