@@ -175,55 +175,6 @@ private slots:
         QVERIFY(qAbs(int(a[1]) - int(b[2])) < 24 && qAbs(int(a[3]) - int(b[0])) < 24);
     }
 
-    void reusesPooledBuffersOnceReleased()
-    {
-        auto asset = Asset::assetWithPath(clip);
-        auto reader = AssetReader::create(asset);
-        auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
-        output->setAlwaysCopiesSampleData(false);
-        reader->addOutput(output);
-        QVERIFY(reader->startReading());
-        const uint8_t* first = nullptr;
-        for (int i = 0; i < 10; ++i) {
-            SampleBuffer sample = output->copyNextSampleBuffer();
-            QVERIFY(sample.isValid());
-            if (!first)
-                first = sample.imageBuffer()->baseAddress();
-            QCOMPARE(sample.imageBuffer()->baseAddress(), first);
-        }
-    }
-
-    void refusesOutputsItCannotServe()
-    {
-        auto asset = Asset::assetWithPath(clip);
-        auto other = Asset::assetWithPath(rotated);
-        auto reader = AssetReader::create(asset);
-        auto foreign = AssetReaderTrackOutput::create(other->tracksWithMediaType(MediaType::Video).front());
-        QVERIFY(!reader->canAddOutput(foreign));
-        QVERIFY(!AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Audio).front()));
-        auto own = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
-        QVERIFY(reader->canAddOutput(own));
-        reader->addOutput(own);
-        QVERIFY(!reader->canAddOutput(own));
-        QVERIFY(reader->startReading());
-        QVERIFY(!reader->startReading());
-        auto late = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
-        QVERIFY(!reader->canAddOutput(late));
-    }
-
-    void cancelStopsDecoding()
-    {
-        auto asset = Asset::assetWithPath(clip);
-        auto reader = AssetReader::create(asset);
-        auto output = AssetReaderTrackOutput::create(asset->tracksWithMediaType(MediaType::Video).front());
-        reader->addOutput(output);
-        QVERIFY(reader->startReading());
-        QVERIFY(output->copyNextSampleBuffer().isValid());
-        reader->cancelReading();
-        QCOMPARE(reader->status(), AssetReader::Status::Cancelled);
-        QVERIFY(!output->copyNextSampleBuffer().isValid());
-    }
-
     void truncatedFileEndsWithoutCrashing()
     {
         // Cut a clip whose index comes first in the middle of its frames.

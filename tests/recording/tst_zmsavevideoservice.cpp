@@ -153,10 +153,6 @@ private slots:
         auto service = ZMSaveVideoService::create(96, 160, 30);
         QCOMPARE(folderEntries(), QStringList{"ZMRecordedVideo.mp4"});
         QCOMPARE(service->processingQueue()->label(), kZavoCameraBundleIdentifier + ".ZMSaveVideoService");
-        QCOMPARE(service->processingQueue()->qualityOfService(), QualityOfService::Background);
-        QCOMPARE(service->framesCounter(), 0);
-        QCOMPARE(service->frameWidth(), 96.0);
-        QCOMPARE(service->fps(), 30.0);
     }
 
     void appendWritesRawFramesWithTheirPadding()

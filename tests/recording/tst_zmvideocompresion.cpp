@@ -7,7 +7,6 @@
 
 #include <QTemporaryDir>
 #include <QtTest>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -91,16 +90,6 @@ private slots:
 
     void cleanup() { ProcessInfo::resetOperatingSystemVersion(); }
 
-    void resultRawValues()
-    {
-        QCOMPARE(rawValue(CompressionResult::failure), 0);
-        QCOMPARE(rawValue(CompressionResult::success), 1);
-        QCOMPARE(compressionResultFromRawValue(0), std::optional(CompressionResult::failure));
-        QCOMPARE(compressionResultFromRawValue(1), std::optional(CompressionResult::success));
-        QVERIFY(!compressionResultFromRawValue(2));
-        QVERIFY(!compressionResultFromRawValue(-1));
-    }
-
     void portraitMovieBecomesSmallSilentAndKeepsItsTurn()
     {
         const QJsonArray before = probeStreams(portraitSource);
@@ -134,19 +123,6 @@ private slots:
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QByteArray bytes = file.readAll();
         QVERIFY(bytes.indexOf("moov") < bytes.indexOf("mdat"));
-    }
-
-    void messageFormReportsTheRawValue()
-    {
-        const QString input = copyOf(portraitSource, "message.mp4");
-        auto compressor = ZMVideoCompresion::create();
-        std::promise<long> raw;
-        compressor->compressFileWithUrlToCompress(input, dir.filePath("message-out.mp4"),
-                                                  [&raw](long value) { raw.set_value(value); });
-        auto future = raw.get_future();
-        QVERIFY(future.wait_for(std::chrono::seconds(60)) == std::future_status::ready);
-        QCOMPARE(future.get(), 1L);
-        QTRY_VERIFY(settled());
     }
 
     void belowThePlatformGateNothingHappens()
