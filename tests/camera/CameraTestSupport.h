@@ -3,6 +3,7 @@
 #include "platform/PixelBuffer.h"
 
 #include <QDir>
+#include <QFile>
 #include <QString>
 
 #include <cstring>
@@ -10,10 +11,20 @@
 
 namespace zavo::testing {
 
-/// Threads of this process right now (every kind, not only queues).
+/// Threads of this process right now, of every kind, except the workers of
+/// Qt's global thread pool: Qt's painting starts them on its own and lets them
+/// idle for half a minute, so they say nothing about the code under test.
 inline int processThreadCount()
 {
-    return int(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    int count = 0;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+        if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "Thread (pooled)")
+            continue;
+        ++count;
+    }
+    return count;
 }
 
 /// An NV12 frame whose left half is black and right half white, so that

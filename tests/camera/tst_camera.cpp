@@ -106,7 +106,18 @@ struct RunningSession {
 class TstCamera : public QObject {
     Q_OBJECT
 
+    int baselineThreads = 0;  // the process at rest
+
 private slots:
+    void initTestCase() { baselineThreads = processThreadCount(); }
+
+    /// Sessions, cameras and queues of a test are all gone once it is over.
+    void cleanup()
+    {
+        QTRY_COMPARE(DispatchQueue::liveThreadCount(), 0);
+        QTRY_COMPARE(processThreadCount(), baselineThreads);
+    }
+
     void init()
     {
         CaptureDeviceRegistry::shared().setV4L2Enabled(false);
@@ -241,7 +252,6 @@ private slots:
 
     void runningSessionDeliversBgraFramesAndClosesTheCameraOnStop()
     {
-        const int threadsBefore = processThreadCount();
         auto device = Synthetic::create({.formats = {Synthetic::makeFormat("420v", 96, 160, {{1, 60}})}});
         {
             RunningSession run(device);
@@ -266,7 +276,7 @@ private slots:
             }
             QCOMPARE(frames.front().presentationTimeStamp(), MediaTime::zero());
         }
-        QTRY_COMPARE(processThreadCount(), threadsBefore);
+        QTRY_COMPARE(processThreadCount(), baselineThreads);
     }
 
     void connectionTurnsAndMirrorsFrames_data()
@@ -342,7 +352,6 @@ private slots:
 
     void cameraTroubleIsLoggedAndNeverHangsAStop()
     {
-        const int threadsBefore = processThreadCount();
         {
             // Vanishes after three frames.
             auto device = Synthetic::create({.localizedName = "Flaky", .vanishAfterFrames = 3});
@@ -383,7 +392,7 @@ private slots:
             run.output.reset();
             QVERIFY(!device->isOpen());
         }
-        QTRY_COMPARE(processThreadCount(), threadsBefore);
+        QTRY_COMPARE(processThreadCount(), baselineThreads);
     }
 
     void cameraSwitchWhileRunningKeepsTimeGoingForward()

@@ -165,12 +165,21 @@ class TstCaptureManager : public QObject {
     Q_OBJECT
 
     QTemporaryDir documents;
+    int baselineThreads = 0;  // the process at rest
 
 private slots:
     void initTestCase()
     {
         QVERIFY(documents.isValid());
         setDocumentsDirectory(documents.path());
+        baselineThreads = processThreadCount();
+    }
+
+    /// Whatever a test started has ended once it is over.
+    void cleanup()
+    {
+        QTRY_COMPARE(DispatchQueue::liveThreadCount(), 0);
+        QTRY_COMPARE(processThreadCount(), baselineThreads);
     }
 
     void init()
@@ -648,8 +657,6 @@ private slots:
 
     void releasingTheManagerLeavesNothingBehind()
     {
-        const int queuesBefore = DispatchQueue::liveThreadCount();
-        const int threadsBefore = processThreadCount();
         auto device = registerCamera(camera("front", Position::Front));
         CaptureVideoPreviewLayerPtr layer;  // the screen keeps its layer
         HandlerProbe probe;
@@ -668,8 +675,8 @@ private slots:
             manager.reset();
         }
         QTRY_VERIFY(!device->isOpen());
-        QTRY_COMPARE(DispatchQueue::liveThreadCount(), queuesBefore);
-        QTRY_COMPARE(processThreadCount(), threadsBefore);
+        QTRY_COMPARE(DispatchQueue::liveThreadCount(), 0);
+        QTRY_COMPARE(processThreadCount(), baselineThreads);
         QVERIFY(layer);
         QVERIFY(!layer->session());
     }
