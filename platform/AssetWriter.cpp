@@ -339,7 +339,8 @@ void AssetWriter::Private::finish(const std::function<void()>& completion)
     }
     discardPartFile();
     slotFreed.notify_all();
-    input->dropRequest();
+    if (input)
+        input->dropRequest();
     if (completion)
         completion();
 }
