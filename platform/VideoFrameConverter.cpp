@@ -173,11 +173,25 @@ int blockFactor(int from, int to)
     return 1;
 }
 
-// The two loops below carry the cost of shrinking a camera frame; they are
-// plain enough for the compiler to vectorise once asked to (-O2 does not try
-// loops of unknown length).
-__attribute__((optimize("tree-vectorize", "vect-cost-model=dynamic"))) void
-addRow(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
+// The loops below touch every byte of a camera frame. They are plain enough
+// for the compiler to vectorise once asked to (-O2 does not try loops of
+// unknown length), and on x86-64 they are built for AVX2 and SSSE3 besides
+// the baseline, picked on first use: byte reversal needs SSSE3's byte
+// shuffle to vectorise at all. (Not target_clones: its resolvers run before
+// the sanitizer runtimes are ready.)
+#define ZAVO_VECTORIZE optimize("tree-vectorize", "vect-cost-model=dynamic")
+
+__attribute__((always_inline)) inline void reversePixelBytesLoop(uint8_t* pixels, int count)
+{
+    for (int x = 0; x < count; ++x) {
+        uint32_t pixel;
+        std::memcpy(&pixel, pixels + size_t(x) * 4, 4);
+        pixel = __builtin_bswap32(pixel);
+        std::memcpy(pixels + size_t(x) * 4, &pixel, 4);
+    }
+}
+
+__attribute__((always_inline)) inline void addRowLoop(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
 {
     if (first) {
         for (size_t i = 0; i < bytes; ++i)
@@ -186,6 +200,62 @@ addRow(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
         for (size_t i = 0; i < bytes; ++i)
             sums[i] = uint16_t(sums[i] + row[i]);
     }
+}
+
+__attribute__((ZAVO_VECTORIZE)) void reversePixelBytesBaseline(uint8_t* pixels, int count)
+{
+    reversePixelBytesLoop(pixels, count);
+}
+
+__attribute__((ZAVO_VECTORIZE)) void addRowBaseline(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
+{
+    addRowLoop(sums, row, bytes, first);
+}
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void reversePixelBytesAvx2(uint8_t* pixels, int count)
+{
+    reversePixelBytesLoop(pixels, count);
+}
+
+__attribute__((target("ssse3"), ZAVO_VECTORIZE)) void reversePixelBytesSsse3(uint8_t* pixels, int count)
+{
+    reversePixelBytesLoop(pixels, count);
+}
+
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void addRowAvx2(uint16_t* sums, const uint8_t* row, size_t bytes,
+                                                                 bool first)
+{
+    addRowLoop(sums, row, bytes, first);
+}
+#endif
+
+void reversePixelBytes(uint8_t* pixels, int count)
+{
+    using Function = void (*)(uint8_t*, int);
+    static const Function best = [] {
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+        if (__builtin_cpu_supports("avx2"))
+            return Function(reversePixelBytesAvx2);
+        if (__builtin_cpu_supports("ssse3"))
+            return Function(reversePixelBytesSsse3);
+#endif
+        return Function(reversePixelBytesBaseline);
+    }();
+    best(pixels, count);
+}
+
+void addRow(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
+{
+    using Function = void (*)(uint16_t*, const uint8_t*, size_t, bool);
+    static const Function best = [] {
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+        if (__builtin_cpu_supports("avx2"))
+            return Function(addRowAvx2);
+#endif
+        return Function(addRowBaseline);
+    }();
+    best(sums, row, bytes, first);
 }
 
 /// Averages each run of FX pixels of the column sums (fy rows each) into one.
@@ -224,24 +294,7 @@ void averageBlocks(const uint16_t* sums, uint8_t* out, int outWidth, int fx, uin
 
 }  // namespace
 
-void VideoFrameConverter::reverseBytesOfPixels(uint8_t* pixels, int count)
-{
-    // Two pixels per 64-bit word: reverse all eight bytes, then swap halves.
-    int x = 0;
-    for (; x + 2 <= count; x += 2, pixels += 8) {
-        uint64_t two;
-        std::memcpy(&two, pixels, 8);
-        two = __builtin_bswap64(two);
-        two = (two >> 32) | (two << 32);
-        std::memcpy(pixels, &two, 8);
-    }
-    if (x < count) {
-        uint32_t one;
-        std::memcpy(&one, pixels, 4);
-        one = __builtin_bswap32(one);
-        std::memcpy(pixels, &one, 4);
-    }
-}
+void VideoFrameConverter::reverseBytesOfPixels(uint8_t* pixels, int count) { reversePixelBytes(pixels, count); }
 
 struct VideoFrameConverter::Private {
     bool mirrored = false;
