@@ -300,6 +300,33 @@ private slots:
         QVERIFY(!QFile::exists(folder + "/bf_sample_buffer_0.dat"));
     }
 
+    void unwritableFolderNeitherStopsRecordingNorCrashes()
+    {
+        // Documents below a regular file: the recording folder can never be
+        // made, not even by root. Frames are lost but still counted, and the
+        // flush reports that its writer could not be set up.
+        QVERIFY(QDir().mkpath(folder));
+        const QString blocker = folder + "/regular-file";
+        QFile file(blocker);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+        setDocumentsDirectory(blocker + "/Documents");
+        auto delegate = std::make_shared<RecordingDelegate>();
+        auto service = ZMSaveVideoService::videoServiceWithDelegate(delegate, 96, 160, 30);
+        service->beginRecordWithFileURL(QUrl::fromLocalFile(blocker + "/Documents/bright_fold/ZMRecordedVideo.mp4"));
+        service->appendStorageWithSampleBuffer(frameOf(96, 160, kColours[0]));
+        service->appendStorageWithSampleBuffer(frameOf(96, 160, kColours[1]));
+        QCOMPARE(service->framesCounter(), 2);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Error while deleting old video <Error Domain=POSIX Code=20 .*>$"));
+        const bool ended = bool(endAndWait(service));
+        setDocumentsDirectory(documents.path());
+        QVERIFY(ended);
+        const auto events = delegate->events();
+        QCOMPARE(events.size(), size_t(2));
+        QVERIFY(events[1].error);
+        QCOMPARE(events[1].error->code(), 1018L);
+    }
+
     void diskFullLeavesNoHalfWrittenVideo()
     {
         auto service = ZMSaveVideoService::create(96, 160, 30);
