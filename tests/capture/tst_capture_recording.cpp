@@ -5,6 +5,7 @@
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "platform/AssetWriter.h"
+#include "platform/CaptureVideoDataOutput.h"
 #include "platform/CaptureMovieFileOutput.h"
 #include "platform/DeviceScreen.h"
 #include "platform/FileCaptureDevice.h"
@@ -288,6 +289,88 @@ private slots:
         // one from the file after the last); the movie output keeps them all.
         QCOMPARE(int64_t(result->frames), movieOutput ? recorded : handled + 1);
         QVERIFY(!QFile::exists(documents + "/bright_fold/recompressed.mp4"));
+    }
+
+    void movieOutputRecorderReportsInTheDocumentedOrder()
+    {
+        struct Spy final : ZMSaveVideoServiceDelegate {
+            void videoFlushingWillBegin() override { add("will-begin"); }
+            void videoFlushingDidEndWithError(ErrorPtr error) override
+            {
+                add(error ? QStringLiteral("did-end %1").arg(error->code()) : QStringLiteral("did-end nil"));
+            }
+            void add(const QString& event)
+            {
+                std::lock_guard lock(mutex);
+                events << event;
+            }
+            QStringList seen()
+            {
+                std::lock_guard lock(mutex);
+                return events;
+            }
+            std::mutex mutex;
+            QStringList events;  // guarded by mutex
+        };
+        auto camera = SyntheticCaptureDevice::create(
+            {.formats = {SyntheticCaptureDevice::makeFormat("420v", 160, 288)}});
+        auto session = CaptureSession::create();
+        session->addInput(CaptureDeviceInput::deviceInputWithDevice(camera, nullptr));
+        auto frames = CaptureVideoDataOutput::create();
+        session->addOutput(frames);
+        const auto connection = frames->connectionWithMediaType(MediaType::Video);
+        auto spy = std::make_shared<Spy>();
+        auto recorder = ZMSaveVideoExService::videoServiceWithDelegate(spy, 160, 288, 30);
+        recorder->attachWithSession(session, connection);
+        QCOMPARE(session->outputs().size(), size_t(2));
+        QCOMPARE(recorder->videoFileOutput()->outputSettingsForConnection(connection).value(kVideoCodecKey).toString(),
+                 QStringLiteral("avc1"));
+        session->startRunning();
+
+        const QString folder = documents + "/bright_fold";
+        const QUrl url = QUrl::fromLocalFile(folder + "/ZMRecordedVideo.mp4");
+        auto record = [&](int frameCount) {
+            const int64_t before = camera->deliveredFrameCount();
+            recorder->beginRecordWithFileURL(url);
+            return QTest::qWaitFor([&] { return camera->deliveredFrameCount() >= before + frameCount; });
+        };
+
+        // Each recording starts from an empty folder.
+        QDir().mkpath(folder);
+        QVERIFY(writeFileAtomically(folder + "/left-over.txt", QByteArray("old")));
+        QVERIFY(record(15));
+        QVERIFY(!QFile::exists(folder + "/left-over.txt"));
+        bool completed = false;
+        recorder->endRecordWithCompletion([&] { completed = true; });
+        QVERIFY(completed);  // at once, while the file is still being finished
+        QCOMPARE(spy->seen(), QStringList{"will-begin"});
+        QTRY_COMPARE_WITH_TIMEOUT(spy->seen(), (QStringList{"will-begin", "did-end nil", "did-end nil"}), 30000);
+        QCOMPARE(probe(url.toLocalFile())->size, QSize(320, 180));
+
+        // Without a delegate: no report, no completion, no recompression.
+        recorder->setDelegate({});
+        QVERIFY(record(15));
+        completed = false;
+        recorder->endRecordWithCompletion([&] { completed = true; });
+        QTRY_VERIFY(!recorder->videoFileOutput()->isRecording());
+        QTRY_VERIFY(QFile::exists(url.toLocalFile()));
+        QCOMPARE(probe(url.toLocalFile())->size, QSize(160, 288));
+        QVERIFY(!completed);
+
+        // Below the compressor's version gate only the recording reports.
+        recorder->setDelegate(spy);
+        ProcessInfo::setOperatingSystemVersion({15, 0, 0});
+        QVERIFY(record(15));
+        recorder->endRecordWithCompletion({});
+        QTRY_COMPARE_WITH_TIMEOUT(spy->seen().size(), 5, 30000);
+        // Once everything has wound down, nothing more was reported.
+        const auto output = recorder->videoFileOutput();
+        recorder.reset();
+        session.reset();
+        QTRY_VERIFY(!output->isRecording());
+        QTRY_COMPARE_WITH_TIMEOUT(processThreadCount(), baselineThreads + 1, 30000);  // the output's own thread
+        QCOMPARE(spy->seen().mid(3), (QStringList{"will-begin", "did-end nil"}));
+        QCOMPARE(probe(url.toLocalFile())->size, QSize(160, 288));
     }
 
     void unwritableDocumentsReportsErrors_data()
