@@ -12,3 +12,29 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake ${CMAKE_CURRENT
 
 configure_file(cmake/zavocamera.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The string tables are compiled into the libraries; the .qm files are also
+# installed so that packagers and translators can see what ships.
+install(DIRECTORY ${CMAKE_BINARY_DIR}/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations
+  FILES_MATCHING PATTERN "*.qm"
+  PATTERN "CMakeFiles" EXCLUDE PATTERN "tests" EXCLUDE PATTERN "bench" EXCLUDE PATTERN "*_autogen" EXCLUDE
+  PATTERN "home-*" EXCLUDE)
+
+# One Debian package with the libraries, headers, CMake package, pkg-config
+# file, translations and the demo: `cpack --config build/CPackConfig.cmake`.
+set(CPACK_PACKAGE_NAME zavocamera)
+set(CPACK_PACKAGE_VENDOR "ZavoCamera developers")
+set(CPACK_PACKAGE_CONTACT "ZavoCamera developers <dev@zavocamera.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Face-capture camera component for Qt 6 applications")
+set(CPACK_PACKAGE_DESCRIPTION "A camera screen for Qt 6 hosts that picks the best shot of the user's face from live video and records the session.")
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+# dpkg-shlibdeps works out the runtime dependencies (Qt, FFmpeg, OpenCV)
+# from the binaries themselves; our own libraries are found in the package.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/platform
+  ${CMAKE_BINARY_DIR}/zavocore ${CMAKE_BINARY_DIR}/zavoweb)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "opencv-data")
+include(CPack)
