@@ -9,8 +9,14 @@ if(ZAVO_SANITIZE STREQUAL "address")
 elseif(ZAVO_SANITIZE STREQUAL "thread")
   target_compile_options(zavo_build_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
   target_link_options(zavo_build_flags INTERFACE -fsanitize=thread)
+elseif(ZAVO_SANITIZE STREQUAL "fuzzer")
+  # clang only. Libraries carry the fuzzer's coverage hooks but not its
+  # main(); the fuzz executables in fuzz/ link -fsanitize=fuzzer themselves.
+  target_compile_options(zavo_build_flags INTERFACE
+    -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(zavo_build_flags INTERFACE -fsanitize=address,undefined)
 elseif(NOT ZAVO_SANITIZE STREQUAL "")
-  message(FATAL_ERROR "ZAVO_SANITIZE must be empty, 'address' or 'thread'")
+  message(FATAL_ERROR "ZAVO_SANITIZE must be empty, 'address', 'thread' or 'fuzzer'")
 endif()
 
 set(ZAVO_TEST_DATA_DIR "${PROJECT_SOURCE_DIR}/tests/data")
