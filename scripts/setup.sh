@@ -21,7 +21,7 @@ packages=(
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg
   libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev opencv-data
-  libbenchmark-dev fonts-dejavu-core ccache
+  libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
 )
 
 missing=()

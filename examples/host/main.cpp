@@ -1,0 +1,61 @@
+// The smallest useful host: shows the camera screen, prints how the session
+// ended and quits. With a video file as its argument it plays that file as the
+// front camera instead of using a webcam.
+#include <ZavoCamera/camera-screen/ZMCameraBuilder.h>
+#include <ZavoCamera/platform/DispatchQueue.h>
+#include <ZavoCamera/platform/FileCaptureDevice.h>
+
+#include <QApplication>
+#include <cstdio>
+
+class Host final : public zavo::ZMCameraDelegate {
+public:
+    int exitCode = 1;
+
+    void bestShot(zavo::core::ZCBestShotPtr shot, std::optional<QString> videoFile) override
+    {
+        finish(0, QStringLiteral("best shot, quality %1").arg(shot->quality().total), videoFile);
+    }
+    void error(const zavo::ZMCameraError& error, std::optional<QString> videoFile) override
+    {
+        finish(1, QStringLiteral("error: %1").arg(error.localizedDescription()), videoFile);
+    }
+
+private:
+    // Outcomes arrive on one of the component's queues: hop to the main thread.
+    void finish(int code, QString text, std::optional<QString> videoFile)
+    {
+        zavo::platform::DispatchQueue::main().async([this, code, text, videoFile] {
+            std::printf("%s; video: %s\n", qPrintable(text), qPrintable(videoFile.value_or(QStringLiteral("none"))));
+            exitCode = code;
+            QApplication::quit();
+        });
+    }
+};
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    app.setApplicationName(QStringLiteral("zavocamera-host-example"));
+    app.setApplicationVersion(QStringLiteral("1.0"));
+
+    std::shared_ptr<zavo::platform::FileCaptureDevice> fileCamera;
+    if (argc > 1) {
+        zavo::platform::ErrorPtr error;
+        fileCamera = zavo::platform::FileCaptureDevice::create(QString::fromLocal8Bit(argv[1]),
+                                                               zavo::platform::CaptureDevicePosition::Front, &error);
+        if (!fileCamera) {
+            std::fprintf(stderr, "cannot play %s: %s\n", argv[1], qPrintable(error->localizedDescription()));
+            return 2;
+        }
+        zavo::platform::CaptureDeviceRegistry::shared().registerDevice(fileCamera);
+    }
+
+    auto host = std::make_shared<Host>();
+    auto configuration = std::make_shared<zavo::core::ZCZavoConfiguration>();
+    auto screen = zavo::ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, /*recordVideo=*/true);
+    screen->viewController()->view()->resize(720 / 2, 1280 / 2);
+    screen->viewController()->view()->show();
+    app.exec();
+    return host->exitCode;
+}
