@@ -10,4 +10,16 @@
     <message><source>errors.bad_quality</source><translation>The session video could not be compressed.</translation></message>
     <message><source>errors.multiple_faces_detected</source><translation>More than one face is in view. Make sure only you are in front of the camera.</translation></message>
 </context>
+<context>
+    <name>ZMCameraViewController</name>
+    <message><source>Camera</source><translation>Camera</translation></message>
+    <message><source>Live camera view that takes a photo of your face</source><translation>Live camera view that takes a photo of your face</translation></message>
+    <message><source>Working</source><translation>Working</translation></message>
+    <message><source>Shown while your face is checked or the video is saved</source><translation>Shown while your face is checked or the video is saved</translation></message>
+    <message><source>Switch camera</source><translation>Switch camera</translation></message>
+    <message><source>Switches between the front and the back camera</source><translation>Switches between the front and the back camera</translation></message>
+    <message><source>Close</source><translation>Close</translation></message>
+    <message><source>Stops the camera without taking a photo</source><translation>Stops the camera without taking a photo</translation></message>
+    <message><source>Message</source><translation>Message</translation></message>
+</context>
 </TS>

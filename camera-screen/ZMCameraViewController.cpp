@@ -1,0 +1,384 @@
+// The camera screen: construction, its views and their layout, the capture
+// wiring up to the first frame, and the user's two buttons. What the screen
+// does with the detector's reports is in ZMCameraViewControllerResults.cpp.
+#include "camera-screen/ZMCameraViewController_p.h"
+
+#include "platform/CaptureVideoPreviewView.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Log.h"
+#include "ui/ZMFaceDetectionView.h"
+#include "ui/ZMImages.h"
+#include "ui/ZMVideoStreamNotificationView.h"
+
+#include "ui_UI.h"
+
+#include <QAbstractButton>
+#include <QAccessible>
+#include <QCoreApplication>
+#include <QKeyEvent>
+#include <QPainter>
+#include <QPropertyAnimation>
+#include <QPushButton>
+
+namespace zavo {
+
+using platform::DispatchQueue;
+
+namespace {
+
+QString tr(const char* text) { return QCoreApplication::translate("ZMCameraViewController", text); }
+
+/// The image drawn in one flat colour, keeping its alpha (a template image
+/// with a tint colour).
+QPixmap tinted(const QPixmap& image, const QColor& color)
+{
+    QImage tintedImage = image.toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    QPainter painter(&tintedImage);
+    painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+    painter.fillRect(QRectF(QPointF(0, 0), tintedImage.deviceIndependentSize()), color);
+    painter.end();
+    return QPixmap::fromImage(tintedImage);
+}
+
+/// Deletes the screen on the main queue: it owns widgets, and its last holder
+/// may be a capture or detector thread.
+struct MainQueueDeleter {
+    void operator()(ZMCameraViewController* screen) const
+    {
+        std::unique_ptr<ZMCameraViewController> owned(screen);
+        if (!QCoreApplication::instance() || DispatchQueue::main().isCurrent())
+            return;
+        auto handOver = std::make_shared<std::unique_ptr<ZMCameraViewController>>(std::move(owned));
+        DispatchQueue::main().async([handOver] { handOver->reset(); });
+    }
+};
+
+}  // namespace
+
+/// Escape closes the screen; the overlay re-lays its views when a child's
+/// size hint changes (a banner whose message wraps onto another line).
+class ZMCameraViewController::EventFilter : public QObject {
+public:
+    EventFilter(ZMCameraViewController* screen, QWidget* root) : QObject(root), screen_(screen) {}
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (event->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+            screen_->close();
+            return true;
+        }
+        if (event->type() == QEvent::LayoutRequest && watched == screen_->controls_.data())
+            screen_->layoutOverlay();
+        return false;
+    }
+
+private:
+    ZMCameraViewController* screen_;  // owns the root widget, and so this filter
+};
+
+// ---------------------------------------------------------------- lifetime
+
+std::shared_ptr<ZMCameraViewController> ZMCameraViewController::create()
+{
+    return std::shared_ptr<ZMCameraViewController>(new ZMCameraViewController(ConstructionKey{}), MainQueueDeleter{});
+}
+
+ZMCameraViewController::ZMCameraViewController(ConstructionKey)
+    : notificationView_(std::make_unique<ZMVideoStreamNotificationView>()),
+      closeButton_(std::make_unique<QPushButton>())
+{
+    closeButton_->setGeometry(QRect());
+}
+
+// Capture is not stopped here: it ends only through the ending paths, and a
+// released capture manager stops its own session.
+ZMCameraViewController::~ZMCameraViewController() = default;
+
+std::shared_ptr<ZMCameraViewController> ZMCameraViewController::strongSelf()
+{
+    return std::static_pointer_cast<ZMCameraViewController>(weak_from_this().lock());
+}
+
+std::weak_ptr<ZMCameraViewController> ZMCameraViewController::weakSelf() { return strongSelf(); }
+
+// ------------------------------------------------------------------ fields
+
+std::shared_ptr<ZMCameraDelegate> ZMCameraViewController::delegate() const
+{
+    std::lock_guard lock(delegateMutex_);
+    return delegate_.lock();
+}
+
+void ZMCameraViewController::setDelegate(std::weak_ptr<ZMCameraDelegate> delegate)
+{
+    std::lock_guard lock(delegateMutex_);
+    delegate_ = std::move(delegate);
+}
+
+void ZMCameraViewController::setConfiguration(core::ZCZavoConfigurationPtr configuration)
+{
+    configuration_ = std::move(configuration);
+}
+
+void ZMCameraViewController::setOnlineLiveness(std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness)
+{
+    onlineLiveness_ = std::move(liveness);
+}
+
+void ZMCameraViewController::setZavoCustomization(std::shared_ptr<ZMCustomization> customization)
+{
+    zavoCustomization_ = std::move(customization);
+}
+
+const core::ZCZavoConfiguration& ZMCameraViewController::requiredConfiguration(const char* use) const
+{
+    if (!configuration_)
+        qFatal("ZMCameraViewController: the configuration must be set before %s", use);
+    return *configuration_;
+}
+
+void ZMCameraViewController::defineInteractionsStep(std::vector<core::ZCStepConfigPtr> steps)
+{
+    bestShotDetector()->defineStepsList(std::move(steps));
+}
+
+const std::shared_ptr<ZMCameraCaptureManager>& ZMCameraViewController::captureManager()
+{
+    if (!captureManager_)
+        captureManager_ = ZMCameraCaptureManager::create();
+    return captureManager_;
+}
+
+const core::ZCBestShotDetectorPtr& ZMCameraViewController::bestShotDetector()
+{
+    if (!bestShotDetector_) {
+        requiredConfiguration("the detector is built");
+        bestShotDetector_ = core::ZCBestShotBuilder::buildWithDelegate(
+            std::weak_ptr<core::ZCBestShotDelegate>(strongSelf()), onlineLiveness_, configuration_);
+    }
+    return bestShotDetector_;
+}
+
+ZMFaceDetectionViewProtocol& ZMCameraViewController::faceDetectionView()
+{
+    if (!faceDetectionView_) {
+        std::unique_ptr<ZMFaceDetectionViewProtocol> view;
+        if (zavoCustomization_)
+            view = zavoCustomization_->uiCustomizer()->faceDetectionFrameView();
+        if (!view) {
+            auto builtIn = std::make_unique<ZMFaceDetectionView>(QColor(Qt::green), QColor(Qt::red));
+            // A new view has a zero frame until the first face rectangle.
+            builtIn->setGeometry(QRect());
+            view = std::move(builtIn);
+        }
+        faceDetectionView_.reset(std::move(view));
+    }
+    return *faceDetectionView_.get();
+}
+
+// ---------------------------------------------------------------- the view
+
+void ZMCameraViewController::loadView()
+{
+    auto* root = new QWidget;
+    ::Ui::ZMCameraViewController form;
+    form.setupUi(root);
+    setView(root);
+}
+
+void ZMCameraViewController::viewDidLoad()
+{
+    ViewController::viewDidLoad();
+    setupViews();
+    captureManager()->setDelegate(std::weak_ptr<ZMCameraCaptureManagerDelegate>(strongSelf()));
+    // Both completions run on the capture manager's session queue; the
+    // preview is set up on the main queue.
+    captureManager()->configureWithCameraPosition(
+        platform::CaptureDevicePosition::Front, [self = strongSelf()] {
+            self->captureManager_->findPreviewLayerWithCompletion([self](platform::CaptureVideoPreviewLayerPtr layer) {
+                DispatchQueue::main().async([self, layer] { self->setupPreview(layer); });
+            });
+        });
+}
+
+void ZMCameraViewController::bindOutlets()
+{
+    QWidget* root = view();
+    const auto outlet = [root](const char* name) {
+        auto* widget = root->findChild<QWidget*>(QLatin1String(name));
+        if (!widget)
+            qFatal("ZMCameraViewController: the scene has no outlet '%s'", name);
+        return widget;
+    };
+    controls_ = outlet("controls");
+    previewArea_ = outlet("previewArea");
+    changeCameraButton_ = qobject_cast<QAbstractButton*>(outlet("changeCameraButton"));
+    if (!changeCameraButton_)
+        qFatal("ZMCameraViewController: the outlet 'changeCameraButton' is not a button");
+    // The busy indicator is only required once it is shown or hidden.
+    livenessActivity_ = root->findChild<QWidget*>(QStringLiteral("livenessActivity"));
+    QObject::connect(changeCameraButton_, &QAbstractButton::clicked, root, [this] { changeCamera(); });
+}
+
+void ZMCameraViewController::setupViews()
+{
+    bindOutlets();
+    const bool showSwitchCamera = requiredConfiguration("the view loads").isShowSwitchCamera;
+
+    QWidget* face = faceDetectionView().widget();
+    face->setParent(controls_);
+    face->show();
+
+    if (zavoCustomization_) {
+        if (auto banner = zavoCustomization_->uiCustomizer()->videoStreamNotificationView())
+            notificationView_.reset(std::move(banner));
+    }
+    QWidget* banner = notificationView_->widget();
+    banner->setParent(controls_);
+    banner->hide();
+    banner->setFocusPolicy(Qt::NoFocus);
+    banner->setAccessibleName(tr("Message"));
+
+    setupCloseButton();
+    changeCameraButton_->setVisible(showSwitchCamera);
+
+    auto* filter = new EventFilter(this, view());
+    view()->installEventFilter(filter);
+    controls_->installEventFilter(filter);
+    viewSetUp_ = true;
+    layoutOverlay();
+}
+
+void ZMCameraViewController::setupCloseButton()
+{
+    QPushButton* button = closeButton_.get();
+    const QPixmap image = tinted(zavoCameraImage(QStringLiteral("close")), Qt::white);
+    button->setIcon(QIcon(image));
+    button->setIconSize(image.deviceIndependentSize().toSize());
+    button->setFlat(true);
+    button->setFocusPolicy(Qt::StrongFocus);
+    button->setAccessibleName(tr("Close"));
+    button->setAccessibleDescription(tr("Stops the camera without taking a photo"));
+    button->setToolTip(tr("Close"));
+    QObject::connect(button, &QPushButton::clicked, button, [this] { close(); });
+    button->setParent(controls_);
+    button->show();
+}
+
+// Qt has no constraints: the overlay is laid out by hand on every resize,
+// with the same frames the rules give (close button at the top-right corner
+// inset by 10, the banner under it across the whole width at its own height).
+void ZMCameraViewController::layoutOverlay()
+{
+    if (!viewSetUp_)
+        return;
+    const QRect bounds = view()->rect();
+    previewArea_->setGeometry(bounds);
+    controls_->setGeometry(bounds);
+
+    const int side = qRound(CloseButtonSize);
+    const int inset = 10;
+    const QRect closeFrame(bounds.width() - inset - side, inset, side, side);
+    closeButton_->setGeometry(closeFrame);
+
+    QWidget* banner = notificationView_->widget();
+    const int width = bounds.width();
+    const int height = banner->hasHeightForWidth() ? banner->heightForWidth(width) : banner->sizeHint().height();
+    banner->setGeometry(0, closeFrame.bottom() + 1, width, qMax(0, height));
+}
+
+void ZMCameraViewController::viewDidLayoutSubviews()
+{
+    ViewController::viewDidLayoutSubviews();
+    if (!viewSetUp_)
+        return;
+    layoutOverlay();
+    const QRectF bounds = QRectF(view()->rect());
+    captureManager()->updateLayerFrameWithRect(bounds);
+    // Linux gives widgets no safe-area insets.
+    bestShotDetector()->screenSize(bounds.size(), platform::EdgeInsets{});
+}
+
+// ------------------------------------------------------- capture wiring
+
+void ZMCameraViewController::setupPreview(const platform::CaptureVideoPreviewLayerPtr& layer)
+{
+    if (layer) {
+        layer->setFrame(QRectF(view()->rect()));
+        layer->setVideoGravity(platform::CaptureVideoPreviewLayer::VideoGravity::ResizeAspectFill);
+        if (previewView_)
+            previewView_->deleteLater();
+        previewView_ = new platform::CaptureVideoPreviewView(layer, previewArea_);
+        previewView_->show();
+        controls_->raise();
+    }
+    // The frame queue never keeps the screen alive: the strong reference is
+    // taken and dropped on the main queue, so the screen can be released
+    // while a frame waits in its hop without a deadlock or a teardown off
+    // the main thread.
+    captureManager()->defineSampleBufferhandler([weak = weakSelf()](const platform::SampleBuffer& frame) {
+        if (weak.expired())
+            return;
+        DispatchQueue::main().sync([&] {
+            if (auto self = weak.lock())
+                self->pushFrame(frame);
+        });
+    });
+    ZMCameraCaptureManager::requestAccessForVideoWithCompletion(
+        [self = strongSelf()](platform::AuthorizationStatus status) { self->handleAccessResult(status); });
+}
+
+void ZMCameraViewController::pushFrame(const platform::SampleBuffer& frame)
+{
+    bestShotDetector()->pushFrame(frame);
+}
+
+// ---------------------------------------------------------------- actions
+
+void ZMCameraViewController::changeCamera() { captureManager()->switchCameraType(); }
+
+void ZMCameraViewController::close()
+{
+    stopAndDeliver([](ZMCameraViewController& self) { self.deliverError(ZMCameraError::canceled()); });
+}
+
+// ------------------------------------------------------------ view updates
+
+void ZMCameraViewController::setLivenessActivityVisible(bool visible)
+{
+    if (!livenessActivity_)
+        qFatal("ZMCameraViewController: the scene has no outlet 'livenessActivity'");
+    livenessActivity_->setVisible(visible);
+}
+
+void ZMCameraViewController::moveFaceFrame(const QRectF& rect)
+{
+    QWidget* face = faceDetectionView().widget();
+    if (rect == QRectF(0, 0, 0, 0)) {
+        if (faceAnimation_)
+            faceAnimation_->stop();
+        face->hide();
+        return;
+    }
+    face->show();
+    if (!faceAnimation_) {
+        faceAnimation_ = new QPropertyAnimation(face, "geometry", face);
+        faceAnimation_->setDuration(150);
+        faceAnimation_->setEasingCurve(QEasingCurve::InOutQuad);
+    }
+    faceAnimation_->stop();
+    faceAnimation_->setStartValue(face->geometry());
+    faceAnimation_->setEndValue(rect.toRect());
+    faceAnimation_->start();
+}
+
+void ZMCameraViewController::announce(const QString& message)
+{
+    QWidget* banner = notificationView_->widget();
+    banner->setAccessibleDescription(message);
+    QAccessibleEvent event(banner, QAccessible::Alert);
+    QAccessible::updateAccessibility(&event);
+}
+
+}  // namespace zavo

@@ -1,0 +1,250 @@
+// The camera screen's reaction to what reports back during a session: the
+// permission answer, the detector (face rectangle, best shot, errors,
+// liveness activity), the capture manager's recording callbacks and the end
+// of the session with one call on the host's delegate.
+#include "camera-screen/ZMCameraViewController_p.h"
+
+#include "platform/DispatchQueue.h"
+#include "zavocore/ZCErrorCodes.h"
+#include "zavocore/ZavoCore.h"
+
+namespace zavo {
+
+using platform::DispatchQueue;
+
+namespace {
+
+/// Detector codes that end the session, and those shown as long messages.
+bool endsSession(long code)
+{
+    return code == long(core::ZCErrorCode::StepTimeout) || code == long(core::ZCErrorCode::NoFrames)
+        || code == long(core::ZCErrorCode::LivenessRefused);
+}
+
+bool showsLongMessage(long code)
+{
+    return code == long(core::ZCErrorCode::FaceSize) || code == long(core::ZCErrorCode::MultipleFaces);
+}
+
+}  // namespace
+
+// ----------------------------------------------------- permission answer
+
+void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus status)
+{
+    if (status == platform::AuthorizationStatus::Authorized) {
+        captureManager()->start();
+        bestShotDetector()->launchWizard();
+        return;
+    }
+    closedByUser_ = false;
+    DispatchQueue::main().async([weak = weakSelf(), status] {
+        if (auto self = weak.lock())
+            self->finishWithError(ZMCameraError::accessStatus(status));
+    });
+}
+
+// ------------------------------------------------------ detector reports
+
+void ZMCameraViewController::detectionRect(const QRectF& rect, const QSizeF& frameSize)
+{
+    Q_UNUSED(frameSize);
+    if (auto self = strongSelf())
+        DispatchQueue::main().async([self, rect] { self->moveFaceFrame(rect); });
+}
+
+bool ZMCameraViewController::bestShot(core::ZCBestShotPtr bestShot)
+{
+    closedByUser_ = false;
+    hideNotification();
+    DispatchQueue::main().async([weak = weakSelf(), bestShot] {
+        if (auto self = weak.lock())
+            self->finishWithBestShot(bestShot);
+    });
+    return true;
+}
+
+void ZMCameraViewController::bestShotError(platform::ErrorPtr error)
+{
+    if (auto self = strongSelf())
+        DispatchQueue::main().async([self, error] { self->handleDetectorError(error); });
+}
+
+void ZMCameraViewController::livenessIsActive(bool active)
+{
+    DispatchQueue::main().async([weak = weakSelf(), active] {
+        if (auto self = weak.lock())
+            self->setLivenessActivityVisible(active);
+    });
+}
+
+void ZMCameraViewController::handleDetectorError(const platform::ErrorPtr& error)
+{
+    faceDetectionView().switchToNegativeState();
+    const ZMCameraError cameraError(platform::ErrorObject::bridge(error));
+    switch (cameraError.kind()) {
+    case ZMCameraError::Case::error:
+        if (const auto* networking = platform::errorCast<web::NetworkingError>(cameraError.errorValue().get()))
+            handleNetworkingError(cameraError, *networking);
+        else
+            finishWithError(cameraError);
+        return;
+    case ZMCameraError::Case::bestShotError:
+        handleDetectorCode(cameraError, cameraError.bestShotErrorValue());
+        return;
+    default:
+        finishWithError(cameraError);
+        return;
+    }
+}
+
+void ZMCameraViewController::handleNetworkingError(const ZMCameraError& cameraError,
+                                                   const web::NetworkingError& networking)
+{
+    using Kind = web::NetworkingError::Kind;
+    switch (networking.kind()) {
+    case Kind::ZavoError:
+        if (networking.serverCode() == web::kMultipleFacesServerCode) {
+            const auto message = core::zc_localized(QStringLiteral("errors.multiple_faces_detected"));
+            finishWithError(ZMCameraError::networkingError(
+                web::NetworkingError::zavoError(web::kMultipleFacesServerCode, message)));
+        } else {
+            finishWithError(cameraError);
+        }
+        return;
+    case Kind::ConnectionError:
+        // The wrapped error means nothing to the user; the session failed on
+        // the liveness connection.
+        finishWithError(ZMCameraError::networkingError(web::NetworkingError::livenessConnectionError()));
+        return;
+    case Kind::LivenessQualityError:
+        if (!networking.errorDescription()) {
+            finishWithError(cameraError);
+            return;
+        }
+        // The user can fix what the server complained about: keep its
+        // message up for the whole long time, whatever the detector says.
+        showNotification(std::make_shared<web::NetworkingError>(networking), true);
+        canShow_ = false;
+        DispatchQueue::main().asyncAfter(2.0, [self = strongSelf()] { self->canShow_ = true; });
+        return;
+    default:
+        finishWithError(cameraError);
+        return;
+    }
+}
+
+void ZMCameraViewController::handleDetectorCode(const ZMCameraError& cameraError,
+                                                const platform::ErrorObjectPtr& detectorError)
+{
+    const long code = detectorError->code();
+    if (endsSession(code)) {
+        finishWithError(cameraError);
+    } else if (showsLongMessage(code)) {
+        showNotification(detectorError, true);
+    } else {
+        // Guidance repeats with every analysed frame; the throttle keeps the
+        // banner from flashing.
+        throttler_.throttle(0.5, DispatchQueue::main(), [self = strongSelf(), detectorError] {
+            self->showNotification(detectorError, false);
+        })();
+    }
+}
+
+// ---------------------------------------------------------- the banner
+
+void ZMCameraViewController::showNotification(platform::ErrorPtr error, bool isLong)
+{
+    if (!canShow_ || !error)
+        return;
+    const platform::ErrorPtr current = notificationView_->notificationMessage();
+    if (current && current->localizedDescription() == error->localizedDescription())
+        return;
+    notificationView_->showNotificationMessage(error);
+    notificationView_->widget()->show();
+    layoutOverlay();
+    announce(error->localizedDescription());
+    // Not cancelled by a later message: a message that replaces another one
+    // goes when the first one's time is up.
+    DispatchQueue::main().asyncAfter(isLong ? 2.0 : 0.5, [self = strongSelf()] {
+        self->notificationView_->widget()->hide();
+        self->notificationView_->showNotificationMessage(nullptr);
+        self->faceDetectionView().switchToPositiveState();
+    });
+}
+
+void ZMCameraViewController::hideNotification()
+{
+    if (auto self = strongSelf()) {
+        DispatchQueue::main().async([self] {
+            self->notificationView_->widget()->hide();
+            self->faceDetectionView().switchToPositiveState();
+        });
+    }
+}
+
+// ------------------------------------------------- recording callbacks
+
+bool ZMCameraViewController::shouldDeleteResultingVideo()
+{
+    // Asked on a recorder thread; the configuration and the detector belong
+    // to the main queue, which never waits for the recorders.
+    bool deleteVideo = false;
+    DispatchQueue::main().sync([&] {
+        deleteVideo = requiredConfiguration("the video is saved").saveOnlyFaceVideo && !bestShotDetector()->faceFound();
+    });
+    return deleteVideo;
+}
+
+void ZMCameraViewController::videoSaveProcessBegan() { livenessIsActive(true); }
+
+void ZMCameraViewController::videoSavedWithError(platform::ErrorPtr error)
+{
+    Q_UNUSED(error);  // the recording manager has logged it; the host hears nothing of it
+    livenessIsActive(false);
+}
+
+// ------------------------------------------------------------- endings
+
+void ZMCameraViewController::finishWithError(const ZMCameraError& error)
+{
+    closedByUser_ = false;
+    stopAndDeliver([error](ZMCameraViewController& self) { self.deliverError(error); });
+}
+
+void ZMCameraViewController::finishWithBestShot(core::ZCBestShotPtr bestShot)
+{
+    stopAndDeliver([bestShot](ZMCameraViewController& self) { self.deliverBestShot(bestShot); });
+}
+
+// There is no guard against a second ending: each one stops and delivers.
+void ZMCameraViewController::stopAndDeliver(std::function<void(ZMCameraViewController&)> delivery)
+{
+    captureManager()->stopWithCompletion([weak = weakSelf(), delivery = std::move(delivery)] {
+        if (auto self = weak.lock())
+            delivery(*self);
+    });
+}
+
+std::optional<QString> ZMCameraViewController::deliveredVideoFile() const
+{
+    // Read now, on the delivering thread: the capture manager was built long
+    // before any stop, and is never replaced.
+    if (!captureManager_->recordVideo())
+        return std::nullopt;
+    return captureManager_->videoFile();
+}
+
+void ZMCameraViewController::deliverError(const ZMCameraError& error)
+{
+    if (auto target = delegate())
+        target->error(error, deliveredVideoFile());
+}
+
+void ZMCameraViewController::deliverBestShot(const core::ZCBestShotPtr& bestShot)
+{
+    if (auto target = delegate())
+        target->bestShot(bestShot, deliveredVideoFile());
+}
+
+}  // namespace zavo
