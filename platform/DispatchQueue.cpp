@@ -1,5 +1,7 @@
 #include "platform/DispatchQueue.h"
 
+#include "platform/RingQueue_p.h"
+
 #include <QCoreApplication>
 #include <QPointer>
 #include <QSocketNotifier>
@@ -7,7 +9,6 @@
 #include <QTimer>
 
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -60,7 +61,7 @@ struct DispatchQueue::State {
 
     std::mutex mutex;
     std::condition_variable wake;
-    std::deque<Block> ready;                          // guarded by mutex
+    RingQueue<Block> ready;                           // guarded by mutex; keeps its slots
     std::multimap<Clock::time_point, Block> timers;   // guarded by mutex; multimap keeps FIFO among equal times
     bool released = false;                            // guarded by mutex
 
@@ -69,7 +70,7 @@ struct DispatchQueue::State {
     void enqueue(Block block)
     {
         std::lock_guard lock(mutex);
-        ready.push_back(std::move(block));
+        ready.push(std::move(block));
         wake.notify_one();
     }
 
@@ -103,12 +104,11 @@ void DispatchQueue::State::run(std::shared_ptr<State> self)
     for (;;) {
         const auto now = Clock::now();
         while (!self->timers.empty() && self->timers.begin()->first <= now) {
-            self->ready.push_back(std::move(self->timers.begin()->second));
+            self->ready.push(std::move(self->timers.begin()->second));
             self->timers.erase(self->timers.begin());
         }
         if (!self->ready.empty()) {
-            Block block = std::move(self->ready.front());
-            self->ready.pop_front();
+            Block block = self->ready.pop();
             lock.unlock();
             block();
             block = nullptr;  // release what the block captured outside the lock
@@ -163,7 +163,7 @@ int DispatchQueue::liveThreadCount() { return gLiveThreads.load(); }
 namespace {
 struct MainQueueState {
     std::mutex mutex;
-    std::deque<std::function<void()>> ready;  // guarded by mutex
+    RingQueue<std::function<void()>> ready;  // guarded by mutex
     int wakeFd = -1;
     QPointer<QSocketNotifier> notifier;       // GUI thread only
 
@@ -173,7 +173,7 @@ struct MainQueueState {
     {
         {
             std::lock_guard lock(mutex);
-            ready.push_back(std::move(block));
+            ready.push(std::move(block));
         }
         const uint64_t one = 1;
         [[maybe_unused]] const auto written = write(wakeFd, &one, sizeof one);
@@ -184,15 +184,23 @@ struct MainQueueState {
         uint64_t count = 0;
         [[maybe_unused]] const auto read = ::read(wakeFd, &count, sizeof count);
         // Only what is queued now: blocks queued by these blocks run on the
-        // next turn of the event loop, as with posted events.
-        std::deque<std::function<void()>> batch;
+        // next turn of the event loop, as with posted events. Blocks are taken
+        // one at a time rather than as a swapped-out batch, because a block
+        // may spin a nested event loop that drains the list meanwhile.
+        size_t queuedNow = 0;
         {
             std::lock_guard lock(mutex);
-            batch.swap(ready);
+            queuedNow = ready.size();
         }
-        for (auto& block : batch) {
+        for (; queuedNow > 0; --queuedNow) {
+            std::function<void()> block;
+            {
+                std::lock_guard lock(mutex);
+                if (ready.empty())
+                    return;
+                block = ready.pop();
+            }
             block();
-            block = nullptr;
         }
     }
 };
@@ -273,17 +281,24 @@ void DispatchQueue::sync(const Block& block)
         block();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
-    async([&] {
-        block();
-        std::lock_guard lock(doneMutex);
-        done = true;
-        doneSignal.notify_one();
+    // Everything the queued block needs lives here, on the waiting stack; the
+    // block itself captures one pointer, small enough for std::function to
+    // hold without an allocation (the frame path waits on the main queue
+    // once per frame).
+    struct Rendezvous {
+        const Block& block;
+        std::mutex mutex;
+        std::condition_variable signal;
+        bool done = false;
+    } rendezvous{block};
+    async([r = &rendezvous] {
+        r->block();
+        std::lock_guard lock(r->mutex);
+        r->done = true;
+        r->signal.notify_one();
     });
-    std::unique_lock lock(doneMutex);
-    doneSignal.wait(lock, [&] { return done; });
+    std::unique_lock lock(rendezvous.mutex);
+    rendezvous.signal.wait(lock, [&] { return rendezvous.done; });
 }
 
 void DispatchQueue::asyncAfter(Duration delay, Block block)
