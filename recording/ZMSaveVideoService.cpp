@@ -2,6 +2,7 @@
 
 #include "camera-screen/ZMBundleLink.h"
 #include "platform/FileSystem.h"
+#include "platform/FileSystem_p.h"
 #include "platform/Log.h"
 #include "platform/VideoFrameConverter.h"
 #include "recording/ZMRecordingStorage.h"
@@ -95,10 +96,12 @@ void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampl
     // the same bytes imageToBuffer() would copy, without a second copy of
     // several megabytes per frame on the capture queue. A frame that cannot
     // be written leaves a gap, which the flush fills with the pool buffer.
+    // The files are read back and deleted within seconds, so they are not
+    // synced to the disk: that sync cost more than the write itself.
     if (const std::shared_ptr<PixelBuffer>& image = sampleBuffer.imageBuffer()) {
         image->lockBaseAddress(PixelBuffer::ReadWrite);
-        writeFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
-                            qint64(image->bytesPerRow()) * image->height());
+        writeScratchFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
+                                   qint64(image->bytesPerRow()) * image->height());
         image->unlockBaseAddress(PixelBuffer::ReadWrite);
     }
     framesCounter_.fetch_add(1, std::memory_order_relaxed);

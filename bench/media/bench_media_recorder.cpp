@@ -3,8 +3,8 @@
 //           bytes to one file in the same folder with plain sequential writes;
 //   flush   seconds from endRecordWithCompletion to its completion (reading
 //           the frame files back and encoding the 180x320 MP4).
-//   sync    for comparison, the same files written aside and renamed into
-//           place without the flush to disk that QSaveFile does per file.
+//   aside   for comparison, the same files written aside and renamed into
+//           place by hand, with nothing of the recorder around the write.
 // usage: bench_media_recorder FRAMES.raw WIDTH HEIGHT COUNT FPS WORKDIR
 // FRAMES.raw holds COUNT BGRA frames of WIDTH x HEIGHT, rows unpadded.
 #include "platform/FileSystem.h"
@@ -47,7 +47,7 @@ double plainWriteSeconds(const QString& path, const std::vector<SampleBuffer>& f
     return seconds;
 }
 
-/// Atomic like the recorder's writes (aside, then renamed), but not synced.
+/// Atomic like the recorder's writes (aside, then renamed), written by hand.
 double unsyncedAtomicSeconds(const QString& folder, const std::vector<SampleBuffer>& frames)
 {
     const auto start = Clock::now();

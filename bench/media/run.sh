@@ -80,7 +80,7 @@ echo "size: ours $(size "$work/ours-assembly.mp4") B   ffmpeg $(size "$work/cli-
 echo "== append: frame-dump writes vs plain sequential writes of the same bytes"
 a=$(median "${append[@]}"); p=$(median "${plain[@]}"); u=$(median "${unsynced[@]}")
 echo "append: $a MB/s   plain write: $p MB/s   ratio: $(ratio "$a" "$p")   goal >= 0.8"
-echo "  atomic like the append but without QSaveFile's per-file sync: $u MB/s (ratio $(ratio "$u" "$p"))"
+echo "  the same files written aside and renamed by hand: $u MB/s (ratio $(ratio "$u" "$p"))"
 
 compare_compression() {
   local name=$1 input=$2

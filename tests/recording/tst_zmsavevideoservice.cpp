@@ -177,6 +177,37 @@ private slots:
         QCOMPARE(folderEntries().size(), 3);
     }
 
+    void frameWriteOnAFullDiskLeavesNoPartialFrame()
+    {
+        auto service = ZMSaveVideoService::create(96, 160, 30);
+        service->beginRecordWithFileURL(QUrl::fromLocalFile(videoPath));
+        QVERIFY(QDir().mkpath(folder));
+        QFile older(folder + "/bf_sample_buffer_0.dat");
+        QVERIFY(older.open(QIODevice::WriteOnly));
+        older.write("an older frame");
+        older.close();
+        // A file size limit below one frame fails the write as a full disk does.
+        rlimit saved{};
+        getrlimit(RLIMIT_FSIZE, &saved);
+        auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit tiny = saved;
+        tiny.rlim_cur = 8192;
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &tiny), 0);
+        service->appendStorageWithSampleBuffer(frameOf(96, 160, kColours[0]));
+        setrlimit(RLIMIT_FSIZE, &saved);
+        std::signal(SIGXFSZ, previousHandler);
+        // The failed frame is counted, its name keeps what it had, and the
+        // file written aside is gone.
+        QCOMPARE(service->framesCounter(), 1);
+        QCOMPARE(folderEntries(), QStringList{"bf_sample_buffer_0.dat"});
+        QVERIFY(older.open(QIODevice::ReadOnly));
+        QCOMPARE(older.readAll(), QByteArray("an older frame"));
+        // Room again: the next frame is written whole.
+        service->appendStorageWithSampleBuffer(frameOf(96, 160, kColours[1]));
+        QCOMPARE(QFileInfo(folder + "/bf_sample_buffer_1.dat").size(), qint64(96 * 4 * 160));
+        QCOMPARE(folderEntries().size(), 2);
+    }
+
     void flushAssemblesNPlusOneFramesAndReportsInOrder()
     {
         auto delegate = std::make_shared<RecordingDelegate>();
