@@ -1,0 +1,57 @@
+#pragma once
+// Which camera the demo's sessions see as their front camera.
+#include "platform/CaptureDevice.h"
+
+#include <QString>
+#include <memory>
+#include <optional>
+
+class QTemporaryFile;
+
+namespace zavo::demo {
+
+struct CameraChoice {
+    enum class Kind {
+        Embedded,   // the sample face clip built into the demo
+        Synthetic,  // the platform's test-pattern camera
+        V4L2,       // a webcam node such as /dev/video0
+        File,       // any video file, played in real time
+    };
+    Kind kind = Kind::Embedded;
+    QString path;  // V4L2 node or video file
+};
+
+/// Reads the --camera value: "default", "synthetic", "/dev/videoN" or a
+/// path. nullopt, with problem set, for a node or file that does not exist.
+std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* problem);
+
+/// The chosen camera made the process's only front camera for as long as
+/// this object lives. Main thread.
+class FrontCamera {
+public:
+    /// nullptr, with problem set, when the camera cannot be used.
+    static std::unique_ptr<FrontCamera> install(const CameraChoice& choice, QString* problem);
+    /// Takes the camera out of discovery and deletes the extracted clip.
+    ~FrontCamera();
+    FrontCamera(const FrontCamera&) = delete;
+    FrontCamera& operator=(const FrontCamera&) = delete;
+
+    /// For the summary and the window title: "embedded clip", a path, ...
+    QString description() const { return description_; }
+    /// The video file the camera plays, when it plays one.
+    QString clipPath() const;
+
+private:
+    FrontCamera() = default;
+    bool installEmbedded(QString* problem);
+    bool installFile(const QString& path, QString* problem);
+    bool installV4L2(const QString& node, QString* problem);
+    void installSynthetic();
+
+    QString description_;
+    std::unique_ptr<QTemporaryFile> extractedClip_;
+    platform::CaptureDevicePtr device_;
+    QString v4l2Node_;
+};
+
+}  // namespace zavo::demo

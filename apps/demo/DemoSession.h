@@ -1,0 +1,88 @@
+#pragma once
+// One camera session as the demo host runs it: builds the camera screen,
+// hands its view to the caller to show, collects the outcome on the main
+// thread, says when the face frame is first on screen, and waits for the
+// session video to be final before calling the session done.
+#include "DetectorTiming.h"
+#include "VideoReadback.h"
+
+#include "camera-screen/ZMCameraBuilder.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QTimer>
+#include <memory>
+#include <optional>
+
+namespace zavo::demo {
+
+struct SessionOutcome {
+    core::ZCBestShotPtr bestShot;        // set for a best shot
+    std::optional<ZMCameraError> error;  // set for an error
+    std::optional<QString> videoFile;
+    std::optional<double> timeToFirstFrameMs;
+    std::optional<double> timeToBestShotMs;
+};
+
+struct SessionOptions {
+    bool recordVideo = true;
+    /// How long the recorder may take to finish the video after a best shot,
+    /// and after an error, when there may be no recording at all.
+    std::chrono::milliseconds videoLimit{30000};
+    std::chrono::milliseconds videoLimitAfterError{10000};
+};
+
+/// Main thread only. The session owns its screen until it is destroyed or
+/// release() is called.
+class DemoSession : public QObject {
+    Q_OBJECT
+public:
+    /// timing may be null; when set, the session marks its start on it.
+    DemoSession(SessionOptions options, DetectorTiming* timing, QObject* parent = nullptr);
+    ~DemoSession() override;
+
+    /// Builds the screen (nothing runs until its view is shown) and returns
+    /// the view to show. Once per session.
+    QWidget* start();
+    QWidget* view() const;
+    /// Lets go of the screen; capture stops and its threads end.
+    void release();
+
+    /// The first outcome; later ones (the screen keeps no guard) are ignored.
+    const std::optional<SessionOutcome>& outcome() const { return outcome_; }
+    /// Set once videoSettled was emitted.
+    const std::optional<VideoInfo>& video() const { return video_; }
+
+    /// Ends the session the way the user's close button does, when the screen
+    /// shows one; false when it shows none.
+    bool cancel();
+
+signals:
+    /// The face frame is on screen and has come to rest: the moment for a
+    /// picture of the running session.
+    void faceFrameShown();
+    void finished();
+    /// After finished: the video is final (or the wait gave up), or there is
+    /// none to wait for.
+    void videoSettled();
+
+private:
+    class Delegate;
+    void deliver(SessionOutcome outcome, Clock::time_point at);
+    void settleVideo();
+    void watchFaceFrame();
+
+    SessionOptions options_;
+    DetectorTiming* timing_;
+    Clock::time_point started_{};
+    std::shared_ptr<DemoSession*> self_;
+    std::shared_ptr<Delegate> delegate_;
+    ZMCameraViewControllerPtr screen_;
+    std::optional<SessionOutcome> outcome_;
+    std::optional<VideoInfo> video_;
+    VideoReadback readback_;
+    QTimer faceWatch_;
+    bool shownLastTick_ = false;
+};
+
+}  // namespace zavo::demo

@@ -1,0 +1,94 @@
+#include "HeadlessRun.h"
+
+#include "DemoSummary.h"
+
+#include <QJsonDocument>
+#include <QTextStream>
+#include <QWidget>
+
+namespace zavo::demo {
+
+namespace {
+// A phone-sized screen in points; with the demo's scale factor of 2 the
+// preview is drawn at the camera's 720x1280.
+const QSize kScreenSize(360, 640);
+}  // namespace
+
+HeadlessRun::HeadlessRun(SessionOptions options, QDir output, int timeoutSeconds)
+    : session_(options, &timing_), output_(std::move(output))
+{
+    guard_.setSingleShot(true);
+    if (timeoutSeconds > 0)
+        guard_.setInterval(timeoutSeconds * 1000);
+    connect(&guard_, &QTimer::timeout, this, &HeadlessRun::giveUp);
+    connect(&session_, &DemoSession::faceFrameShown, this, &HeadlessRun::saveScreenshot);
+    connect(&session_, &DemoSession::finished, this, &HeadlessRun::saveBestShot);
+    connect(&session_, &DemoSession::videoSettled, this, &HeadlessRun::report);
+}
+
+void HeadlessRun::start()
+{
+    if (guard_.interval() > 0)
+        guard_.start();
+    QWidget* view = session_.start();
+    view->resize(kScreenSize);
+    view->show();
+}
+
+void HeadlessRun::saveScreenshot()
+{
+    const QString path = output_.filePath(QStringLiteral("camera_screen.png"));
+    if (session_.view()->grab().save(path))
+        files_.insert(QStringLiteral("screenshot"), path);
+    else
+        QTextStream(stderr) << "cannot write " << path << '\n';
+}
+
+void HeadlessRun::saveBestShot()
+{
+    const auto& outcome = *session_.outcome();
+    if (!outcome.bestShot)
+        return;
+    const QString path = output_.filePath(QStringLiteral("best_shot.png"));
+    if (annotatedBestShot(*outcome.bestShot).save(path))
+        files_.insert(QStringLiteral("bestShotImage"), path);
+    else
+        QTextStream(stderr) << "cannot write " << path << '\n';
+}
+
+void HeadlessRun::report()
+{
+    const auto& outcome = *session_.outcome();
+    finish(sessionSummary(outcome, session_.video()), outcome.bestShot ? 0 : 1);
+}
+
+void HeadlessRun::giveUp()
+{
+    const QString text = QStringLiteral("no outcome within %1 s").arg(guard_.interval() / 1000);
+    if (const auto& outcome = session_.outcome()) {
+        // The outcome came but its video did not settle in time.
+        QJsonObject summary = sessionSummary(*outcome, std::nullopt);
+        summary.insert(QStringLiteral("videoProblem"), QStringLiteral("the video was not final in time"));
+        finish(summary, outcome->bestShot ? 0 : 1);
+        return;
+    }
+    std::optional<double> firstFrame;
+    if (const auto duration = timing_.timeToFirstFrame())
+        firstFrame = std::chrono::duration<double, std::milli>(*duration).count();
+    finish(failureSummary(text, firstFrame), 3);
+}
+
+void HeadlessRun::finish(QJsonObject summary, int status)
+{
+    if (reported_)
+        return;
+    reported_ = true;
+    guard_.stop();
+    for (auto it = files_.constBegin(); it != files_.constEnd(); ++it)
+        summary.insert(it.key(), it.value());
+    QTextStream(stdout) << QJsonDocument(summary).toJson(QJsonDocument::Compact) << Qt::endl;
+    session_.release();
+    emit exitRequested(status);
+}
+
+}  // namespace zavo::demo

@@ -1,0 +1,118 @@
+// zavocamera-demo: a host application of the ZavoCamera screen.
+//
+// With a display it shows the camera screen on the chosen front camera and
+// then the best shot or the error; without one (QT_QPA_PLATFORM=offscreen)
+// it runs one session, saves a screenshot of the running screen and the best
+// shot, and prints a one-line JSON summary. See --help.
+#include "DemoOptions.h"
+#include "DemoWindow.h"
+#include "HeadlessRun.h"
+
+#include "platform/CaptureAuthorization.h"
+#include "platform/FileSystem.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QGuiApplication>
+#include <QTemporaryDir>
+#include <QTextStream>
+
+using namespace zavo;
+using namespace zavo::demo;
+
+namespace {
+
+void describeHost()
+{
+    QCoreApplication::setApplicationName(QStringLiteral("ZavoCamera Demo"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("0.1.0"));
+    qApp->setProperty("CFBundleVersion", QStringLiteral("1"));
+}
+
+bool isHeadless()
+{
+    const QString platform = QGuiApplication::platformName();
+    return platform == QLatin1String("offscreen") || platform == QLatin1String("minimal");
+}
+
+// Where results go; the component's Documents folder points there too, so the
+// session video lands beside the pictures instead of in the user's Documents.
+std::optional<QDir> prepareOutput(const QString& requested)
+{
+    QString path = requested;
+    if (path.isEmpty()) {
+        QTemporaryDir made(QDir::temp().filePath(QStringLiteral("zavocamera-demo-XXXXXX")));
+        if (!made.isValid())
+            return std::nullopt;
+        made.setAutoRemove(false);
+        path = made.path();
+    }
+    if (!QDir().mkpath(path))
+        return std::nullopt;
+    const QDir dir(QDir(path).absolutePath());
+    platform::setDocumentsDirectory(dir.path());
+    return dir;
+}
+
+// The offscreen platform warns about every window it cannot pass size hints
+// on for; that says nothing about the session.
+QtMessageHandler previousHandler = nullptr;
+void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (message == QLatin1String("This plugin does not support propagateSizeHints()"))
+        return;
+    previousHandler(type, context, message);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // Without a display the screenshots are taken at twice the point size, as
+    // a phone's screen shows the camera: the preview at the clip's 720x1280.
+    if (qgetenv("QT_QPA_PLATFORM") == "offscreen" && qEnvironmentVariableIsEmpty("QT_SCALE_FACTOR"))
+        qputenv("QT_SCALE_FACTOR", "2");
+    previousHandler = qInstallMessageHandler(dropOffscreenNoise);
+    QApplication app(argc, argv);
+    describeHost();
+
+    QCommandLineParser parser;
+    addDemoOptions(parser);
+    QString problem;
+    const auto options = parseDemoOptions(parser, app.arguments(), &problem);
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp(0);
+    if (!options) {
+        QTextStream(stderr) << "zavocamera-demo: " << problem << '\n';
+        return 2;
+    }
+    const auto camera = FrontCamera::install(options->camera, &problem);
+    if (!camera) {
+        QTextStream(stderr) << "zavocamera-demo: " << problem << '\n';
+        return 2;
+    }
+    const auto output = prepareOutput(options->outputDirectory);
+    if (!output) {
+        QTextStream(stderr) << "zavocamera-demo: cannot create the output folder " << options->outputDirectory << '\n';
+        return 2;
+    }
+    // Linux asks nobody for the camera; the host answers the component's
+    // request itself, the way a user would tap "Allow".
+    platform::CaptureAuthorization::setPolicy(std::make_shared<platform::FixedCaptureAuthorizationPolicy>(
+        platform::AuthorizationStatus::NotDetermined, true));
+
+    SessionOptions sessionOptions;
+    sessionOptions.recordVideo = options->recordVideo;
+    if (isHeadless()) {
+        HeadlessRun run(sessionOptions, *output, options->timeoutSeconds);
+        QObject::connect(&run, &HeadlessRun::exitRequested, &app, [](int status) { QCoreApplication::exit(status); },
+                         Qt::QueuedConnection);
+        run.start();
+        return app.exec();
+    }
+    QTextStream(stderr) << "zavocamera-demo: camera " << camera->description() << ", output " << output->path() << '\n';
+    DemoWindow window(sessionOptions);
+    window.show();
+    window.startSession();
+    return app.exec();
+}

@@ -1,0 +1,286 @@
+// The demo host's own logic: its command line, its choice of front camera,
+// the summary it prints, the detector timing it installs and its wait for
+// the session video to become final.
+#include "DemoOptions.h"
+#include "DemoSummary.h"
+#include "DetectorTiming.h"
+#include "VideoReadback.h"
+
+#include "platform/CaptureAuthorization.h"
+#include "platform/FileCaptureDevice.h"
+#include "zavocore/ZavoCore.h"
+
+#include <QJsonArray>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using namespace zavo;
+using namespace zavo::demo;
+
+namespace {
+
+const QString kClip = QStringLiteral(ZAVO_TEST_DATA_DIR "/A_zoom_blur_dark.mp4");
+
+std::optional<DemoOptions> parse(const QStringList& arguments, QString* problem)
+{
+    QCommandLineParser parser;
+    addDemoOptions(parser);
+    return parseDemoOptions(parser, QStringList{QStringLiteral("zavocamera-demo")} + arguments, problem);
+}
+
+std::vector<platform::CaptureDevicePtr> frontCameras()
+{
+    return platform::CaptureDeviceDiscoverySession::discoverySession(
+               {platform::kCaptureDeviceTypeBuiltInWideAngleCamera}, platform::MediaType::Video,
+               platform::CaptureDevicePosition::Front)
+        .devices();
+}
+
+class RecordingDelegate final : public core::ZCBestShotDelegate {
+public:
+    void detectionRect(const QRectF&, const QSizeF&) override {}
+    bool bestShot(core::ZCBestShotPtr) override { return true; }
+    void bestShotError(platform::ErrorPtr) override {}
+};
+
+platform::SampleBuffer blackFrame(int64_t frameIndex)
+{
+    auto pixels = platform::PixelBuffer::create(64, 64, platform::PixelFormat::BGRA32);
+    return platform::SampleBuffer(pixels, platform::MediaTime::make(frameIndex, 30), nullptr);
+}
+
+}  // namespace
+
+class TestDemo : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false); }
+    void cleanup() { platform::CaptureDeviceRegistry::shared().unregisterAll(); }
+
+    void commandLine()
+    {
+        QString problem;
+        auto defaults = parse({}, &problem);
+        QVERIFY2(defaults, qPrintable(problem));
+        QCOMPARE(defaults->camera.kind, CameraChoice::Kind::Embedded);
+        QVERIFY(defaults->recordVideo);
+        QVERIFY(defaults->outputDirectory.isEmpty());
+        QCOMPARE(defaults->timeoutSeconds, 120);
+
+        auto file = parse({"--camera", kClip, "--no-record", "--output", "out", "--timeout", "0"}, &problem);
+        QVERIFY2(file, qPrintable(problem));
+        QCOMPARE(file->camera.kind, CameraChoice::Kind::File);
+        QCOMPARE(file->camera.path, kClip);
+        QVERIFY(!file->recordVideo);
+        QCOMPARE(file->outputDirectory, QStringLiteral("out"));
+        QCOMPARE(file->timeoutSeconds, 0);
+        QCOMPARE(parse({"--camera", "synthetic"}, &problem)->camera.kind, CameraChoice::Kind::Synthetic);
+    }
+
+    void commandLineRefusesWhatCannotWork_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("problemPart");
+        QTest::newRow("missing file") << QStringList{"--camera", "/nonexistent/clip.mp4"} << "no such camera";
+        QTest::newRow("missing webcam") << QStringList{"--camera", "/dev/video987"} << "no such camera";
+        QTest::newRow("folder") << QStringList{"--camera", ZAVO_TEST_DATA_DIR} << "folder";
+        QTest::newRow("negative timeout") << QStringList{"--timeout", "-1"} << "--timeout";
+        QTest::newRow("word timeout") << QStringList{"--timeout", "soon"} << "--timeout";
+        QTest::newRow("unknown option") << QStringList{"--record"} << "record";
+        QTest::newRow("stray argument") << QStringList{"extra"} << "extra";
+    }
+
+    void commandLineRefusesWhatCannotWork()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, problemPart);
+        QString problem;
+        QVERIFY(!parse(arguments, &problem));
+        QVERIFY2(problem.contains(problemPart), qPrintable(problem));
+    }
+
+    /// The built-in clip becomes the only front camera, plays, and leaves no
+    /// file and no camera behind.
+    void embeddedClipIsTheFrontCameraWhileInstalled()
+    {
+        QString problem;
+        auto camera = FrontCamera::install({CameraChoice::Kind::Embedded, {}}, &problem);
+        QVERIFY2(camera, qPrintable(problem));
+        const QString extracted = camera->clipPath();
+        QVERIFY(QFileInfo(extracted).size() > 100000);
+        const auto cameras = frontCameras();
+        QCOMPARE(cameras.size(), size_t(1));
+        QVERIFY(std::dynamic_pointer_cast<platform::FileCaptureDevice>(cameras.front()));
+        QCOMPARE(cameras.front()->activeFormat()->width(), 720);
+        camera.reset();
+        QVERIFY(!QFile::exists(extracted));
+        QVERIFY(frontCameras().empty());
+    }
+
+    void unplayableFileIsRefused()
+    {
+        QTemporaryDir scratch;
+        const QString garbage = scratch.filePath("garbage.mp4");
+        QFile file(garbage);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray(4096, 'x'));
+        file.close();
+        QString problem;
+        QVERIFY(!FrontCamera::install({CameraChoice::Kind::File, garbage}, &problem));
+        QVERIFY2(problem.contains(garbage), qPrintable(problem));
+        QVERIFY(frontCameras().empty());
+    }
+
+    void summaryOfABestShot()
+    {
+        const core::ZCQualityScore quality{0.81234, 0.9, 0.7, 0.6, 0.95, 0.88};
+        SessionOutcome outcome;
+        outcome.bestShot = std::make_shared<core::ZCBestShot>(QImage(720, 1280, QImage::Format_RGB32),
+                                                              QRectF(100.5, 200, 300, 310), quality,
+                                                              platform::MediaTime::make(3, 1));
+        outcome.videoFile = QStringLiteral("/tmp/x/bright_fold/ZMRecordedVideo.mp4");
+        outcome.timeToFirstFrameMs = 123.456;
+        outcome.timeToBestShotMs = 2345.0;
+        VideoInfo video{true, 118, QSize(320, 180), QSize(180, 320), {}};
+        const QJsonObject summary = sessionSummary(outcome, video);
+        QCOMPARE(summary["outcome"].toString(), QStringLiteral("bestShot"));
+        QVERIFY(summary["errorCode"].isNull());
+        QCOMPARE(summary["quality"]["total"].toDouble(), 0.812);
+        QCOMPARE(summary["quality"]["pose"].toDouble(), 0.88);
+        QCOMPARE(summary["faceBox"].toArray(), (QJsonArray{100.5, 200, 300, 310}));
+        QCOMPARE(summary["videoPath"].toString(), *outcome.videoFile);
+        QCOMPARE(summary["videoFrames"].toInt(), 118);
+        QCOMPARE(summary["videoSize"].toArray(), (QJsonArray{320, 180}));
+        QCOMPARE(summary["timeToFirstFrameMs"].toDouble(), 123.5);
+        QVERIFY(!summary.contains("videoProblem"));
+    }
+
+    void summaryOfAnError()
+    {
+        SessionOutcome outcome;
+        auto detectorError = std::make_shared<platform::ErrorObject>(
+            core::kZCErrorDomain, 1004, QVariantMap{{QLatin1String(platform::kLocalizedDescriptionKey), "no frames"}});
+        outcome.error = ZMCameraError(detectorError);
+        const QJsonObject summary = sessionSummary(outcome, std::nullopt);
+        QCOMPARE(summary["outcome"].toString(), QStringLiteral("error"));
+        QCOMPARE(summary["errorCase"].toString(), QStringLiteral("bestShotError"));
+        QCOMPARE(summary["errorCode"].toInt(), 2);
+        QCOMPARE(summary["errorInnerCode"].toInt(), 1004);
+        QVERIFY(!summary["errorText"].toString().isEmpty());
+        QVERIFY(summary["quality"].isNull());
+        QVERIFY(summary["videoPath"].isNull());
+        QVERIFY(summary["videoFrames"].isNull());
+        QVERIFY(summary["timeToBestShotMs"].isNull());
+
+        outcome.error = ZMCameraError::canceled();
+        outcome.videoFile = QStringLiteral("/v.mp4");
+        const QJsonObject canceled = sessionSummary(outcome, VideoInfo{false, 0, {}, {}, "broken"});
+        QCOMPARE(canceled["errorCase"].toString(), QStringLiteral("canceled"));
+        QVERIFY(!canceled.contains("errorInnerCode"));
+        QVERIFY(canceled["videoFrames"].isNull());
+        QCOMPARE(canceled["videoProblem"].toString(), QStringLiteral("broken"));
+    }
+
+    void bestShotPictureShowsTheFaceBox()
+    {
+        QImage plain(200, 200, QImage::Format_RGB32);
+        plain.fill(Qt::black);
+        const core::ZCBestShot shot(plain, QRectF(50, 50, 100, 100), {}, platform::MediaTime::zero());
+        const QImage drawn = annotatedBestShot(shot);
+        QCOMPARE(drawn.size(), plain.size());
+        QCOMPARE(QColor(drawn.pixel(100, 50)).green() > 100, true);  // on the box's top edge
+        QCOMPARE(drawn.pixel(100, 100), plain.pixel(100, 100));      // inside stays as it was
+    }
+
+    /// Every detector built while the timing lives is timed, not just the
+    /// first; once the timing is gone the builder is back to normal.
+    void detectorTimingWrapsEveryBuild()
+    {
+        auto delegate = std::make_shared<RecordingDelegate>();
+        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+        core::ZCBestShotDetectorPtr lateDetector;
+        {
+            DetectorTiming timing;
+            int observed = 0;
+            timing.setFrameObserver([&](Clock::duration) { ++observed; });
+            for (int session = 0; session < 2; ++session) {
+                timing.markSessionStart();
+                QVERIFY(!timing.timeToFirstFrame());
+                auto detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
+                QVERIFY(detector);
+                detector->launchWizard();
+                detector->pushFrame(blackFrame(0));
+                detector->pushFrame(blackFrame(1));
+                QVERIFY(timing.timeToFirstFrame());
+                QVERIFY(*timing.timeToFirstFrame() <= *timing.sinceSessionStart());
+                QCOMPARE(timing.framesPushed(), 2);
+            }
+            QCOMPARE(observed, 4);
+            lateDetector = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
+        }
+        // A timed detector that outlives its timing still works.
+        lateDetector->pushFrame(blackFrame(2));
+        lateDetector.reset();
+        auto plain = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
+        QVERIFY(plain);
+    }
+
+    void readsAFinishedVideo()
+    {
+        const VideoInfo info = readVideo(kClip);
+        QVERIFY2(info.problem.isEmpty(), qPrintable(info.problem));
+        QCOMPARE(info.size, QSize(720, 1280));
+        QCOMPARE(info.frames, 120);
+    }
+
+    void readingABrokenVideoSaysWhy()
+    {
+        QTemporaryDir scratch;
+        QVERIFY(!readVideo(scratch.filePath("missing.mp4")).problem.isEmpty());
+        // The first half of an MP4 whose index is at its end: not a video yet.
+        QFile source(kClip);
+        QVERIFY(source.open(QIODevice::ReadOnly));
+        QFile half(scratch.filePath("half.mp4"));
+        QVERIFY(half.open(QIODevice::WriteOnly));
+        half.write(source.read(source.size() / 2));
+        half.close();
+        const VideoInfo info = readVideo(half.fileName());
+        QVERIFY(!info.problem.isEmpty());
+        QVERIFY(info.frames < 120);
+    }
+
+    /// The wait ends when the file turns into its final form, not before.
+    void readbackWaitsForTheFinalFile()
+    {
+        QTemporaryDir scratch;
+        const QString path = scratch.filePath("session.mp4");
+        VideoReadback readback;
+        QSignalSpy done(&readback, &VideoReadback::done);
+        readback.start(path, QSize(720, 1280), std::chrono::seconds(20), std::chrono::milliseconds(20));
+        QTest::qWait(100);  // polls a missing file a few times
+        QCOMPARE(done.count(), 0);
+        QVERIFY(QFile::copy(kClip, path));
+        QVERIFY(done.wait(10000));
+        const auto info = done.at(0).at(0).value<VideoInfo>();
+        QVERIFY(info.finished);
+        QCOMPARE(info.frames, 120);
+        QVERIFY(!readback.isRunning());
+    }
+
+    void readbackGivesUpOnAFileThatNeverBecomesFinal()
+    {
+        VideoReadback readback;
+        QSignalSpy done(&readback, &VideoReadback::done);
+        readback.start(kClip, kRecompressedVideoSize, std::chrono::milliseconds(300), std::chrono::milliseconds(50));
+        QVERIFY(done.wait(10000));
+        QCOMPARE(done.count(), 1);
+        const auto info = done.at(0).at(0).value<VideoInfo>();
+        QVERIFY(!info.finished);
+        QVERIFY(info.problem.contains("not final"));
+        QCOMPARE(info.frames, 120);  // what is there is still reported
+    }
+};
+
+QTEST_MAIN(TestDemo)
+#include "tst_demo.moc"
