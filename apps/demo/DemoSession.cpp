@@ -81,6 +81,8 @@ QWidget* DemoSession::start()
 {
     Q_ASSERT(!screen_);
     auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+    if (options_.adjustConfiguration)
+        options_.adjustConfiguration(*configuration);
     delegate_ = std::make_shared<Delegate>(self_);
     started_ = Clock::now();
     if (timing_)

@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -30,6 +31,9 @@ struct SessionOptions {
     /// and after an error, when there may be no recording at all.
     std::chrono::milliseconds videoLimit{30000};
     std::chrono::milliseconds videoLimitAfterError{10000};
+    /// Changes to the default configuration (benchmarks keep the detector
+    /// from ever finding its shot, to measure a session that goes on).
+    std::function<void(core::ZCZavoConfiguration&)> adjustConfiguration;
 };
 
 /// Main thread only. The session owns its screen until it is destroyed or

@@ -1,0 +1,97 @@
+// The leak check: many whole sessions in one process.
+//
+//   bench_screen_leaks [sessions]
+//
+// Builds a camera screen, runs it on the file camera until the best shot,
+// waits for the session video to be final, releases the screen; 50 times by
+// default. Prints threads (/proc/self/task), open file descriptors
+// (/proc/self/fd) and resident memory (/proc/self/statm) at the start and
+// after every 10 sessions, and exits non-zero when threads or descriptors
+// have grown by the end. The first session is a warm-up: what lives for the
+// whole process (the detector's cascades, FFmpeg's and Qt's own state) is in
+// place after it.
+#include "BenchSupport.h"
+#include "DemoSession.h"
+#include "ProcessCounters.h"
+
+#include <QApplication>
+#include <QWidget>
+
+using namespace zavo;
+using namespace zavo::demo;
+
+namespace {
+
+void print(const char* when, int sessions, const ProcessCounters& counters, double seconds)
+{
+    std::printf("%-10s %3d sessions  threads %3d (+%d pooled)  fds %3d  rss %7.1f MiB  %6.1f s\n", when, sessions,
+                counters.threads, counters.pooledThreads, counters.fileDescriptors, counters.rssMiB, seconds);
+}
+
+bool runSession(DetectorTiming& timing, int index)
+{
+    DemoSession session(SessionOptions{}, &timing);
+    bool settled = false;
+    QObject::connect(&session, &DemoSession::videoSettled, [&] { settled = true; });
+    QWidget* view = session.start();
+    view->resize(bench::kScreenSize);
+    view->show();
+    if (!bench::runUntil([&] { return settled; }, 60000)) {
+        std::fprintf(stderr, "session %d did not end\n", index);
+        return false;
+    }
+    const auto& outcome = *session.outcome();
+    if (!outcome.bestShot || !session.video() || !session.video()->finished) {
+        std::fprintf(stderr, "session %d: %s\n", index,
+                     outcome.error ? qPrintable(outcome.error->localizedDescription())
+                                   : qPrintable(session.video() ? session.video()->problem : QString()));
+        return false;
+    }
+    session.release();
+    return true;
+}
+
+// Threads of a released screen end on their own shortly after.
+ProcessCounters settledCounters(const ProcessCounters& target)
+{
+    bench::runUntil([&] {
+        const ProcessCounters now = ProcessCounters::now();
+        return now.threads <= target.threads && now.fileDescriptors <= target.fileDescriptors;
+    }, 10000);
+    return ProcessCounters::now();
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    bench::prepareEnvironment();
+    QApplication app(argc, argv);
+    const int sessions = argc > 1 ? std::max(1, std::atoi(argv[1])) : 50;
+    bench::Fixture fixture;
+    if (!fixture.install())
+        return 1;
+    DetectorTiming timing;
+    const Clock::time_point began = Clock::now();
+    auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - began).count(); };
+
+    print("start", 0, ProcessCounters::now(), 0);
+    if (!runSession(timing, 0))
+        return 1;
+    const ProcessCounters baseline = settledCounters(ProcessCounters::now());
+    print("warmed up", 1, baseline, elapsed());
+    ProcessCounters last = baseline;
+    for (int index = 1; index <= sessions; ++index) {
+        if (!runSession(timing, index))
+            return 1;
+        if (index % 10 == 0 || index == sessions) {
+            last = settledCounters(baseline);
+            print("after", index, last, elapsed());
+        }
+    }
+    const bool grew = last.threads > baseline.threads || last.fileDescriptors > baseline.fileDescriptors;
+    std::printf("%s: threads %+d, fds %+d, rss %+.1f MiB over %d sessions after the warm-up\n", grew ? "LEAK" : "ok",
+                last.threads - baseline.threads, last.fileDescriptors - baseline.fileDescriptors,
+                last.rssMiB - baseline.rssMiB, sessions);
+    return grew ? 1 : 0;
+}
