@@ -13,6 +13,7 @@ extern "C" {
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace zavo::platform {
@@ -202,6 +203,61 @@ __attribute__((always_inline)) inline void addRowLoop(uint16_t* sums, const uint
     }
 }
 
+/// Reverses the order of count 4-byte pixels in place (a left-right mirror of
+/// one row), optionally reversing each pixel's bytes too (BGRA into ARGB).
+/// The two halves are walked from both ends; they never overlap, which is
+/// what lets the compiler vectorise the swap.
+template <bool SwapBytes>
+__attribute__((always_inline)) inline void mirrorRowLoop(uint32_t* __restrict left, uint32_t* __restrict right,
+                                                         int half)
+{
+    for (int i = 0; i < half; ++i) {
+        const uint32_t a = left[i];
+        const uint32_t b = right[-i];
+        left[i] = SwapBytes ? __builtin_bswap32(b) : b;
+        right[-i] = SwapBytes ? __builtin_bswap32(a) : a;
+    }
+}
+
+__attribute__((always_inline)) inline void mirrorRowOf(uint8_t* row, int count, bool swapBytes,
+                                                       void (*plain)(uint32_t*, uint32_t*, int),
+                                                       void (*swapped)(uint32_t*, uint32_t*, int))
+{
+    auto* pixels = reinterpret_cast<uint32_t*>(row);
+    const int half = count / 2;
+    (swapBytes ? swapped : plain)(pixels, pixels + count - 1, half);
+    if (swapBytes && (count & 1))
+        pixels[half] = __builtin_bswap32(pixels[half]);
+}
+
+/// Copies count elements of one row into out in reverse order.
+template <typename T>
+__attribute__((always_inline)) inline void reverseCopyLoop(const T* __restrict in, T* __restrict out, int count)
+{
+    for (int i = 0; i < count; ++i)
+        out[i] = in[count - 1 - i];
+}
+
+__attribute__((ZAVO_VECTORIZE)) void reverseCopy8Baseline(const uint8_t* in, uint8_t* out, int count)
+{
+    reverseCopyLoop(in, out, count);
+}
+
+__attribute__((ZAVO_VECTORIZE)) void reverseCopy16Baseline(const uint16_t* in, uint16_t* out, int count)
+{
+    reverseCopyLoop(in, out, count);
+}
+
+__attribute__((ZAVO_VECTORIZE)) void mirrorRowBaseline(uint32_t* left, uint32_t* right, int half)
+{
+    mirrorRowLoop<false>(left, right, half);
+}
+
+__attribute__((ZAVO_VECTORIZE)) void mirrorRowSwappedBaseline(uint32_t* left, uint32_t* right, int half)
+{
+    mirrorRowLoop<true>(left, right, half);
+}
+
 __attribute__((ZAVO_VECTORIZE)) void reversePixelBytesBaseline(uint8_t* pixels, int count)
 {
     reversePixelBytesLoop(pixels, count);
@@ -221,6 +277,26 @@ __attribute__((target("avx2"), ZAVO_VECTORIZE)) void reversePixelBytesAvx2(uint8
 __attribute__((target("ssse3"), ZAVO_VECTORIZE)) void reversePixelBytesSsse3(uint8_t* pixels, int count)
 {
     reversePixelBytesLoop(pixels, count);
+}
+
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void reverseCopy8Avx2(const uint8_t* in, uint8_t* out, int count)
+{
+    reverseCopyLoop(in, out, count);
+}
+
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void reverseCopy16Avx2(const uint16_t* in, uint16_t* out, int count)
+{
+    reverseCopyLoop(in, out, count);
+}
+
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void mirrorRowAvx2(uint32_t* left, uint32_t* right, int half)
+{
+    mirrorRowLoop<false>(left, right, half);
+}
+
+__attribute__((target("avx2"), ZAVO_VECTORIZE)) void mirrorRowSwappedAvx2(uint32_t* left, uint32_t* right, int half)
+{
+    mirrorRowLoop<true>(left, right, half);
 }
 
 __attribute__((target("avx2"), ZAVO_VECTORIZE)) void addRowAvx2(uint16_t* sums, const uint8_t* row, size_t bytes,
@@ -243,6 +319,39 @@ void reversePixelBytes(uint8_t* pixels, int count)
         return Function(reversePixelBytesBaseline);
     }();
     best(pixels, count);
+}
+
+/// Copies one row of count elements of 1 or 2 bytes into out, mirrored.
+void reverseCopy(const uint8_t* in, uint8_t* out, int count, int bytesPerElement)
+{
+    using Function8 = void (*)(const uint8_t*, uint8_t*, int);
+    using Function16 = void (*)(const uint16_t*, uint16_t*, int);
+    static const std::pair<Function8, Function16> best = [] {
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+        if (__builtin_cpu_supports("avx2"))
+            return std::pair<Function8, Function16>(reverseCopy8Avx2, reverseCopy16Avx2);
+#endif
+        return std::pair<Function8, Function16>(reverseCopy8Baseline, reverseCopy16Baseline);
+    }();
+    if (bytesPerElement == 1)
+        best.first(in, out, count);
+    else
+        best.second(reinterpret_cast<const uint16_t*>(in), reinterpret_cast<uint16_t*>(out), count);
+}
+
+/// Mirrors one row of count 4-byte pixels in place; swapBytes also turns
+/// BGRA into ARGB on the way.
+void mirrorRow(uint8_t* row, int count, bool swapBytes)
+{
+    using Function = void (*)(uint32_t*, uint32_t*, int);
+    static const std::pair<Function, Function> best = [] {
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+        if (__builtin_cpu_supports("avx2"))
+            return std::pair<Function, Function>(mirrorRowAvx2, mirrorRowSwappedAvx2);
+#endif
+        return std::pair<Function, Function>(mirrorRowBaseline, mirrorRowSwappedBaseline);
+    }();
+    mirrorRowOf(row, count, swapBytes, best.first, best.second);
 }
 
 void addRow(uint16_t* sums, const uint8_t* row, size_t bytes, bool first)
@@ -314,12 +423,17 @@ struct VideoFrameConverter::Private {
     std::unique_ptr<uint8_t, AlignedFree> shrunk;
     size_t shrunkCapacity = 0;
     std::vector<uint16_t> columnSums;
+    // One band of source rows, mirrored before it is scaled.
+    std::unique_ptr<uint8_t, AlignedFree> mirroredBand;
+    size_t mirroredBandCapacity = 0;
 
     SwsContext* scaler(const ImagePlanes& src, int dstFormat, int dstWidth, int dstHeight, bool dstFullRange);
     static uint8_t* grow(std::unique_ptr<uint8_t, AlignedFree>& memory, size_t& capacity, size_t size);
     ImagePlanes averagedDown(const ImagePlanes& src, int targetWidth, int targetHeight);
     bool scale(const ImagePlanes& src, int dstFormat, uint8_t* const planes[4], const int strides[4], int width,
                int height, bool dstFullRange);
+    bool scaleFlipped(const ImagePlanes& src, const ImagePlanes& dst, bool mirrorRows, bool upsideDown);
+    bool mirrorsInTheSource(const ImagePlanes& src, const ImagePlanes& dst, PlaneGeometry planes[4], int& planeCount);
     bool convert(const ImagePlanes& src, const ImagePlanes& dst);
 };
 
@@ -409,6 +523,100 @@ bool VideoFrameConverter::Private::scale(const ImagePlanes& src, int dstFormat, 
     return true;
 }
 
+bool VideoFrameConverter::Private::mirrorsInTheSource(const ImagePlanes& src, const ImagePlanes& dst,
+                                                      PlaneGeometry planes[4], int& planeCount)
+{
+    // The scaler gives each pair of pixels of a 4:2:x source the same chroma
+    // sample, and with no change of width it filters nothing horizontally;
+    // an even-width source mirrored before scaling then comes out exactly as
+    // the scaled picture mirrored afterwards. Mirroring the source is the
+    // cheaper side: fewer bytes, and the scaler's output goes out with
+    // non-temporal stores, so it is no longer in the cache to be mirrored.
+    const auto format = AVPixelFormat(src.avPixelFormat);
+    if (src.width != dst.width || (src.width & 1) || !isYuv(av_pix_fmt_desc_get(format))
+        || av_pix_fmt_count_planes(format) < 2 || !planeGeometry(format, src.width, src.height, planes, planeCount))
+        return false;
+    for (int plane = 0; plane < planeCount; ++plane) {
+        if (planes[plane].bytesPerElement > 2)
+            return false;
+    }
+    return true;
+}
+
+bool VideoFrameConverter::Private::scaleFlipped(const ImagePlanes& original, const ImagePlanes& dst, bool mirrorRows,
+                                                bool upsideDown)
+{
+    // The scaler is fed a band of source rows at a time. A mirror is done on
+    // the band before it goes in when that gives the same picture, otherwise
+    // on the destination rows the band completes; either way in one pass
+    // instead of scaling the whole picture into scratch planes and copying it
+    // across again. Upside down is a destination walked from its last row up,
+    // which swscale takes as a negative stride.
+    const ImagePlanes src = averagedDown(original, dst.width, dst.height);
+    const AVPixFmtDescriptor* srcDesc = av_pix_fmt_desc_get(AVPixelFormat(src.avPixelFormat));
+    const bool viaBgra = dst.avPixelFormat == AV_PIX_FMT_ARGB && isYuv(srcDesc);
+    SwsContext* context
+        = scaler(src, viaBgra ? AV_PIX_FMT_BGRA : dst.avPixelFormat, dst.width, dst.height, dst.fullRange);
+    if (!context)
+        return false;
+
+    // A multiple of every chroma subsampling, small enough to stay in cache.
+    constexpr int kBandRows = 16;
+    PlaneGeometry srcPlanes[4];
+    int srcPlaneCount = 0;
+    const bool mirrorSource = mirrorRows && mirrorsInTheSource(src, dst, srcPlanes, srcPlaneCount);
+    uint8_t* band[4] = {};
+    int bandStride[4] = {};
+    if (mirrorSource) {
+        size_t size = 0;
+        for (int plane = 0; plane < srcPlaneCount; ++plane) {
+            bandStride[plane] = (srcPlanes[plane].width * srcPlanes[plane].bytesPerElement + 63) / 64 * 64;
+            size += size_t(bandStride[plane]) * kBandRows;
+        }
+        uint8_t* memory = grow(mirroredBand, mirroredBandCapacity, size);
+        if (!memory)
+            return false;
+        for (int plane = 0; plane < srcPlaneCount; ++plane) {
+            band[plane] = memory;
+            memory += size_t(bandStride[plane]) * kBandRows;
+        }
+    }
+
+    const ptrdiff_t stride = upsideDown ? -ptrdiff_t(dst.bytesPerRow[0]) : dst.bytesPerRow[0];
+    uint8_t* const planes[4] = {dst.data[0] + (upsideDown ? ptrdiff_t(dst.height - 1) * dst.bytesPerRow[0] : 0)};
+    const int strides[4] = {int(stride)};
+    int produced = 0;
+    for (int y = 0; y < src.height; y += kBandRows) {
+        const int bandRows = std::min(kBandRows, src.height - y);
+        const uint8_t* slice[4] = {};
+        for (int plane = 0; plane < 4 && src.data[plane]; ++plane) {
+            const int shift = (plane == 1 || plane == 2) && isYuv(srcDesc) ? srcDesc->log2_chroma_h : 0;
+            slice[plane] = src.data[plane] + ptrdiff_t(y >> shift) * src.bytesPerRow[plane];
+            if (!mirrorSource)
+                continue;
+            const int rows = AV_CEIL_RSHIFT(bandRows, shift);
+            for (int row = 0; row < rows; ++row)
+                reverseCopy(slice[plane] + ptrdiff_t(row) * src.bytesPerRow[plane],
+                            band[plane] + ptrdiff_t(row) * bandStride[plane], srcPlanes[plane].width,
+                            srcPlanes[plane].bytesPerElement);
+            slice[plane] = band[plane];
+        }
+        const int rows = sws_scale(context, slice, mirrorSource ? bandStride : src.bytesPerRow, y, bandRows, planes,
+                                   strides);
+        if (rows < 0 || produced + rows > dst.height)
+            return false;
+        for (int row = produced; row < produced + rows; ++row) {
+            uint8_t* pixels = planes[0] + ptrdiff_t(row) * stride;
+            if (mirrorRows && !mirrorSource)
+                mirrorRow(pixels, dst.width, viaBgra);
+            else if (viaBgra)
+                reverseBytesOfPixels(pixels, dst.width);
+        }
+        produced += rows;
+    }
+    return produced == dst.height;
+}
+
 bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePlanes& dst)
 {
     const auto srcFormat = AVPixelFormat(src.avPixelFormat);
@@ -429,6 +637,14 @@ bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePl
     int planeCount = 0;
     if (!planeGeometry(dstFormat, dst.width, dst.height, planes, planeCount))
         return false;
+    const bool sameShape = srcFormat == dstFormat && src.width == scaledWidth && src.height == scaledHeight
+        && src.fullRange == dst.fullRange;
+    // Mirrored or upside down (180 degrees is both mirrors; mirrored after it,
+    // only the vertical one is left) into one plane of whole 4-byte pixels:
+    // folded into the scaling pass. A source already in shape is remapped
+    // straight from its own planes below, which is a single pass as well.
+    if (!turned && !sameShape && planeCount == 1 && planes[0].bytesPerElement == 4)
+        return scaleFlipped(src, dst, mirrored != (rotation == 180), rotation == 180);
     if (turned) {
         const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(dstFormat);
         if (desc->log2_chroma_w != desc->log2_chroma_h)
@@ -440,8 +656,6 @@ bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePl
     // smaller of the two sizes, so the turning pass touches fewer pixels.
     const uint8_t* turnFrom[4] = {};
     int turnStride[4] = {};
-    const bool sameShape = srcFormat == dstFormat && src.width == scaledWidth && src.height == scaledHeight
-        && src.fullRange == dst.fullRange;
     if (sameShape) {
         std::copy(std::begin(src.data), std::end(src.data), turnFrom);
         std::copy(std::begin(src.bytesPerRow), std::end(src.bytesPerRow), turnStride);

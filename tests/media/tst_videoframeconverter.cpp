@@ -98,6 +98,86 @@ private slots:
         }
     }
 
+    void mirroringWhileScalingMatchesTheUnmirroredPicture_data()
+    {
+        QTest::addColumn<int>("sourceFormat");
+        QTest::addColumn<QSize>("destinationSize");
+        QTest::addColumn<int>("destinationFormat");
+        QTest::addColumn<int>("rotation");
+        QTest::addColumn<bool>("mirrored");
+        const QSize sizes[] = {{130, 74}, {67, 37}, {300, 150}};  // as is, shrunk unevenly, enlarged
+        for (int format : {int(AV_PIX_FMT_NV12), int(AV_PIX_FMT_YUV420P)}) {
+            for (const QSize& size : sizes) {
+                for (int rotation : {0, 180}) {
+                    for (bool mirrored : {false, true}) {
+                        if (rotation == 0 && !mirrored)
+                            continue;
+                        for (int into : {int(PixelFormat::BGRA32), int(PixelFormat::ARGB32)})
+                            QTest::addRow("%s %dx%d %s %d%s", format == AV_PIX_FMT_NV12 ? "nv12" : "yuv420p",
+                                          size.width(), size.height(),
+                                          into == int(PixelFormat::BGRA32) ? "bgra" : "argb", rotation,
+                                          mirrored ? " mirrored" : "")
+                                << format << size << into << rotation << mirrored;
+                    }
+                }
+            }
+        }
+    }
+
+    void mirroringWhileScalingMatchesTheUnmirroredPicture()
+    {
+        // A YUV camera frame goes through the scaler band by band and its rows
+        // are flipped as they come out; the result must be exactly the plain
+        // conversion, flipped.
+        QFETCH(int, sourceFormat);
+        QFETCH(QSize, destinationSize);
+        QFETCH(int, destinationFormat);
+        QFETCH(int, rotation);
+        QFETCH(bool, mirrored);
+        const int w = 130, h = 74;  // several bands, the last one short
+        std::vector<uint8_t> luma(size_t(w) * h), chroma(size_t(w) * h / 2);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                luma[size_t(y) * w + size_t(x)] = uint8_t(16 + (x * 7 + y * 13) % 220);
+        for (size_t i = 0; i < chroma.size(); ++i)
+            chroma[i] = uint8_t(64 + (i * 37) % 128);
+        ImagePlanes planes;
+        planes.avPixelFormat = sourceFormat;
+        planes.width = w;
+        planes.height = h;
+        planes.data[0] = luma.data();
+        planes.bytesPerRow[0] = w;
+        planes.data[1] = chroma.data();
+        if (sourceFormat == AV_PIX_FMT_NV12) {
+            planes.bytesPerRow[1] = w;
+        } else {
+            planes.data[2] = chroma.data() + chroma.size() / 2;
+            planes.bytesPerRow[1] = planes.bytesPerRow[2] = w / 2;
+        }
+        const auto format = PixelFormat(destinationFormat);
+        auto plain = PixelBuffer::create(destinationSize.width(), destinationSize.height(), format);
+        auto flipped = PixelBuffer::create(destinationSize.width(), destinationSize.height(), format);
+        VideoFrameConverter converter;
+        QVERIFY(converter.convert(planes, *plain));
+        converter.setRotation(rotation);
+        converter.setMirrored(mirrored);
+        QVERIFY(converter.convert(planes, *flipped));
+        const bool leftRight = mirrored != (rotation == 180);
+        const bool upsideDown = rotation == 180;
+        const int dw = destinationSize.width(), dh = destinationSize.height();
+        for (int y = 0; y < dh; ++y) {
+            for (int x = 0; x < dw; ++x) {
+                const uint32_t expected = pixelAt(*plain, leftRight ? dw - 1 - x : x, upsideDown ? dh - 1 - y : y);
+                if (pixelAt(*flipped, x, y) != expected)
+                    QFAIL(qPrintable(QStringLiteral("pixel %1,%2: %3 instead of %4")
+                                         .arg(x)
+                                         .arg(y)
+                                         .arg(pixelAt(*flipped, x, y), 8, 16)
+                                         .arg(expected, 8, 16)));
+            }
+        }
+    }
+
     void scalesYuvCameraFormatsIntoBgra_data()
     {
         QTest::addColumn<int>("format");
