@@ -1,4 +1,5 @@
 #include "zavoweb/ZWLivenessClient.h"
+#include "zavoweb/ZWLivenessClient_p.h"
 
 #include "platform/Log.h"
 #include "zavoweb/NetworkingError.h"
@@ -55,24 +56,38 @@ std::optional<Result> serverError(const QJsonObject& object)
     return std::nullopt;
 }
 
-Result resultOf(QNetworkReply& reply)
+/// What the reply brought; the body is read only from an HTTP answer.
+LivenessAnswer answerOf(QNetworkReply& reply)
 {
+    LivenessAnswer answer;
+    answer.transportError = reply.error();
+    answer.transportErrorString = reply.errorString();
     const QVariant status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!status.isValid()) {
-        // No HTTP answer at all: refused, unreachable, timed out, aborted.
-        return transportFailure(reply.error(), reply.errorString());
+    if (status.isValid()) {
+        answer.httpStatus = status.toInt();
+        answer.reasonPhrase = reply.attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+        answer.body = reply.readAll();
     }
-    const QByteArray body = reply.readAll();
+    return answer;
+}
+
+}  // namespace
+
+Result resultOfAnswer(const LivenessAnswer& answer)
+{
+    if (!answer.httpStatus) {
+        // No HTTP answer at all: refused, unreachable, timed out, aborted.
+        return transportFailure(answer.transportError, answer.transportErrorString);
+    }
+    const QByteArray& body = answer.body;
     const std::optional<QJsonObject> object = jsonObject(body);
     if (object) {
         if (auto error = serverError(*object))
             return *error;
     }
-    const int httpStatus = status.toInt();
-    if (httpStatus < 200 || httpStatus >= 300) {
-        return failure(NetworkingError::zavoError(
-            httpStatus, reply.attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString()));
-    }
+    const int httpStatus = *answer.httpStatus;
+    if (httpStatus < 200 || httpStatus >= 300)
+        return failure(NetworkingError::zavoError(httpStatus, answer.reasonPhrase));
     if (!object || !object->value(QLatin1String("live")).isBool()) {
         qCWarning(platform::lcWeb) << "liveness server sent an answer without a verdict:" << body.left(200);
         return failure(NetworkingError::livenessConnectionError());
@@ -82,8 +97,6 @@ Result resultOf(QNetworkReply& reply)
     result.message = object->value(QLatin1String("message")).toString();
     return result;
 }
-
-}  // namespace
 
 // Lives on the client's network thread: the access manager and its replies
 // belong to that thread's event loop.
@@ -117,7 +130,7 @@ public:
         request.setTransferTimeout(static_cast<int>(settings_.timeout.count()));
         QNetworkReply* reply = network_->post(request, jpeg);
         connect(reply, &QNetworkReply::finished, this, [reply, completion] {
-            const Result result = resultOf(*reply);
+            const Result result = resultOfAnswer(answerOf(*reply));
             reply->deleteLater();
             if (result.error)
                 qCInfo(platform::lcWeb) << "liveness check failed:" << result.error->localizedDescription();
