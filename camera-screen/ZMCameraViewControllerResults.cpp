@@ -5,6 +5,7 @@
 #include "camera-screen/ZMCameraViewController_p.h"
 
 #include "platform/DispatchQueue.h"
+#include "recording/ZMRecordingStorage.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZavoCore.h"
 
@@ -232,7 +233,12 @@ std::optional<QString> ZMCameraViewController::deliveredVideoFile() const
     // before any stop, and is never replaced.
     if (!captureManager_->recordVideo())
         return std::nullopt;
-    return captureManager_->videoFile();
+    const QString path = captureManager_->videoFile();
+    // A session that never started recording (refused permission) has no path
+    // from the manager yet; the host still gets where the video lives.
+    if (path.isEmpty())
+        return ZMRecordingStorage::folderPath() + QLatin1Char('/') + ZMRecordingStorage::kRecordedVideoFileName;
+    return path;
 }
 
 void ZMCameraViewController::deliverError(const ZMCameraError& error)

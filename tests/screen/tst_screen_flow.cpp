@@ -1,0 +1,568 @@
+// The camera screen against a scripted detector: how it is built, laid out
+// and customized, and how it answers every kind of detector report, the
+// liveness and recording callbacks and the user's buttons. No camera is
+// registered, so capture runs without frames unless a test adds one.
+#include "ScreenTestSupport.h"
+
+#include "platform/CaptureDevice.h"
+#include "platform/SyntheticCaptureDevice.h"
+#include "ui/ZMFaceDetectionView.h"
+#include "ui/ZMVideoStreamNotificationView.h"
+#include "zavocore/ZCErrorCodes.h"
+#include "zavocore/ZavoCore.h"
+
+#include <QAccessible>
+#include <QApplication>
+#include <QLabel>
+#include <QPropertyAnimation>
+#include <QPushButton>
+
+#include <future>
+
+using namespace zavo;
+using namespace zavo::testing;
+using platform::AuthorizationStatus;
+
+namespace {
+
+class ScriptedDetector final : public core::ZCBestShotDetectorProtocol {
+public:
+    explicit ScriptedDetector(std::weak_ptr<core::ZCBestShotDelegate> delegate) : delegate(std::move(delegate)) {}
+
+    void pushFrame(const platform::SampleBuffer&) override
+    {
+        ++frames;
+        if (!QCoreApplication::instance() || QThread::currentThread() != QCoreApplication::instance()->thread())
+            framesOffMain = true;
+    }
+    void screenSize(const QSizeF& size, const platform::EdgeInsets& edges) override
+    {
+        sizes.push_back(size);
+        lastEdges = edges;
+    }
+    bool faceFound() const override { return face; }
+    void launchWizard() override { ++launches; }
+    void defineStepsList(std::vector<core::ZCStepConfigPtr> list) override { steps = std::move(list); }
+    void resume() override { ++resumes; }
+
+    std::shared_ptr<core::ZCBestShotDelegate> target() const { return delegate.lock(); }
+
+    std::weak_ptr<core::ZCBestShotDelegate> delegate;
+    std::atomic<int> frames{0};
+    std::atomic<bool> framesOffMain{false};
+    std::vector<QSizeF> sizes;
+    platform::EdgeInsets lastEdges;
+    std::atomic<bool> face{false};
+    int launches = 0;
+    int resumes = 0;
+    std::vector<core::ZCStepConfigPtr> steps;
+};
+
+/// A banner of the host's own that counts what it is asked to show.
+class CountingBanner final : public QLabel, public ZMVideoStreamNotificationViewProtocol {
+public:
+    void showNotificationMessage(platform::ErrorPtr error) override
+    {
+        current = error;
+        setText(error ? error->localizedDescription() : QString());
+        if (error)
+            shown.append(error->localizedDescription());
+    }
+    platform::ErrorPtr notificationMessage() const override { return current; }
+    QWidget* widget() override { return this; }
+    QSize sizeHint() const override { return {100, 37}; }
+
+    platform::ErrorPtr current;
+    QStringList shown;
+};
+
+class PlainFaceFrame final : public QWidget, public ZMFaceDetectionViewProtocol {
+public:
+    void switchToPositiveState() override { positive = true; }
+    void switchToNegativeState() override { positive = false; }
+    QWidget* widget() override { return this; }
+    bool positive = true;
+};
+
+class Customizer final : public ZMUICustomizerProtocol {
+public:
+    std::unique_ptr<ZMFaceDetectionViewProtocol> faceDetectionFrameView() override
+    {
+        ++faceAsked;
+        auto view = std::make_unique<PlainFaceFrame>();
+        view->setGeometry(5, 6, 7, 8);
+        face = view.get();
+        return view;
+    }
+    std::unique_ptr<ZMVideoStreamNotificationViewProtocol> videoStreamNotificationView() override
+    {
+        ++bannerAsked;
+        auto view = std::make_unique<CountingBanner>();
+        banner = view.get();
+        return view;
+    }
+    int faceAsked = 0;
+    int bannerAsked = 0;
+    PlainFaceFrame* face = nullptr;
+    CountingBanner* banner = nullptr;
+};
+
+/// A customizer that keeps both defaults.
+class EmptyCustomizer final : public ZMUICustomizerProtocol {};
+
+class Step final : public core::ZCStepConfigProtocol {
+public:
+    double timeout() const override { return seconds; }
+    void setTimeout(double value) override { seconds = value; }
+    double seconds = 3;
+};
+
+platform::ErrorPtr detectorError(long code)
+{
+    return core::makeZCError(core::ZCErrorCode(code), QStringLiteral("errors.code_%1").arg(code));
+}
+
+platform::ErrorPtr networking(web::NetworkingError error) { return std::make_shared<web::NetworkingError>(error); }
+
+}  // namespace
+
+class TstScreenFlow : public QObject {
+    Q_OBJECT
+
+    std::shared_ptr<HostDelegate> host;
+    std::shared_ptr<ZMCameraViewController> screen;
+    std::shared_ptr<ScriptedDetector> detector;
+    std::shared_ptr<core::ZCZavoConfiguration> configuration;
+    std::shared_ptr<Customizer> customizer;
+    std::unique_ptr<PermissionScope> permission;
+    int detectorsBuilt = 0;
+
+    /// A built screen, shown at 360x640, with capture started and the
+    /// wizard launched.
+    void present(bool recordVideo = false, std::shared_ptr<ZMUICustomizerProtocol> ui = nullptr)
+    {
+        auto customization = ui ? std::make_shared<ZMCustomization>(ui) : nullptr;
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, customization, recordVideo));
+        QVERIFY(screen);
+        screen->view()->resize(360, 640);
+        screen->view()->show();
+        QTRY_VERIFY(detector && detector->launches == 1);
+    }
+
+    std::shared_ptr<core::ZCBestShotDelegate> reporter() const { return detector->target(); }
+    QWidget* banner() const { return screen->notificationView().widget(); }
+
+    void report(long code) { reporter()->bestShotError(detectorError(code)); }
+
+private slots:
+    void initTestCase()
+    {
+        platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        platform::CaptureDeviceRegistry::shared().unregisterAll();
+    }
+
+    void init()
+    {
+        host = std::make_shared<HostDelegate>();
+        configuration = std::make_shared<core::ZCZavoConfiguration>();
+        customizer = std::make_shared<Customizer>();
+        permission = std::make_unique<PermissionScope>(AuthorizationStatus::Authorized);
+        detectorsBuilt = 0;
+        core::ZCBestShotBuilder::setFactory([this](std::weak_ptr<core::ZCBestShotDelegate> delegate, auto, auto) {
+            ++detectorsBuilt;
+            detector = std::make_shared<ScriptedDetector>(std::move(delegate));
+            return detector;
+        });
+    }
+
+    void cleanup()
+    {
+        if (screen)
+            QVERIFY(releaseScreen(screen));
+        detector.reset();
+        core::ZCBestShotBuilder::setFactory({});
+        permission.reset();
+        platform::CaptureDeviceRegistry::shared().unregisterAll();
+    }
+
+    // ------------------------------------------------------------ building
+
+    void builderFillsTheScreenAndStartsNothing()
+    {
+        auto liveness = std::shared_ptr<core::ZCOnlineLivenessProtocol>();
+        auto customization = std::make_shared<ZMCustomization>(customizer);
+        auto built = ZMCameraBuilder::viewController(host, configuration, liveness, customization, true);
+        screen = asScreen(built);
+        QVERIFY(screen);
+        QCOMPARE(screen->delegate(), std::shared_ptr<ZMCameraDelegate>(host));
+        QCOMPARE(screen->configuration(), configuration);
+        QCOMPARE(screen->zavoCustomization(), customization);
+        QVERIFY(screen->captureManager()->recordVideo());
+        QCOMPARE(built->viewController(), std::static_pointer_cast<platform::ViewController>(screen));
+        // Nothing loaded, nothing asked, nothing built yet.
+        QVERIFY(!screen->isViewLoaded());
+        QCOMPARE(detectorsBuilt, 0);
+        QCOMPARE(customizer->faceAsked + customizer->bannerAsked, 0);
+        QVERIFY(!screen->captureManager()->session());
+        QVERIFY(screen->closedByUser());
+        QVERIFY(screen->canShow());
+        QCOMPARE(screen->CloseButtonSize, 44.0);
+        QCOMPARE(screen->messageTime, 0.5);
+        QCOMPARE(screen->messageTimeLong, 2.0);
+
+        // The steps go to the detector, which is built for them.
+        auto step = std::make_shared<Step>();
+        screen->defineInteractionsStep({step});
+        QCOMPARE(detectorsBuilt, 1);
+        QCOMPARE(detector->steps.size(), size_t(1));
+        QCOMPARE(detector->steps.front(), core::ZCStepConfigPtr(step));
+    }
+
+    // ------------------------------------------------------ views, layout
+
+    void viewsAreLaidOutOnEveryResize()
+    {
+        present();
+        QPushButton* close = screen->closeButton();
+        QCOMPARE(close->parentWidget(), screen->controls());
+        QCOMPARE(close->geometry(), QRect(360 - 10 - 44, 10, 44, 44));
+        QVERIFY(!close->icon().isNull());
+        QCOMPARE(banner()->parentWidget(), screen->controls());
+        QVERIFY(!banner()->isVisible());
+        QCOMPARE(banner()->geometry().top(), 54);
+        QCOMPARE(banner()->width(), 360);
+        QVERIFY(banner()->height() > 0);
+        QCOMPARE(screen->faceDetectionView().widget()->parentWidget(), screen->controls());
+        QVERIFY(dynamic_cast<ZMFaceDetectionView*>(&screen->faceDetectionView()));
+        QVERIFY(!screen->livenessActivity()->isVisible());
+        QVERIFY(screen->changeCameraButton()->isVisible());
+        QCOMPARE(screen->controls()->geometry(), screen->view()->rect());
+
+        screen->view()->resize(500, 700);
+        QTRY_COMPARE(detector->sizes.back(), QSizeF(500, 700));
+        QCOMPARE(close->geometry(), QRect(500 - 10 - 44, 10, 44, 44));
+        QCOMPARE(banner()->width(), 500);
+        QCOMPARE(screen->controls()->geometry(), QRect(0, 0, 500, 700));
+        QCOMPARE(detector->lastEdges, platform::EdgeInsets{});
+    }
+
+    void controlsAreNamedAndReachableByKeyboard()
+    {
+        present();
+        QCOMPARE(screen->closeButton()->accessibleName(), QStringLiteral("Close"));
+        QVERIFY(!screen->closeButton()->accessibleDescription().isEmpty());
+        QCOMPARE(screen->changeCameraButton()->accessibleName(), QStringLiteral("Switch camera"));
+        QVERIFY(!screen->livenessActivity()->accessibleName().isEmpty());
+        QVERIFY(screen->closeButton()->focusPolicy() & Qt::TabFocus);
+        QVERIFY(screen->changeCameraButton()->focusPolicy() & Qt::TabFocus);
+
+        // The banner's message is what assistive technology hears.
+        report(1010);
+        QTRY_VERIFY(banner()->isVisible());
+        QCOMPARE(banner()->accessibleDescription(), detectorError(1010)->localizedDescription());
+    }
+
+    void switchCameraButtonFollowsTheConfiguration()
+    {
+        configuration->isShowSwitchCamera = false;
+        present();
+        QVERIFY(!screen->changeCameraButton()->isVisible());
+    }
+
+    void customizerViewsReplaceTheBuiltInOnes()
+    {
+        present(false, customizer);
+        QCOMPARE(customizer->faceAsked, 1);
+        QCOMPARE(customizer->bannerAsked, 1);
+        QCOMPARE(&screen->faceDetectionView(), static_cast<ZMFaceDetectionViewProtocol*>(customizer->face));
+        QCOMPARE(&screen->notificationView(), static_cast<ZMVideoStreamNotificationViewProtocol*>(customizer->banner));
+        // The banner gets the layout rules, the face frame keeps its own frame.
+        QCOMPARE(customizer->banner->parentWidget(), screen->controls());
+        QVERIFY(!customizer->banner->isVisible());
+        QCOMPARE(customizer->banner->geometry(), QRect(0, 54, 360, 37));
+        QCOMPARE(customizer->face->geometry(), QRect(5, 6, 7, 8));
+        screen->view()->resize(400, 640);
+        QTRY_COMPARE(customizer->banner->geometry(), QRect(0, 54, 400, 37));
+    }
+
+    void customizerWithoutViewsKeepsTheBuiltInOnes()
+    {
+        present(false, std::make_shared<EmptyCustomizer>());
+        QVERIFY(dynamic_cast<ZMFaceDetectionView*>(&screen->faceDetectionView()));
+        QVERIFY(dynamic_cast<ZMVideoStreamNotificationView*>(&screen->notificationView()));
+    }
+
+    void faceRectangleMovesAndHidesTheFrame()
+    {
+        present();
+        QWidget* face = screen->faceDetectionView().widget();
+        reporter()->detectionRect(QRectF(40, 60, 120, 150), QSizeF(720, 1280));
+        QTRY_VERIFY(face->findChild<QPropertyAnimation*>());
+        auto* animation = face->findChild<QPropertyAnimation*>();
+        QVERIFY(face->isVisible());
+        QCOMPARE(animation->duration(), 150);
+        QTRY_COMPARE(face->geometry(), QRect(40, 60, 120, 150));
+
+        reporter()->detectionRect(QRectF(80, 60, 120, 150), {});
+        QTRY_COMPARE(animation->state(), QAbstractAnimation::Running);
+        reporter()->detectionRect(QRectF(), {});
+        QTRY_VERIFY(!face->isVisible());
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+    }
+
+    // ----------------------------------------------------- detector errors
+
+    void endingDetectorCodes_data()
+    {
+        QTest::addColumn<long>("code");
+        QTest::newRow("step timeout") << 1000L;
+        QTest::newRow("no frames") << 1004L;
+        QTest::newRow("liveness refused") << 1007L;
+    }
+
+    void endingDetectorCodes()
+    {
+        QFETCH(long, code);
+        present();
+        report(code);
+        QTRY_COMPARE(host->count(), 1);
+        const Outcome outcome = host->last();
+        QCOMPARE(outcome.error->kind(), ZMCameraError::Case::bestShotError);
+        QCOMPARE(outcome.error->bestShotErrorValue()->code(), code);
+        QCOMPARE(outcome.videoFile, std::nullopt);
+        QVERIFY(!screen->closedByUser());
+        QVERIFY(!banner()->isVisible());
+        auto* frame = dynamic_cast<ZMFaceDetectionView*>(&screen->faceDetectionView());
+        QCOMPARE(frame->borderColor(), frame->negativeDetectionColor());
+        // The capture session was running: the stop completes on its queue.
+        QVERIFY2(outcome.thread.endsWith(QStringLiteral("SessionQueue")), qPrintable(outcome.thread));
+    }
+
+    void longMessagesStayTwoSecondsAndAreNotRepeated()
+    {
+        present(false, customizer);
+        report(1023);
+        QTRY_VERIFY(banner()->isVisible());
+        report(1023);  // the same text while it is up: not shown again
+        report(1023);
+        QTRY_VERIFY_WITH_TIMEOUT(!banner()->isVisible(), 4000);
+        QCOMPARE(customizer->banner->shown.size(), 1);
+        QVERIFY(!customizer->banner->current);
+        QVERIFY(customizer->face->positive);
+
+        report(1010);
+        QTRY_COMPARE(customizer->banner->shown.size(), 2);
+        QVERIFY(banner()->isVisible());
+        QCOMPARE(host->count(), 0);
+        QVERIFY(screen->closedByUser());
+    }
+
+    void guidanceIsThrottledIntoShortMessages()
+    {
+        present(false, customizer);
+        // One burst, queued before any of it runs: it collapses into one
+        // short message, the newest.
+        for (int i = 0; i < 10; ++i)
+            report(i % 2 ? 1001 : 1022);
+        QCOMPARE(customizer->banner->shown.size(), 0);  // never shown directly
+        QTRY_VERIFY(banner()->isVisible());
+        QTRY_VERIFY(!banner()->isVisible());
+        QCOMPARE(customizer->banner->shown, QStringList{detectorError(1001)->localizedDescription()});
+        QCOMPARE(host->count(), 0);
+    }
+
+    void livenessQualityMessageBlocksOthersForTwoSeconds()
+    {
+        present(false, customizer);
+        reporter()->bestShotError(networking(web::NetworkingError::livenessQualityError(QStringLiteral("Too dark"))));
+        QTRY_VERIFY(!screen->canShow());
+        QCOMPARE(customizer->banner->shown, QStringList{QStringLiteral("Too dark")});
+        report(1010);
+        QTRY_VERIFY_WITH_TIMEOUT(screen->canShow(), 4000);
+        QCOMPARE(customizer->banner->shown.size(), 1);
+        report(1010);
+        QTRY_COMPARE(customizer->banner->shown.size(), 2);
+        QCOMPARE(host->count(), 0);
+    }
+
+    void networkingErrorsThatEndTheSession()
+    {
+        present();
+        reporter()->bestShotError(networking(web::NetworkingError::zavoError(11038, QStringLiteral("server text"))));
+        QTRY_COMPARE(host->count(), 1);
+        auto error = *host->last().error;
+        QCOMPARE(error.kind(), ZMCameraError::Case::networkingError);
+        QCOMPARE(error.networkingErrorValue()->serverCode(), 11038);
+        QCOMPARE(error.errorDescription(), core::zc_localized(QStringLiteral("errors.multiple_faces_detected")));
+
+        reporter()->bestShotError(networking(web::NetworkingError::zavoError(500, QStringLiteral("server text"))));
+        QTRY_COMPARE(host->count(), 2);
+        error = *host->last().error;
+        QCOMPARE(error.kind(), ZMCameraError::Case::error);
+        QCOMPARE(platform::errorCast<web::NetworkingError>(error.errorValue().get())->serverCode(), 500);
+        QCOMPARE(error.errorDescription(), QStringLiteral("server text"));
+
+        auto timeout = std::make_shared<platform::ErrorObject>(QStringLiteral("Net"), 7);
+        reporter()->bestShotError(networking(web::NetworkingError::connectionError(timeout)));
+        QTRY_COMPARE(host->count(), 3);
+        error = *host->last().error;
+        QCOMPARE(error.kind(), ZMCameraError::Case::networkingError);
+        QCOMPARE(error.networkingErrorValue()->kind(), web::NetworkingError::Kind::LivenessConnectionError);
+
+        reporter()->bestShotError(networking(web::NetworkingError::livenessQualityError()));
+        QTRY_COMPARE(host->count(), 4);
+        error = *host->last().error;
+        QCOMPARE(error.kind(), ZMCameraError::Case::error);
+        QCOMPARE(platform::errorCast<web::NetworkingError>(error.errorValue().get())->kind(),
+                 web::NetworkingError::Kind::LivenessQualityError);
+
+        reporter()->bestShotError(std::make_shared<platform::ErrorObject>(QStringLiteral("Other"), 1000));
+        QTRY_COMPARE(host->count(), 5);
+        QCOMPARE(host->last().error->kind(), ZMCameraError::Case::error);
+        QVERIFY(!screen->closedByUser());
+    }
+
+    // ------------------------------------------------- best shot, endings
+
+    void bestShotEndsTheSessionWithTheRecordedVideo()
+    {
+        present(true);
+        reporter()->bestShotError(detectorError(1010));
+        QTRY_VERIFY(banner()->isVisible());
+        auto shot = std::make_shared<core::ZCBestShot>(QImage(8, 8, QImage::Format_RGB32), QRectF(), core::ZCQualityScore{},
+                                                       platform::MediaTime());
+        // Reported from another thread, as the detector does.
+        std::atomic<bool> acknowledged{false};
+        std::thread([&, delegate = reporter()] { acknowledged = delegate->bestShot(shot); }).join();
+        QVERIFY(acknowledged);
+        QVERIFY(!screen->closedByUser());
+        QTRY_COMPARE(host->count(), 1);
+        QCOMPARE(host->last().bestShot, core::ZCBestShotPtr(shot));
+        QCOMPARE(host->last().videoFile, screen->captureManager()->videoFile());
+        QVERIFY(host->last().videoFile->endsWith(QStringLiteral("bright_fold/ZMRecordedVideo.mp4")));
+        QVERIFY(!banner()->isVisible());
+    }
+
+    void closeCancelsEachTimeItIsClicked()
+    {
+        int dismissCalls = 0;
+        present();
+        screen->setDismissHandler([&] { ++dismissCalls; });
+        QTest::mouseClick(screen->closeButton(), Qt::LeftButton);
+        QTRY_COMPARE(host->count(), 1);
+        QTest::mouseClick(screen->closeButton(), Qt::LeftButton);
+        QTRY_COMPARE(host->count(), 2);
+        for (const Outcome& outcome : host->outcomes())
+            QCOMPARE(outcome.error->kind(), ZMCameraError::Case::canceled);
+        QVERIFY(screen->closedByUser());
+        QTest::keyClick(screen->closeButton(), Qt::Key_Escape);
+        QTRY_COMPARE(host->count(), 3);
+        QCOMPARE(host->last().error->kind(), ZMCameraError::Case::canceled);
+        QCOMPARE(dismissCalls, 0);
+    }
+
+    void outcomesAreDroppedOnceTheHostLetsGo()
+    {
+        present();
+        std::weak_ptr<HostDelegate> watch = host;
+        host.reset();
+        QVERIFY(watch.expired());
+        QTest::mouseClick(screen->closeButton(), Qt::LeftButton);
+        report(1000);
+        // Both endings run their stop and find nobody to tell.
+        QTRY_VERIFY(!screen->closedByUser());
+        screen->captureManager()->captureSessionQueue()->sync([] {});
+        host = std::make_shared<HostDelegate>();
+    }
+
+    void refusedPermissionEndsWithItsStatus()
+    {
+        permission.reset();
+        permission = std::make_unique<PermissionScope>(AuthorizationStatus::Denied);
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, true));
+        screen->view()->show();
+        QTRY_COMPARE(host->count(), 1);
+        QCOMPARE(host->last().error->kind(), ZMCameraError::Case::accessStatus);
+        QCOMPARE(host->last().error->authorizationStatus(), AuthorizationStatus::Denied);
+        // The session never ran: the stop completes on the main thread, with
+        // the path the recording would have had.
+        QCOMPARE(host->last().thread, QStringLiteral("main"));
+        QVERIFY(host->last().videoFile->endsWith(QStringLiteral("bright_fold/ZMRecordedVideo.mp4")));
+        QVERIFY(!screen->closedByUser());
+        QCOMPARE(detector->launches, 0);
+    }
+
+    // ------------------------------------------- liveness and recording
+
+    void busyIndicatorFollowsLivenessAndSaving()
+    {
+        present();
+        QWidget* busy = screen->livenessActivity();
+        reporter()->livenessIsActive(true);
+        QTRY_VERIFY(busy->isVisible());
+        reporter()->livenessIsActive(false);
+        QTRY_VERIFY(!busy->isVisible());
+        std::thread([s = screen] { s->videoSaveProcessBegan(); }).join();
+        QTRY_VERIFY(busy->isVisible());
+        std::thread([s = screen] { s->videoSavedWithError(nullptr); }).join();
+        QTRY_VERIFY(!busy->isVisible());
+    }
+
+    void videoIsDeletedOnlyWithoutAFace_data()
+    {
+        QTest::addColumn<bool>("saveOnlyFaceVideo");
+        QTest::addColumn<bool>("faceFound");
+        QTest::addColumn<bool>("deleted");
+        QTest::newRow("face-only, none seen") << true << false << true;
+        QTest::newRow("face-only, face seen") << true << true << false;
+        QTest::newRow("keep all") << false << false << false;
+    }
+
+    void videoIsDeletedOnlyWithoutAFace()
+    {
+        QFETCH(bool, saveOnlyFaceVideo);
+        QFETCH(bool, faceFound);
+        QFETCH(bool, deleted);
+        configuration->saveOnlyFaceVideo = saveOnlyFaceVideo;
+        present();
+        detector->face = faceFound;
+        // Asked from a recorder thread while the main thread keeps running.
+        auto answer = std::async(std::launch::async, [s = screen] { return s->shouldDeleteResultingVideo(); });
+        QTRY_VERIFY(answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready);
+        QCOMPARE(answer.get(), deleted);
+    }
+
+    // ------------------------------------------------- frames, lifetime
+
+    void framesReachTheDetectorOnTheMainThreadAndReleaseIsClean()
+    {
+        platform::CaptureDeviceRegistry::shared().registerDevice(platform::SyntheticCaptureDevice::create());
+        present();
+        QTRY_VERIFY(detector->frames > 3);
+        QVERIFY(!detector->framesOffMain);
+        // Let go while frames are flowing: the frame queue may be waiting in
+        // its hop to the main queue.
+        auto manager = std::weak_ptr<ZMCameraCaptureManager>(screen->captureManager());
+        QVERIFY(releaseScreen(screen));
+        QTRY_VERIFY(manager.expired());
+        QCOMPARE(host->count(), 0);
+    }
+
+    void releasedBeforeCaptureIsConfigured()
+    {
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, false));
+        screen->view()->show();
+        // The configuration task still holds the screen; it must end on the
+        // main thread once that task lets go.
+        QVERIFY(releaseScreen(screen));
+    }
+};
+
+int main(int argc, char** argv)
+{
+    QApplication app(argc, argv);
+    TstScreenFlow test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_screen_flow.moc"
