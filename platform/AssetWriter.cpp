@@ -94,6 +94,9 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
     // Pictures: a slot belongs to the appender while it is off freeSlots and
     // before its encode block is queued, to the encode queue afterwards.
     std::vector<ffmpeg::AVFrameUPtr> pictures;
+    // The writer held for each slot whose encode block is queued, so that the
+    // block itself needs only a plain pointer (see appendPixelBuffer).
+    std::vector<std::shared_ptr<Private>> queuedSlotOwners;
 
     // Muxing and encoding, only on encodeQueue once writing started.
     ffmpeg::OutputFormatContextUPtr output;
@@ -503,7 +506,15 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
         return false;
     }
     lastTicks = ticks;
-    core->encodeQueue->async([core, slot, ticks] { core->encode(slot, ticks); });
+    // A block capturing the shared writer, the slot and the time would not
+    // fit std::function's inline storage and cost an allocation per frame.
+    // The slot holds the writer instead and the picture carries its time.
+    picture->pts = ticks;
+    core->queuedSlotOwners[size_t(slot)] = core;
+    core->encodeQueue->async([writer = core.get(), slot] {
+        const auto keepAlive = std::move(writer->queuedSlotOwners[size_t(slot)]);
+        writer->encode(slot, writer->pictures[size_t(slot)]->pts);
+    });
     return true;
 }
 
@@ -647,6 +658,7 @@ bool AssetWriter::startWriting()
         }
         d->pictures.push_back(std::move(picture));
     }
+    d->queuedSlotOwners.resize(d->pictures.size());
     d->encodeQueue = DispatchQueue::create(QStringLiteral("zavo.platform.AssetWriter.encode"));
     {
         std::lock_guard lock(d->mutex);
