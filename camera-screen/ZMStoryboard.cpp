@@ -3,6 +3,7 @@
 #include "camera-screen/ZMBundleLink.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 
+#include <algorithm>
 #include <functional>
 
 namespace zavo {
