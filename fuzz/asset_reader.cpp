@@ -8,7 +8,7 @@
 
 #include <QCryptographicHash>
 #include <chrono>
-#include <future>
+#include <condition_variable>
 #include <mutex>
 
 using namespace zavo;
@@ -76,19 +76,19 @@ void readEveryFrame(const QString& path)
     reader->cancelReading();
 }
 
-/// What one compression reported. Shared with the completion, which may come
-/// a second time after the harness has moved on (failure, then success).
+/// What one compression reported, up to its last report.
 struct Outcome {
     std::mutex mutex;
-    std::promise<CompressionResult> first;
-    bool reported = false;
+    std::condition_variable changed;
+    std::vector<CompressionResult> reports;
+    bool done = false;
 };
 
 void compressCopy(const uint8_t* data, size_t size)
 {
     static int run = 0;
-    // Each run in a folder of its own: a late second report of a previous
-    // run can never meet this run's files.
+    // Each run in a folder of its own, removed one run later: work that
+    // outlives its last report never meets the next run's files.
     const QString folder = fuzz::scratchPath() + QStringLiteral("/compress-%1").arg(run++);
     QDir(folder).removeRecursively();
     QDir().mkpath(folder);
@@ -98,20 +98,25 @@ void compressCopy(const uint8_t* data, size_t size)
 
     auto compressor = ZMVideoCompresion::create();
     auto outcome = std::make_shared<Outcome>();
-    auto reported = outcome->first.get_future();
-    compressor->compressFile(input, output, [outcome](CompressionResult result) {
+    compressor->compressFile(input, output, [outcome, input](CompressionResult result) {
+        // A failure after the swap began (the input is gone by then) is
+        // followed at once by a success; any other report is the last one.
+        const bool last = result == CompressionResult::success || QFile::exists(input);
         std::lock_guard lock(outcome->mutex);
-        if (!outcome->reported) {
-            outcome->reported = true;
-            outcome->first.set_value(result);
-        }
+        outcome->reports.push_back(result);
+        outcome->done = outcome->done || last;
+        outcome->changed.notify_all();
     });
+    std::unique_lock lock(outcome->mutex);
     // A compression that never reports leaves the camera screen waiting for
     // ever: that is a fault to find, not a slow input.
-    if (reported.wait_for(std::chrono::seconds(20)) != std::future_status::ready)
+    if (!outcome->changed.wait_for(lock, std::chrono::seconds(20), [&] { return outcome->done; }))
         fuzz::fail("the compression never reported");
-    if (reported.get() == CompressionResult::success && !QFile::exists(input))
+    // A lone success promises the re-encoded file in the input's place;
+    // failure then success is a swap that failed half-way and promises nothing.
+    if (outcome->reports == std::vector{CompressionResult::success} && !QFile::exists(input))
         fuzz::fail("success reported without a file at the input's path");
+    lock.unlock();
     // The previous run's folder is finished with by now.
     if (run > 1)
         QDir(fuzz::scratchPath() + QStringLiteral("/compress-%1").arg(run - 2)).removeRecursively();
