@@ -3,6 +3,8 @@
 // does with the detector's reports is in ZMCameraViewControllerResults.cpp.
 #include "camera-screen/ZMCameraViewController_p.h"
 
+#include "camera-screen/ZMBundleLink.h"
+
 #include "platform/CaptureVideoPreviewView.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
@@ -181,6 +183,8 @@ ZMFaceDetectionViewProtocol& ZMCameraViewController::faceDetectionView()
 
 void ZMCameraViewController::loadView()
 {
+    // The form and the screen's own labels translate through the application.
+    ZMBundleLink::bundle().installTranslator();
     auto* root = new QWidget;
     ::Ui::ZMCameraViewController form;
     form.setupUi(root);

@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QLocale>
+#include <QPointer>
 #include <QTranslator>
 #include <mutex>
 
@@ -14,6 +15,7 @@ struct Bundle::Translations {
     std::once_flag loaded;
     QTranslator translator;
     bool hasTable = false;
+    QPointer<QCoreApplication> installedIn;  // main thread only
 };
 
 Bundle::Bundle(QString identifier, QString resourceRoot, QString translationBase)
@@ -85,6 +87,17 @@ QString Bundle::localizedString(const QString& key, const QString& value, const 
     if (!translated.isEmpty())
         return translated;
     return value.isEmpty() ? key : value;
+}
+
+void Bundle::installTranslator() const
+{
+    QCoreApplication* app = QCoreApplication::instance();
+    if (isMain_ || !app || !translator() || translations_->installedIn == app)
+        return;
+    // The application does not own installed translators; the bundle's table
+    // outlives every application object of the process.
+    QCoreApplication::installTranslator(&translations_->translator);
+    translations_->installedIn = app;
 }
 
 std::optional<QVariantMap> Bundle::infoDictionary() const

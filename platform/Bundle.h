@@ -38,6 +38,11 @@ public:
     /// The translation of key in table ("Localizable" when empty). A missing
     /// entry yields value when it is not empty, otherwise the key itself.
     QString localizedString(const QString& key, const QString& value = {}, const QString& table = {}) const;
+    /// Makes the bundle's string table visible to QCoreApplication::translate,
+    /// through which Designer forms translate their texts, for the life of
+    /// the current application object. Idempotent. Main thread; needs an
+    /// application object. Nothing to do for the main bundle.
+    void installTranslator() const;
     /// Host information: "CFBundleName", "CFBundleShortVersionString",
     /// "CFBundleVersion", "CFBundleIdentifier". For the main bundle they are
     /// the application object's dynamic properties of those names, falling

@@ -10,4 +10,16 @@
     <message><source>errors.bad_quality</source><translation>Das Sitzungsvideo konnte nicht komprimiert werden.</translation></message>
     <message><source>errors.multiple_faces_detected</source><translation>Mehr als ein Gesicht ist im Bild. Achten Sie darauf, dass nur Sie vor der Kamera sind.</translation></message>
 </context>
+<context>
+    <name>ZMCameraViewController</name>
+    <message><source>Camera</source><translation>Kamera</translation></message>
+    <message><source>Live camera view that takes a photo of your face</source><translation>Live-Kamerabild, das ein Foto Ihres Gesichts aufnimmt</translation></message>
+    <message><source>Working</source><translation>In Arbeit</translation></message>
+    <message><source>Shown while your face is checked or the video is saved</source><translation>Wird angezeigt, während Ihr Gesicht geprüft oder das Video gespeichert wird</translation></message>
+    <message><source>Switch camera</source><translation>Kamera wechseln</translation></message>
+    <message><source>Switches between the front and the back camera</source><translation>Wechselt zwischen der vorderen und der hinteren Kamera</translation></message>
+    <message><source>Close</source><translation>Schließen</translation></message>
+    <message><source>Stops the camera without taking a photo</source><translation>Beendet die Kamera, ohne ein Foto aufzunehmen</translation></message>
+    <message><source>Message</source><translation>Meldung</translation></message>
+</context>
 </TS>

@@ -4,30 +4,40 @@
 #include "zavocore/ZavoCore.h"
 #include "zavoweb/ZavoWeb.h"
 
+#include <QCoreApplication>
 #include <QFile>
-#include <QMap>
+#include <QList>
 #include <QTest>
 #include <QXmlStreamReader>
 
 namespace {
 
-// key -> English text, read from a string table's source file.
-QMap<QString, QString> englishTable(const QString& path)
+struct Entry {
+    QString context;
+    QString key;
+    QString english;
+};
+
+// Every entry of a string table's source file.
+QList<Entry> englishTable(const QString& path)
 {
-    QMap<QString, QString> table;
+    QList<Entry> table;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return table;
     QXmlStreamReader xml(&file);
+    QString context;
     QString source;
     while (!xml.atEnd()) {
         xml.readNext();
         if (!xml.isStartElement())
             continue;
-        if (xml.name() == QLatin1String("source"))
+        if (xml.name() == QLatin1String("name"))
+            context = xml.readElementText();
+        else if (xml.name() == QLatin1String("source"))
             source = xml.readElementText();
         else if (xml.name() == QLatin1String("translation"))
-            table.insert(source, xml.readElementText());
+            table.append({context, source, xml.readElementText()});
     }
     return table;
 }
@@ -53,13 +63,22 @@ private slots:
         QFETCH(int, bundle);
         const zavo::platform::Bundle* bundles[] = {&zavo::ZMBundleLink::bundle(), &zavo::core::zavoCoreBundle(),
                                                    &zavo::web::zavoWebBundle()};
-        const QMap<QString, QString> english = englishTable(QStringLiteral(ZAVO_SOURCE_DIR "/") + table);
+        const QList<Entry> english = englishTable(QStringLiteral(ZAVO_SOURCE_DIR "/") + table);
         QVERIFY2(!english.isEmpty(), qPrintable(table));
-        for (auto it = english.cbegin(); it != english.cend(); ++it) {
-            const QString german = bundles[bundle]->localizedString(it.key());
+        for (const Entry& entry : english) {
+            const QString german = bundles[bundle]->localizedString(entry.key, {}, entry.context);
             // A missing entry falls back to the key; a copied one to English.
-            QVERIFY2(german != it.key() && german != it.value(), qPrintable(it.key()));
+            QVERIFY2(german != entry.key && german != entry.english, qPrintable(entry.context + u'/' + entry.key));
         }
+    }
+
+    // The screen's form translates through the application, not the bundle.
+    void formTextsTranslateOnceInstalled()
+    {
+        QCOMPARE(QCoreApplication::translate("ZMCameraViewController", "Close"), QStringLiteral("Close"));
+        zavo::ZMBundleLink::bundle().installTranslator();
+        zavo::ZMBundleLink::bundle().installTranslator();
+        QCOMPARE(QCoreApplication::translate("ZMCameraViewController", "Close"), QStringLiteral("Schließen"));
     }
 
     void umlautsSurviveTheTable()
