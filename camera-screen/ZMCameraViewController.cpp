@@ -19,8 +19,11 @@
 #include <QCoreApplication>
 #include <QKeyEvent>
 #include <QPainter>
-#include <QPropertyAnimation>
 #include <QPushButton>
+#include <QVariantAnimation>
+
+#include <algorithm>
+#include <cmath>
 
 namespace zavo {
 
@@ -40,6 +43,13 @@ QPixmap tinted(const QPixmap& image, const QColor& color)
     painter.fillRect(QRectF(QPointF(0, 0), tintedImage.deviceIndependentSize()), color);
     painter.end();
     return QPixmap::fromImage(tintedImage);
+}
+
+/// True when no edge of a is a whole pixel away from the same edge of b.
+bool withinAPixel(const QRectF& a, const QRectF& b)
+{
+    const double gaps[] = {a.left() - b.left(), a.top() - b.top(), a.right() - b.right(), a.bottom() - b.bottom()};
+    return std::all_of(std::begin(gaps), std::end(gaps), [](double gap) { return std::abs(gap) < 1.0; });
 }
 
 /// Deletes the screen on the main queue: it owns widgets, and its last holder
@@ -367,13 +377,29 @@ void ZMCameraViewController::moveFaceFrame(const QRectF& rect)
     }
     face->show();
     if (!faceAnimation_) {
-        faceAnimation_ = new QPropertyAnimation(face, "geometry", face);
+        // Animated in fractional pixels: whole-pixel steps would truncate the
+        // last pixels of every short move and leave the frame short of it.
+        faceAnimation_ = new QVariantAnimation(face);
         faceAnimation_->setDuration(150);
-        faceAnimation_->setEasingCurve(QEasingCurve::InOutQuad);
+        QObject::connect(faceAnimation_, &QVariantAnimation::valueChanged, face,
+                         [face](const QVariant& value) { face->setGeometry(value.toRectF().toRect()); });
     }
+    // Rectangles come with every analysed frame, faster than a move lasts.
+    // Starting each over with a slow start would keep the frame behind the
+    // face for good; a move already under way instead heads for the new
+    // rectangle from where the frame is, decelerating, so it closes in.
+    const bool underWay = faceAnimation_->state() == QAbstractAnimation::Running;
+    const QRectF from = underWay ? faceAnimation_->currentValue().toRectF() : QRectF(face->geometry());
     faceAnimation_->stop();
-    faceAnimation_->setStartValue(face->geometry());
-    faceAnimation_->setEndValue(rect.toRect());
+    // Closing in never quite ends while the face keeps being reported: the
+    // last pixel is a jump.
+    if (withinAPixel(from, rect)) {
+        face->setGeometry(rect.toRect());
+        return;
+    }
+    faceAnimation_->setEasingCurve(underWay ? QEasingCurve::OutQuad : QEasingCurve::InOutQuad);
+    faceAnimation_->setStartValue(from);
+    faceAnimation_->setEndValue(rect);
     faceAnimation_->start();
 }
 

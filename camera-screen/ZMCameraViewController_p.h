@@ -31,7 +31,7 @@
 #include <type_traits>
 
 class QAbstractButton;
-class QPropertyAnimation;
+class QVariantAnimation;
 
 namespace zavo {
 
@@ -224,7 +224,7 @@ private:
     detail::OwnedView<QPushButton> closeButton_;
 
     QPointer<QWidget> previewView_;
-    QPointer<QPropertyAnimation> faceAnimation_;
+    QPointer<QVariantAnimation> faceAnimation_;
     bool viewSetUp_ = false;
 };
 

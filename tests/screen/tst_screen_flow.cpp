@@ -14,7 +14,9 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QLabel>
-#include <QPropertyAnimation>
+#include <QSignalSpy>
+#include <QTimer>
+#include <QVariantAnimation>
 #include <QPushButton>
 
 #include <future>
@@ -285,22 +287,109 @@ private slots:
         QVERIFY(dynamic_cast<ZMVideoStreamNotificationView*>(&screen->notificationView()));
     }
 
-    void faceRectangleMovesAndHidesTheFrame()
+    void faceFrameMovesFromRestWithTheDefaultCurve()
     {
         present();
         QWidget* face = screen->faceDetectionView().widget();
         reporter()->detectionRect(QRectF(40, 60, 120, 150), QSizeF(720, 1280));
-        QTRY_VERIFY(face->findChild<QPropertyAnimation*>());
-        auto* animation = face->findChild<QPropertyAnimation*>();
+        QTRY_VERIFY(face->findChild<QVariantAnimation*>());
+        auto* animation = face->findChild<QVariantAnimation*>();
         QVERIFY(face->isVisible());
         QCOMPARE(animation->duration(), 150);
+        QCOMPARE(animation->easingCurve().type(), QEasingCurve::InOutQuad);
         QTRY_COMPARE(face->geometry(), QRect(40, 60, 120, 150));
+        QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+    }
 
-        reporter()->detectionRect(QRectF(80, 60, 120, 150), {});
+    // Rectangles arrive every frame, well within one move: the frame must
+    // still land on a face that stays put, to the pixel.
+    void faceFrameArrivesOnATargetThatKeepsBeingReported()
+    {
+        present();
+        QWidget* face = screen->faceDetectionView().widget();
+        reporter()->detectionRect(QRectF(10, 10, 60, 80), {});
+        QTRY_COMPARE(face->geometry(), QRect(10, 10, 60, 80));
+
+        const QRectF target(203.4, 311.6, 121.2, 149.7);
+        QTimer reports;
+        reports.setInterval(33);
+        QObject::connect(&reports, &QTimer::timeout, [&] { reporter()->detectionRect(target, {}); });
+        reports.start();
+        QTRY_COMPARE(face->geometry(), target.toRect());
+        // Still there while reports keep coming (the move is under way or done).
+        for (int i = 0; i < 5; ++i) {
+            QSignalSpy tick(&reports, &QTimer::timeout);
+            QVERIFY(tick.wait());
+            QCOMPARE(face->geometry(), target.toRect());
+        }
+    }
+
+    void faceFrameFollowsAMovingFace()
+    {
+        present();
+        QWidget* face = screen->faceDetectionView().widget();
+        QRectF target(0, 100, 100, 120);
+        QTimer reports;
+        reports.setInterval(33);
+        QObject::connect(&reports, &QTimer::timeout, [&] {
+            target.translate(6, 0);
+            reporter()->detectionRect(target, {});
+            if (target.left() >= 180)
+                reports.stop();
+        });
+        reports.start();
+        // Close behind while it moves (restarting each move from rest kept
+        // it some ten reports behind)...
+        QTRY_VERIFY(target.left() >= 90);
+        QVERIFY2(std::abs(face->x() - target.left()) < 30, qPrintable(QString::number(face->x())));
+        // ...and on the face once it stops.
+        QTRY_VERIFY(!reports.isActive());
+        QTRY_COMPARE(face->geometry(), target.toRect());
+    }
+
+    void zeroRectangleHidesTheFrameWithoutAnimating()
+    {
+        present();
+        QWidget* face = screen->faceDetectionView().widget();
+        reporter()->detectionRect(QRectF(40, 60, 120, 150), {});
+        QTRY_COMPARE(face->geometry(), QRect(40, 60, 120, 150));
+        reporter()->detectionRect(QRectF(140, 260, 120, 150), {});
+        auto* animation = face->findChild<QVariantAnimation*>();
         QTRY_COMPARE(animation->state(), QAbstractAnimation::Running);
+
         reporter()->detectionRect(QRectF(), {});
         QTRY_VERIFY(!face->isVisible());
         QCOMPARE(animation->state(), QAbstractAnimation::Stopped);
+        const QRect left = face->geometry();
+        QVERIFY(left.width() > 0 && left != QRect(140, 260, 120, 150));
+        // The next face moves the frame from where it was left, not from a
+        // zero rectangle.
+        reporter()->detectionRect(QRectF(140, 260, 120, 150), {});
+        QTRY_VERIFY(face->isVisible());
+        QCOMPARE(animation->startValue().toRectF(), QRectF(left));
+    }
+
+    // Messages on live video are light; the banner keeps the platform's text
+    // colour, so the overlay it sits in must make that colour light.
+    void bannerTextIsLightOnTheOverlay()
+    {
+        present();
+        auto* label = banner()->findChild<QLabel*>(QStringLiteral("notificationLabel"));
+        QVERIFY(label);
+        report(long(core::ZCErrorCode::FaceSize));
+        QTRY_VERIFY(banner()->isVisible());
+        QVERIFY(label->palette().color(label->foregroundRole()).lightness() > 200);
+        // Text the application shows elsewhere keeps the platform default.
+        QLabel outside;
+        QCOMPARE(outside.palette().color(QPalette::WindowText), QApplication::palette().color(QPalette::WindowText));
+    }
+
+    void customizerBannerInheritsTheLightText()
+    {
+        present(false, customizer);
+        QLabel* label = customizer->banner;
+        QVERIFY(label->palette().color(QPalette::Active, label->foregroundRole()).lightness() > 200);
+        QVERIFY(label->palette().color(QPalette::Inactive, label->foregroundRole()).lightness() > 200);
     }
 
     // ----------------------------------------------------- detector errors
