@@ -15,10 +15,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INST
 
 # The string tables are compiled into the libraries; the .qm files are also
 # installed so that packagers and translators can see what ships.
-install(DIRECTORY ${CMAKE_BINARY_DIR}/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations
-  FILES_MATCHING PATTERN "*.qm"
-  PATTERN "CMakeFiles" EXCLUDE PATTERN "tests" EXCLUDE PATTERN "bench" EXCLUDE PATTERN "*_autogen" EXCLUDE
-  PATTERN "home-*" EXCLUDE)
+foreach(table resources/zavocamera zavocore/zavocore zavoweb/zavoweb)
+  foreach(language en de)
+    install(FILES ${CMAKE_BINARY_DIR}/${table}_${language}.qm
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations)
+  endforeach()
+endforeach()
 
 # One Debian package with the libraries, headers, CMake package, pkg-config
 # file, translations and the demo: `cpack --config build/CPackConfig.cmake`.

@@ -45,6 +45,7 @@ for target in "${targets[@]}"; do
   mkdir -p "$corpus" "$artifacts"
   cp fuzz/corpus/"$name"/* "$corpus"/
   options=(-max_total_time="$seconds" -max_len="$max_len" -timeout="$timeout" -rss_limit_mb=3072
+           -seed="${ZAVO_FUZZ_SEED:-0}"
            -artifact_prefix="$artifacts/" -print_final_stats=1)
   [ -f "fuzz/$name.dict" ] && options+=(-dict="fuzz/$name.dict")
   log="$work/$name.log"

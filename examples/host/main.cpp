@@ -1,9 +1,9 @@
 // The smallest useful host: shows the camera screen, prints how the session
 // ended and quits. With a video file as its argument it plays that file as the
 // front camera instead of using a webcam.
-#include <ZavoCamera/camera-screen/ZMCameraBuilder.h>
-#include <ZavoCamera/platform/DispatchQueue.h>
-#include <ZavoCamera/platform/FileCaptureDevice.h>
+#include <camera-screen/ZMCameraBuilder.h>
+#include <platform/DispatchQueue.h>
+#include <platform/FileCaptureDevice.h>
 
 #include <QApplication>
 #include <cstdio>
