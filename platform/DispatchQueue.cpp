@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -166,6 +167,7 @@ struct MainQueueState {
     RingQueue<std::function<void()>> ready;  // guarded by mutex
     int wakeFd = -1;
     QPointer<QSocketNotifier> notifier;       // GUI thread only
+    std::atomic<bool> applicationSeen{false};
 
     MainQueueState() : wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -205,10 +207,16 @@ struct MainQueueState {
     }
 };
 
+// Never destroyed. Blocks still queued when the process ends never run, and
+// destroying them during static destruction, after the application object is
+// gone, would run the destructors of GUI objects they hold (a screen whose
+// release was queued last) without an application. The process is ending, so
+// they are left in place, still reachable for the leak checker.
 MainQueueState& mainQueueState()
 {
-    static MainQueueState state;
-    return state;
+    alignas(MainQueueState) static unsigned char storage[sizeof(MainQueueState)];
+    static MainQueueState* state = std::construct_at(reinterpret_cast<MainQueueState*>(storage));
+    return *state;
 }
 
 // Runs in the QCoreApplication constructor, on the GUI thread, so the
@@ -216,6 +224,7 @@ MainQueueState& mainQueueState()
 void installMainQueueNotifier()
 {
     MainQueueState& state = mainQueueState();
+    state.applicationSeen.store(true);
     auto* notifier = new QSocketNotifier(state.wakeFd, QSocketNotifier::Read, QCoreApplication::instance());
     QObject::connect(notifier, &QSocketNotifier::activated, notifier, [] { mainQueueState().drain(); });
     state.notifier = notifier;
@@ -266,8 +275,13 @@ void DispatchQueue::async(Block block)
         state_->enqueue(std::move(block));
         return;
     }
-    mainContext();
-    mainQueueState().enqueue(std::move(block));
+    // Once the application object is gone the block is kept but never runs,
+    // as work handed to a GUI thread that has finished: background work that
+    // ends after the host shut down must not take the process with it.
+    MainQueueState& main = mainQueueState();
+    if (!main.applicationSeen.load() && !QCoreApplication::instance())
+        qFatal("zavo: the main queue needs a QCoreApplication");
+    main.enqueue(std::move(block));
 }
 
 void DispatchQueue::async(const std::shared_ptr<DispatchWorkItem>& item)
