@@ -2,23 +2,55 @@
 
 #include "platform/VideoFrameConverter.h"
 
-#include <QImage>
+#include <QPaintEvent>
 #include <QPainter>
+#include <mutex>
 
 namespace zavo::platform {
 
-/// What painting needs between frames: the converter and the BGRA buffer
-/// turned frames are drawn from (reused while the frame shape stays).
-struct CaptureVideoPreviewView::Painter {
+/// The state shared by the capture thread's listener, the convert queue and
+/// painting.
+struct CaptureVideoPreviewView::Conversion {
+    std::atomic<bool> pending{false};  // a conversion is queued and has not started
+
+    // Convert queue only.
     VideoFrameConverter converter;
     std::shared_ptr<PixelBufferPool> pool;
-    std::shared_ptr<PixelBuffer> converted;
-    SampleBuffer shown;  // keeps the pixels of image alive
-    QImage image;
+
+    std::mutex mutex;
+    std::shared_ptr<PixelBuffer> ready;  // guarded by mutex: the newest BGRA frame
+
+    /// The frame turned and mirrored as the preview shows it, in BGRA; null
+    /// when it cannot be converted.
+    std::shared_ptr<PixelBuffer> turned(const CaptureVideoPreviewLayer& layer,
+                                        const CaptureVideoPreviewLayer::Frame& frame)
+    {
+        const auto& source = frame.sample.imageBuffer();
+        if (!source)
+            return nullptr;
+        const auto connection = layer.connection();
+        const int rotation = connection ? CaptureConnection::rotationDegreesFor(connection->videoOrientation()) : 0;
+        const bool mirrored = connection && connection->mirrorsFramesFrom(frame.position);
+        if (source->pixelFormat() == PixelFormat::BGRA32 && rotation == 0 && !mirrored)
+            return source;  // shown as delivered: no conversion at all
+        const bool sideways = rotation == 90 || rotation == 270;
+        const int width = sideways ? source->height() : source->width();
+        const int height = sideways ? source->width() : source->height();
+        if (!pool || pool->attributes().width != width || pool->attributes().height != height)
+            pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
+        // The pool takes a buffer back once painting has let go of it, so a
+        // steady stream of frames cycles through the same few buffers.
+        std::shared_ptr<PixelBuffer> converted = pool ? pool->createPixelBuffer() : nullptr;
+        converter.setRotation(rotation);
+        converter.setMirrored(mirrored);
+        if (!converted || !converter.convert(*source, *converted))
+            return nullptr;
+        return converted;
+    }
 };
 
 CaptureVideoPreviewView::CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPreviewLayer> layer, QWidget* parent)
-    : QWidget(parent), layer_(std::move(layer)), painter_(std::make_unique<Painter>())
+    : QWidget(parent), layer_(std::move(layer)), conversion_(std::make_unique<Conversion>())
 {
     setAttribute(Qt::WA_OpaquePaintEvent);
     setAttribute(Qt::WA_NoSystemBackground);
@@ -27,17 +59,48 @@ CaptureVideoPreviewView::CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPre
         return;
     if (const QRectF frame = layer_->frame(); frame.isValid())
         setGeometry(frame.toAlignedRect());
-    listenerToken_ = layer_->addListener([this](CaptureVideoPreviewLayer::Change) {
-        if (updatePending_.exchange(true))
-            return;
-        QMetaObject::invokeMethod(this, &CaptureVideoPreviewView::layerChanged, Qt::QueuedConnection);
+    convertQueue_ = DispatchQueue::create(QStringLiteral("CaptureVideoPreviewView.convert"),
+                                          QualityOfService::UserInteractive);
+    listenerToken_ = layer_->addListener([this](CaptureVideoPreviewLayer::Change change) {
+        if (change == CaptureVideoPreviewLayer::Change::Geometry)
+            requestUpdate();
+        else if (!conversion_->pending.exchange(true))
+            convertQueue_->async([this] { convertNewest(); });
     });
 }
 
 CaptureVideoPreviewView::~CaptureVideoPreviewView()
 {
-    if (layer_)
-        layer_->removeListener(listenerToken_);
+    if (!layer_)
+        return;
+    // No new conversion is queued once the listener is gone; the one that may
+    // be under way uses this view, so it must be over before the view is.
+    layer_->removeListener(listenerToken_);
+    convertQueue_->sync([] {});
+}
+
+/// Any thread.
+void CaptureVideoPreviewView::requestUpdate()
+{
+    if (updatePending_.exchange(true))
+        return;
+    QMetaObject::invokeMethod(this, &CaptureVideoPreviewView::layerChanged, Qt::QueuedConnection);
+}
+
+void CaptureVideoPreviewView::convertNewest()
+{
+    // Cleared first: a frame that arrives from now on needs a conversion of
+    // its own, and gets one after this.
+    conversion_->pending.store(false);
+    std::shared_ptr<PixelBuffer> converted = conversion_->turned(*layer_, layer_->newestFrame());
+    if (!converted)
+        return;
+    {
+        std::lock_guard lock(conversion_->mutex);
+        std::swap(conversion_->ready, converted);
+    }
+    converted.reset();  // an unpainted frame goes back to its pool outside the lock
+    requestUpdate();
 }
 
 void CaptureVideoPreviewView::layerChanged()
@@ -72,62 +135,54 @@ void CaptureVideoPreviewView::placeImage(const QSizeF& imageSize, const QRectF& 
                     drawn);
 }
 
-bool CaptureVideoPreviewView::prepareImage(const CaptureVideoPreviewLayer::Frame& frame)
+/// Picks up the newest converted frame; false while there is none.
+bool CaptureVideoPreviewView::takeConverted()
 {
-    Painter& p = *painter_;
-    const auto& source = frame.sample.imageBuffer();
-    if (!source)
-        return false;
-    const auto connection = layer_->connection();
-    const int rotation = connection ? CaptureConnection::rotationDegreesFor(connection->videoOrientation()) : 0;
-    const bool mirrored = connection && connection->mirrorsFramesFrom(frame.position);
-
-    std::shared_ptr<PixelBuffer> bgra;
-    if (source->pixelFormat() == PixelFormat::BGRA32 && rotation == 0 && !mirrored) {
-        bgra = source;  // shown as delivered: no conversion at all
-    } else {
-        const bool turned = rotation == 90 || rotation == 270;
-        const int width = turned ? source->height() : source->width();
-        const int height = turned ? source->width() : source->height();
-        if (!p.pool || p.pool->attributes().width != width || p.pool->attributes().height != height)
-            p.pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
-        if (!p.pool)
-            return false;
-        // The pool hands back the previous buffer once the image lets go of it.
-        p.image = QImage();
-        p.converted.reset();
-        p.converted = p.pool->createPixelBuffer();
-        p.converter.setRotation(rotation);
-        p.converter.setMirrored(mirrored);
-        if (!p.converted || !p.converter.convert(*source, *p.converted))
-            return false;
-        bgra = p.converted;
+    std::shared_ptr<PixelBuffer> ready;
+    {
+        std::lock_guard lock(conversion_->mutex);
+        ready = conversion_->ready;
     }
-    p.shown = frame.sample;
-    // BGRA bytes are Qt's 32-bit xRGB on a little-endian machine; the image
-    // only points at the buffer.
-    p.image = QImage(bgra->baseAddress(), bgra->width(), bgra->height(), qsizetype(bgra->bytesPerRow()),
-                     QImage::Format_RGB32);
-    return true;
+    if (ready && ready != shown_) {
+        // BGRA bytes are Qt's 32-bit xRGB on a little-endian machine; the
+        // image only points at the buffer.
+        image_ = QImage(ready->baseAddress(), ready->width(), ready->height(), qsizetype(ready->bytesPerRow()),
+                        QImage::Format_RGB32);
+        shown_ = std::move(ready);
+        ++paintedFrames_;
+    }
+    return !image_.isNull();
 }
 
-void CaptureVideoPreviewView::paintEvent(QPaintEvent*)
+void CaptureVideoPreviewView::paintEvent(QPaintEvent* event)
 {
     QPainter painter(this);
-    painter.fillRect(rect(), Qt::black);
-    if (!layer_)
+    if (!layer_ || !takeConverted()) {
+        painter.fillRect(rect(), Qt::black);
         return;
-    const auto frame = layer_->newestFrame();
-    if (frame.sample.imageBuffer() != painter_->shown.imageBuffer() || painter_->image.isNull()) {
-        if (!prepareImage(frame))
-            return;
-        ++paintedFrames_;
     }
     QRectF source;
     QRectF target;
-    placeImage(painter_->image.size(), QRectF(rect()), layer_->videoGravity(), source, target);
-    painter.setRenderHint(QPainter::SmoothPixmapTransform);
-    painter.drawImage(target, painter_->image, source);
+    placeImage(image_.size(), QRectF(rect()), layer_->videoGravity(), source, target);
+    if (!target.contains(QRectF(rect())))
+        painter.fillRect(rect(), Qt::black);
+    // One image pixel to one device pixel is a copy: filtering would only
+    // cost time. The overlay's small moving views repaint small parts, so
+    // only those are drawn.
+    const double ratio = devicePixelRatioF();
+    const bool oneToOne = qFuzzyCompare(target.width() * ratio, source.width())
+        && qFuzzyCompare(target.height() * ratio, source.height());
+    painter.setRenderHint(QPainter::SmoothPixmapTransform, !oneToOne);
+    const double scaleX = source.width() / target.width();
+    const double scaleY = source.height() / target.height();
+    for (const QRect& dirty : event->region()) {
+        const QRectF part = QRectF(dirty) & target;
+        if (part.isEmpty())
+            continue;
+        const QRectF from(source.x() + (part.x() - target.x()) * scaleX, source.y() + (part.y() - target.y()) * scaleY,
+                          part.width() * scaleX, part.height() * scaleY);
+        painter.drawImage(part, image_, from);
+    }
 }
 
 }  // namespace zavo::platform

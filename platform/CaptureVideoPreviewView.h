@@ -5,10 +5,16 @@
 // that frame and paints the newest frame with the layer's gravity, turned and
 // mirrored by the layer's connection.
 //
-// Repaints are coalesced: however fast frames arrive, at most one repaint is
-// waiting on the GUI thread, and a frame is converted only when painted.
+// Frames are turned into BGRA on a queue of the view's own, never on the GUI
+// thread and never holding up the capture thread: a frame that arrives while
+// one is being converted waits, and only the newest waiting one is converted.
+// Repaints are coalesced the same way: however fast frames arrive, at most one
+// repaint is waiting on the GUI thread. Painting only draws, and only the
+// parts that need it.
 #include "platform/CaptureVideoPreviewLayer.h"
+#include "platform/DispatchQueue.h"
 
+#include <QImage>
 #include <QWidget>
 #include <atomic>
 #include <memory>
@@ -20,6 +26,7 @@ class CaptureVideoPreviewView : public QWidget {
 
 public:
     CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPreviewLayer> layer, QWidget* parent = nullptr);
+    /// Waits for a conversion under way to finish.
     ~CaptureVideoPreviewView() override;
 
     const std::shared_ptr<CaptureVideoPreviewLayer>& layer() const { return layer_; }
@@ -35,15 +42,23 @@ protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    struct Conversion;
+
+    void requestUpdate();
     void layerChanged();
-    bool prepareImage(const CaptureVideoPreviewLayer::Frame& frame);
+    void convertNewest();
+    bool takeConverted();
 
     const std::shared_ptr<CaptureVideoPreviewLayer> layer_;
+    const std::unique_ptr<Conversion> conversion_;
+    std::shared_ptr<DispatchQueue> convertQueue_;
     int listenerToken_ = 0;
     std::atomic<bool> updatePending_{false};
+
+    // GUI thread only.
+    std::shared_ptr<PixelBuffer> shown_;  // keeps the pixels of image_ alive
+    QImage image_;
     int paintedFrames_ = 0;
-    struct Painter;
-    std::unique_ptr<Painter> painter_;  // GUI thread only
 };
 
 }  // namespace zavo::platform
