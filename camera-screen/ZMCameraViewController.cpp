@@ -53,12 +53,14 @@ bool withinAPixel(const QRectF& a, const QRectF& b)
 }
 
 /// Deletes the screen on the main queue: it owns widgets, and its last holder
-/// may be a capture or detector thread.
+/// may be a capture or detector thread. Once the application has ended the
+/// main queue keeps the hand-over without running it, so widgets are never
+/// destroyed without an application.
 struct MainQueueDeleter {
     void operator()(ZMCameraViewController* screen) const
     {
         std::unique_ptr<ZMCameraViewController> owned(screen);
-        if (!QCoreApplication::instance() || DispatchQueue::main().isCurrent())
+        if (DispatchQueue::main().isCurrent())
             return;
         auto handOver = std::make_shared<std::unique_ptr<ZMCameraViewController>>(std::move(owned));
         DispatchQueue::main().async([handOver] { handOver->reset(); });
