@@ -16,6 +16,7 @@
 
 #include <QApplication>
 #include <QWidget>
+#include <malloc.h>
 
 using namespace zavo;
 using namespace zavo::demo;
@@ -26,6 +27,7 @@ void print(const char* when, int sessions, const ProcessCounters& counters, doub
 {
     std::printf("%-10s %3d sessions  threads %3d (+%d pooled)  fds %3d  rss %7.1f MiB  %6.1f s\n", when, sessions,
                 counters.threads, counters.pooledThreads, counters.fileDescriptors, counters.rssMiB, seconds);
+    std::fflush(stdout);
 }
 
 bool runSession(DetectorTiming& timing, int index)
@@ -51,9 +53,12 @@ bool runSession(DetectorTiming& timing, int index)
     return true;
 }
 
-// Threads of a released screen end on their own shortly after.
+// Threads of a released screen end on their own shortly after. Freed heap
+// is handed back to the system first, so that resident memory shows what is
+// still in use rather than what the allocator keeps for later.
 ProcessCounters settledCounters(const ProcessCounters& target)
 {
+    malloc_trim(0);
     bench::runUntil([&] {
         const ProcessCounters now = ProcessCounters::now();
         return now.threads <= target.threads && now.fileDescriptors <= target.fileDescriptors;
