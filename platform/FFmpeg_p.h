@@ -94,8 +94,15 @@ inline AVCodecContextUPtr makeCodecContext(const AVCodec* codec)
 /// on failure", so the context only becomes ours once the call succeeds.
 inline InputFormatContextUPtr openInput(const char* path, int* error)
 {
+    // Media files come from outside: a playlist inside one must not make the
+    // demuxer reach the network or anything but local files.
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file", 0);
     AVFormatContext* raw = nullptr;
-    *error = avformat_open_input(&raw, path, nullptr, nullptr);
+    // "options: On return this parameter will be destroyed and replaced with
+    // a dict containing options that were not found", so it is ours to free.
+    *error = avformat_open_input(&raw, path, nullptr, &options);
+    av_dict_free(&options);
     if (*error < 0)
         return nullptr;
     return InputFormatContextUPtr(raw);
