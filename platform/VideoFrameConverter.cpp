@@ -180,7 +180,11 @@ int blockFactor(int from, int to)
 // the baseline, picked on first use: byte reversal needs SSSE3's byte
 // shuffle to vectorise at all. (Not target_clones: its resolvers run before
 // the sanitizer runtimes are ready.)
+#if defined(__clang__)
+#define ZAVO_VECTORIZE  // clang's loop vectorizer already runs at -O2
+#else
 #define ZAVO_VECTORIZE optimize("tree-vectorize", "vect-cost-model=dynamic")
+#endif
 
 __attribute__((always_inline)) inline void reversePixelBytesLoop(uint8_t* pixels, int count)
 {
