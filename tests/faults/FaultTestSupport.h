@@ -1,0 +1,299 @@
+#pragma once
+// What the fault suites share: whole camera sessions driven through the
+// builder, a record of every log line, the recorder's reports as the screen
+// receives them, and the process's threads, descriptors and stray files
+// before and after a fault.
+#include "../screen/ScreenTestSupport.h"
+
+#include "capture/ZMCameraCaptureManager.h"
+#include "capture/ZMCameraCaptureProtocol.h"
+#include "platform/Asset.h"
+#include "platform/CaptureDevice.h"
+#include "platform/DispatchQueue.h"
+#include "platform/FileCaptureDevice.h"
+#include "platform/ProcessInfo.h"
+#include "zavocore/ZavoCore.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QRegularExpression>
+#include <QSet>
+
+#include <mutex>
+
+namespace zavo::testing {
+
+inline QString dataPath(const char* name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + QLatin1String(name); }
+
+/// Threads (Qt's pooled ones excepted: they expire on their own) and open
+/// descriptors of this process.
+struct ProcessCounters {
+    int threads = 0;
+    int fileDescriptors = 0;
+
+    static ProcessCounters now()
+    {
+        ProcessCounters counters;
+        const QDir tasks(QStringLiteral("/proc/self/task"));
+        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+            if (!comm.open(QIODevice::ReadOnly) || comm.readAll().trimmed() != "Thread (pooled)")
+                ++counters.threads;
+        }
+        counters.fileDescriptors =
+            int(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::System | QDir::NoDotAndDotDot).size());
+        return counters;
+    }
+    /// The threads' names, to name a leak.
+    static QStringList threadNames()
+    {
+        QStringList names;
+        const QDir tasks(QStringLiteral("/proc/self/task"));
+        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+            if (comm.open(QIODevice::ReadOnly))
+                names << QString::fromUtf8(comm.readAll().trimmed());
+        }
+        return names;
+    }
+    /// Where the descriptors point, to name a leak.
+    static QStringList openFiles()
+    {
+        QStringList targets;
+        QDirIterator it(QStringLiteral("/proc/self/fd"), QDir::System | QDir::NoDotAndDotDot);
+        while (it.hasNext())
+            targets << QFile::symLinkTarget(it.next());
+        return targets;
+    }
+};
+
+/// Every message logged while installed, passed on to Qt Test's own handler.
+/// Recorded rather than matched with QTest::ignoreMessage because the lines
+/// come from capture and recorder threads after the outcome, at moments the
+/// test does not control.
+class LogRecorder {
+public:
+    LogRecorder() { previous_ = qInstallMessageHandler(&LogRecorder::handle); }
+    ~LogRecorder() { qInstallMessageHandler(previous_); }
+    LogRecorder(const LogRecorder&) = delete;
+    LogRecorder& operator=(const LogRecorder&) = delete;
+
+    static LogRecorder& instance()
+    {
+        static LogRecorder recorder;
+        return recorder;
+    }
+    void clear()
+    {
+        std::lock_guard lock(mutex_);
+        lines_.clear();
+    }
+    QStringList lines() const
+    {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+    bool contains(const QString& exact) const { return lines().contains(exact); }
+    int count(const QRegularExpression& pattern) const
+    {
+        int n = 0;
+        for (const QString& line : lines())
+            n += pattern.match(line).hasMatch() ? 1 : 0;
+        return n;
+    }
+
+private:
+    static void handle(QtMsgType type, const QMessageLogContext& context, const QString& message)
+    {
+        LogRecorder& self = instance();
+        {
+            std::lock_guard lock(self.mutex_);
+            self.lines_ << message;
+        }
+        if (self.previous_)
+            self.previous_(type, context, message);
+    }
+    mutable std::mutex mutex_;
+    QStringList lines_;  // guarded by mutex_
+    QtMessageHandler previous_ = nullptr;
+};
+
+/// Stands between the capture manager and the screen: passes every recorder
+/// report on and counts them, so that a test can wait for the last one
+/// instead of guessing when the file is settled.
+class RecorderWatch final : public ZMCameraCaptureManagerDelegate {
+public:
+    explicit RecorderWatch(std::weak_ptr<ZMCameraCaptureManagerDelegate> screen) : screen_(std::move(screen)) {}
+
+    bool shouldDeleteResultingVideo() override
+    {
+        auto target = screen_.lock();
+        return target && target->shouldDeleteResultingVideo();
+    }
+    void videoSaveProcessBegan() override
+    {
+        ++began_;
+        if (auto target = screen_.lock())
+            target->videoSaveProcessBegan();
+    }
+    void videoSavedWithError(platform::ErrorPtr error) override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            saved_.push_back(error);
+        }
+        if (auto target = screen_.lock())
+            target->videoSavedWithError(std::move(error));
+    }
+
+    int began() const { return began_.load(); }
+    std::vector<platform::ErrorPtr> saved() const
+    {
+        std::lock_guard lock(mutex_);
+        return saved_;
+    }
+    /// The reports in short: "ok", "media" for an error of the media layer
+    /// (its code depends on what failed), else the error's code.
+    QStringList savedCodes() const
+    {
+        QStringList codes;
+        for (const auto& error : saved()) {
+            if (!error)
+                codes << QStringLiteral("ok");
+            else if (error->domain() == QLatin1String("zavo.platform.media"))
+                codes << QStringLiteral("media");
+            else
+                codes << QString::number(error->code());
+        }
+        return codes;
+    }
+
+private:
+    std::weak_ptr<ZMCameraCaptureManagerDelegate> screen_;
+    std::atomic<int> began_{0};
+    mutable std::mutex mutex_;
+    std::vector<platform::ErrorPtr> saved_;  // guarded by mutex_
+};
+
+enum class Recorder { FrameDump, MovieOutput };
+
+/// Chooses the recorder the way the capture manager does: by the platform's
+/// version.
+inline void useRecorder(Recorder recorder)
+{
+    if (recorder == Recorder::FrameDump)
+        platform::ProcessInfo::setOperatingSystemVersion({15, 0, 0});
+    else
+        platform::ProcessInfo::resetOperatingSystemVersion();
+}
+
+/// Reports of the recorder that end a session's video: the frame-dump
+/// recorder reports once, the movie-output recorder for the recording and
+/// again for its recompression.
+inline int finalReports(Recorder recorder) { return recorder == Recorder::FrameDump ? 1 : 2; }
+
+/// Waits until the threads and descriptors are back to before; on failure
+/// says which are left.
+#define ZAVO_COMPARE_COUNTERS(before)                                                                             \
+    do {                                                                                                           \
+        (void)QTest::qWaitFor([&] {                                                                                      \
+            const auto now = ProcessCounters::now();                                                               \
+            return now.threads == (before).threads && now.fileDescriptors == (before).fileDescriptors;             \
+        }, 10000);                                                                                                 \
+        const auto after = ProcessCounters::now();                                                                 \
+        QVERIFY2(after.threads == (before).threads, qPrintable(ProcessCounters::threadNames().join(u',')));        \
+        QVERIFY2(after.fileDescriptors == (before).fileDescriptors,                                                \
+                 qPrintable(ProcessCounters::openFiles().join(u',')));                                             \
+    } while (false)
+
+/// One session from the builder to the host's delegate.
+class Session {
+public:
+    std::shared_ptr<HostDelegate> host = std::make_shared<HostDelegate>();
+    std::shared_ptr<ZMCameraViewController> screen;
+    std::shared_ptr<RecorderWatch> watch;
+
+    void present(const core::ZCZavoConfigurationPtr& configuration,
+                 std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness, bool recordVideo)
+    {
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, std::move(liveness), nullptr, recordVideo));
+        QVERIFY(screen);
+        // Building the view makes the screen the manager's delegate; the
+        // permission answer, and so recording, comes later on the main queue.
+        QWidget* view = screen->view();
+        watch = std::make_shared<RecorderWatch>(std::weak_ptr<ZMCameraCaptureManagerDelegate>(screen));
+        screen->captureManager()->setDelegate(std::weak_ptr<ZMCameraCaptureManagerDelegate>(watch));
+        view->resize(360, 640);
+        view->show();
+    }
+    bool waitForOutcome(int timeoutMs = 30000) { return QTest::qWaitFor([&] { return host->count() > 0; }, timeoutMs); }
+    bool waitForReports(int reports, int timeoutMs = 30000)
+    {
+        return QTest::qWaitFor([&] { return int(watch->saved().size()) >= reports; }, timeoutMs);
+    }
+    /// Lets go of the screen; true when it and every queue of the session are gone.
+    bool release(int timeoutMs = 30000)
+    {
+        if (screen && !releaseScreen(screen, timeoutMs))
+            return false;
+        return QTest::qWaitFor([] { return platform::DispatchQueue::liveThreadCount() == 0; }, timeoutMs);
+    }
+};
+
+/// One whole session on the face clip, unrecorded, so that what lives for
+/// the rest of the process once a session has run (the detector's shared
+/// state, the media libraries' threads) is there before a test counts.
+inline bool warmUp()
+{
+    auto camera = platform::FileCaptureDevice::create(dataPath("A_zoom_blur_dark.mp4"), platform::CaptureDevicePosition::Front);
+    if (!camera)
+        return false;
+    platform::CaptureDeviceRegistry::shared().registerDevice(camera);
+    PermissionScope permission(platform::AuthorizationStatus::Authorized);
+    Session session;
+    session.present(std::make_shared<core::ZCZavoConfiguration>(), nullptr, false);
+    const bool ended = session.waitForOutcome() && session.release();
+    platform::CaptureDeviceRegistry::shared().unregisterAll();
+    return ended && !camera->isOpen();
+}
+
+/// Every file under the folders, with its path; a folder that cannot be
+/// listed gives nothing.
+inline QSet<QString> filesUnder(const QStringList& folders)
+{
+    QSet<QString> files;
+    for (const QString& folder : folders) {
+        QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext())
+            files.insert(it.next());
+    }
+    return files;
+}
+
+/// The names in a folder, hidden ones included, sorted.
+inline QStringList entriesOf(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+/// Frames a decoder reads from the file's video track (at most limit).
+inline int decodableFrames(const QString& path, int limit = 10)
+{
+    auto asset = platform::Asset::assetWithPath(path);
+    const auto tracks = asset->tracksWithMediaType(platform::MediaType::Video);
+    auto reader = platform::AssetReader::create(asset);
+    if (tracks.empty() || !reader)
+        return 0;
+    auto output = platform::AssetReaderTrackOutput::create(tracks.front());
+    reader->addOutput(output);
+    if (!reader->startReading())
+        return 0;
+    int frames = 0;
+    while (frames < limit && output->copyNextSampleBuffer().isValid())
+        ++frames;
+    return frames;
+}
+
+}  // namespace zavo::testing
