@@ -84,7 +84,10 @@ void CaptureVideoPreviewView::requestUpdate()
 {
     if (updatePending_.exchange(true))
         return;
-    QMetaObject::invokeMethod(this, &CaptureVideoPreviewView::layerChanged, Qt::QueuedConnection);
+    // By name, so that the queued call is built and freed inside Qt: a functor
+    // queued from the conversion thread would be our memory handed over
+    // through Qt's event-queue locks, which a thread checker cannot see.
+    QMetaObject::invokeMethod(this, "layerChanged", Qt::QueuedConnection);
 }
 
 void CaptureVideoPreviewView::convertNewest()

@@ -45,7 +45,7 @@ private:
     struct Conversion;
 
     void requestUpdate();
-    void layerChanged();
+    Q_INVOKABLE void layerChanged();
     void convertNewest();
     bool takeConverted();
 
