@@ -51,12 +51,24 @@ ffmpeg::InputFormatContextUPtr openMediaFile(const QString& path, ErrorPtr* erro
     return format;
 }
 
-MediaType mediaTypeOf(const AVStream* stream)
+/// Whether the file was opened as a still picture (a JPEG, a PNG, ...):
+/// FFmpeg reads those through its image demuxers as a one-frame video
+/// stream, but a photo is not a movie. Taken for one, it would play as a
+/// camera and be "recompressed" into an MP4 over the photo itself.
+bool isStillImage(const AVFormatContext* format)
+{
+    const QLatin1String name(format->iformat->name);
+    return name == QLatin1String("image2") || name.endsWith(QLatin1String("_pipe"));
+}
+
+MediaType mediaTypeOf(const AVFormatContext* format, const AVStream* stream)
 {
     switch (stream->codecpar->codec_type) {
     case AVMEDIA_TYPE_VIDEO:
         // Cover art in an audio file is a picture, not a video track.
-        return (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) ? MediaType::Other : MediaType::Video;
+        if (isStillImage(format) || (stream->disposition & AV_DISPOSITION_ATTACHED_PIC))
+            return MediaType::Other;
+        return MediaType::Video;
     case AVMEDIA_TYPE_AUDIO: return MediaType::Audio;
     default: return MediaType::Other;
     }
@@ -66,7 +78,7 @@ AssetTrack::Info trackInfoOf(const AVFormatContext* format, const AVStream* stre
 {
     AssetTrack::Info info;
     info.trackID = stream->index;
-    info.mediaType = mediaTypeOf(stream);
+    info.mediaType = mediaTypeOf(format, stream);
     info.codecName = QString::fromUtf8(avcodec_get_name(stream->codecpar->codec_id));
     info.naturalSize = QSize(stream->codecpar->width, stream->codecpar->height);
     AVRational rate = stream->avg_frame_rate.num > 0 ? stream->avg_frame_rate : stream->r_frame_rate;
