@@ -14,8 +14,10 @@
 #include "platform/FileCaptureDevice.h"
 #include "platform/FileSystem.h"
 #include "recording/ZMRecordingStorage.h"
+#include "recording/ZMVideoCompresion.h"
 
 #include <QApplication>
+#include <QProcess>
 #include <QScopeGuard>
 #include <QTemporaryDir>
 
@@ -28,6 +30,13 @@ using namespace zavo;
 using namespace zavo::testing;
 
 namespace {
+
+/// What a damaged input to the compressor is made of.
+enum class Damage {
+    CutToAThird,  // a clip whose last two thirds are gone (its index is at the front)
+    ZeroLength,   // an empty file
+    Photo,        // a JPEG photo: an image, not a video
+};
 
 enum class Fault {
     DocumentsMissing,   // Documents does not exist and cannot be made
@@ -108,6 +117,7 @@ private:
 
 Q_DECLARE_METATYPE(Recorder)
 Q_DECLARE_METATYPE(Fault)
+Q_DECLARE_METATYPE(Damage)
 
 class TstFaultsStorage : public QObject {
     Q_OBJECT
@@ -321,6 +331,86 @@ private slots:
         }
         QCOMPARE(filesUnder({temp}) - tempBefore, QSet<QString>{});
         ZAVO_COMPARE_COUNTERS(before);
+    }
+
+    void compressorKeepsWhatItCannotRead_data()
+    {
+        QTest::addColumn<Damage>("damage");
+        // What the compressor reports, and whether the file at the input's
+        // path is afterwards the re-encoded video (else it is left untouched).
+        QTest::addColumn<QList<CompressionResult>>("results");
+        QTest::addColumn<bool>("replaced");
+        using enum CompressionResult;
+        // Reading stops where the file does; what could be read is kept.
+        QTest::newRow("cut to a third") << Damage::CutToAThird << QList<CompressionResult>{success} << true;
+        QTest::newRow("zero length") << Damage::ZeroLength << QList<CompressionResult>{failure} << false;
+        QTest::newRow("photo") << Damage::Photo << QList<CompressionResult>{failure} << false;
+    }
+
+    void compressorKeepsWhatItCannotRead()
+    {
+        QFETCH(Damage, damage);
+        QFETCH(QList<CompressionResult>, results);
+        QFETCH(bool, replaced);
+        const QString folder = scratch.filePath(QStringLiteral("compress-") + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-'));
+        QVERIFY(QDir().mkpath(folder));
+        QByteArray content;
+        {
+            QFile source(dataPath(damage == Damage::Photo ? "matplotlib__grace_hopper.jpg" : "A_zoom_blur_dark.mp4"));
+            QVERIFY(source.open(QIODevice::ReadOnly));
+            content = source.readAll();
+        }
+        if (damage == Damage::CutToAThird)
+            content.truncate(content.size() / 3);
+        else if (damage == Damage::ZeroLength)
+            content.clear();
+        const QString input = folder + QStringLiteral("/ZMRecordedVideo.mp4");
+        QVERIFY(platform::writeFileAtomically(input, content));
+        const QString temp = QDir::tempPath();
+        const QSet<QString> tempBefore = filesUnder({temp});
+        const ProcessCounters before = ProcessCounters::now();
+
+        // In the process, the way the movie-output recorder calls it.
+        std::mutex mutex;
+        QList<CompressionResult> reported;
+        {
+            auto compressor = ZMVideoCompresion::create();
+            compressor->compressFile(input, folder + QStringLiteral("/recompressed.mp4"), [&](CompressionResult result) {
+                std::lock_guard lock(mutex);
+                reported << result;
+            });
+            QTRY_VERIFY_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount() == 0, 30000);
+        }
+        {
+            std::lock_guard lock(mutex);
+            QCOMPARE(reported, results);
+        }
+        QCOMPARE(entriesOf(folder), QStringList{QStringLiteral("ZMRecordedVideo.mp4")});
+        if (replaced) {
+            QVERIFY(decodableFrames(input) > 0);
+        } else {
+            QFile kept(input);
+            QVERIFY(kept.open(QIODevice::ReadOnly));
+            QVERIFY(kept.readAll() == content);
+        }
+        QCOMPARE(filesUnder({temp}) - tempBefore, QSet<QString>{});
+        ZAVO_COMPARE_COUNTERS(before);
+
+        // The command-line tool on a fresh copy: its exit status and line.
+        QVERIFY(platform::writeFileAtomically(input, content));
+        QProcess tool;
+        tool.start(QStringLiteral(ZAVO_COMPRESS_TOOL), {input});
+        QVERIFY(tool.waitForFinished(60000));
+        const bool succeeded = results.last() == CompressionResult::success;
+        QCOMPARE(tool.exitCode(), succeeded ? 0 : 1);
+        QCOMPARE(QString::fromUtf8(tool.readAllStandardOutput()),
+                 QStringLiteral("zavo-compress: %1: %2\n").arg(input, succeeded ? "success" : "failure"));
+        QCOMPARE(entriesOf(folder), QStringList{QStringLiteral("ZMRecordedVideo.mp4")});
+        if (!replaced) {
+            QFile kept(input);
+            QVERIFY(kept.open(QIODevice::ReadOnly));
+            QVERIFY(kept.readAll() == content);
+        }
     }
 };
 
