@@ -3,6 +3,8 @@
 #include "camera-screen/ZMBundleLink.h"
 #include "recording/ZMRecordingStorage.h"
 
+#include <QFile>
+
 namespace zavo {
 
 using namespace platform;
@@ -87,11 +89,19 @@ void ZMSaveVideoExService::captureOutputDidFinishRecording(CaptureMovieFileOutpu
     auto target = delegate();
     if (!target)
         return;  // no report, no recompression: the recorded file stays as it is
+    const QString recorded = fileURL.toLocalFile();
     target->videoFlushingDidEndWithError(error);
     target.reset();
+    // A delegate that wants no video deletes it as it hears of it. A
+    // recording that succeeded and is gone now was removed on purpose: there
+    // is nothing to recompress, and a compressor run on the missing file
+    // would only report a bad-quality failure that never happened. The
+    // reports then end as they do where no recompression exists.
+    if (!error && !QFile::exists(recorded))
+        return;
     // The compressor's report goes to whoever is the delegate by then.
     compressionService_->compressFileWithUrlToCompress(
-        fileURL.toLocalFile(), ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this()](long result) {
+        recorded, ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this()](long result) {
             ErrorPtr compressionError;
             if (result == rawValue(CompressionResult::failure))
                 compressionError = ZMRecordingStorage::badQualityError();
