@@ -333,6 +333,29 @@ private slots:
         ZAVO_COMPARE_COUNTERS(before);
     }
 
+    /// A host that keeps only videos with a face gets none from an empty
+    /// scene: the video is deleted once recorded, and that deletion is not
+    /// followed by a recompression failure or a failed second deletion.
+    void unwantedVideoIsDeletedQuietly()
+    {
+        platform::CaptureDeviceRegistry::shared().unregisterAll();
+        auto empty = platform::FileCaptureDevice::create(dataPath("E_no_face.mp4"), platform::CaptureDevicePosition::Front);
+        QVERIFY(empty);
+        platform::CaptureDeviceRegistry::shared().registerDevice(empty);
+        configuration->saveOnlyFaceVideo = true;
+        configuration->detector.stepTimeout = 1;
+        Session session;
+        session.present(configuration, nullptr, true);
+        QVERIFY(session.waitForOutcome());
+        QCOMPARE(session.host->last().error->kind(), ZMCameraError::Case::bestShotError);
+        QCOMPARE(session.host->last().videoFile, std::optional<QString>(videoPath));
+        QVERIFY(session.waitForReports(1));
+        QVERIFY(session.release());
+        QCOMPARE(session.watch->savedCodes(), QStringList{QStringLiteral("ok")});
+        QCOMPARE(entriesOf(documents + QStringLiteral("/bright_fold")), QStringList{});
+        QCOMPARE(LogRecorder::instance().count(QRegularExpression(QStringLiteral("^>>> Error while"))), 0);
+    }
+
     void compressorKeepsWhatItCannotRead_data()
     {
         QTest::addColumn<Damage>("damage");
