@@ -188,11 +188,6 @@ inline void useRecorder(Recorder recorder)
         platform::ProcessInfo::resetOperatingSystemVersion();
 }
 
-/// Reports of the recorder that end a session's video: the frame-dump
-/// recorder reports once, the movie-output recorder for the recording and
-/// again for its recompression.
-inline int finalReports(Recorder recorder) { return recorder == Recorder::FrameDump ? 1 : 2; }
-
 /// Waits until the threads and descriptors are back to before; on failure
 /// says which are left.
 #define ZAVO_COMPARE_COUNTERS(before)                                                                             \
