@@ -19,6 +19,7 @@
 #include <QCoreApplication>
 #include <QKeyEvent>
 #include <QPainter>
+#include <QPixmapCache>
 #include <QPushButton>
 #include <QVariantAnimation>
 
@@ -33,16 +34,25 @@ namespace {
 
 QString tr(const char* text) { return QCoreApplication::translate("ZMCameraViewController", text); }
 
-/// The image drawn in one flat colour, keeping its alpha (a template image
-/// with a tint colour).
-QPixmap tinted(const QPixmap& image, const QColor& color)
+/// The bundle image drawn in one flat colour, keeping its alpha (a template
+/// image with a tint colour). Kept in Qt's pixmap cache: a fresh pixmap per
+/// screen would give the button's icon new cache keys in every session, and
+/// the pixmaps Qt derives from it would pile up in that cache until its
+/// limit.
+QPixmap tintedImage(const QString& name, const QColor& color)
 {
-    QImage tintedImage = image.toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
-    QPainter painter(&tintedImage);
+    const QString key = QStringLiteral("zavocamera/tinted/%1/%2").arg(name, color.name(QColor::HexArgb));
+    QPixmap cached;
+    if (QPixmapCache::find(key, &cached))
+        return cached;
+    QImage image = zavoCameraImage(name).toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    QPainter painter(&image);
     painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
-    painter.fillRect(QRectF(QPointF(0, 0), tintedImage.deviceIndependentSize()), color);
+    painter.fillRect(QRectF(QPointF(0, 0), image.deviceIndependentSize()), color);
     painter.end();
-    return QPixmap::fromImage(tintedImage);
+    cached = QPixmap::fromImage(image);
+    QPixmapCache::insert(key, cached);
+    return cached;
 }
 
 /// True when no edge of a is a whole pixel away from the same edge of b.
@@ -269,7 +279,7 @@ void ZMCameraViewController::setupViews()
 void ZMCameraViewController::setupCloseButton()
 {
     QPushButton* button = closeButton_.get();
-    const QPixmap image = tinted(zavoCameraImage(QStringLiteral("close")), Qt::white);
+    const QPixmap image = tintedImage(QStringLiteral("close"), Qt::white);
     button->setIcon(QIcon(image));
     button->setIconSize(image.deviceIndependentSize().toSize());
     button->setFlat(true);
