@@ -1,6 +1,7 @@
 // zavo-compress INPUT: re-encodes a movie in place the way the recorder does
 // after a session (first video track only, 320x180 H.264, orientation kept),
 // with a progress bar when stderr is a terminal.
+#include "platform/DispatchQueue.h"
 #include "recording/ZMVideoCompresion.h"
 
 #include <QCoreApplication>
@@ -37,7 +38,10 @@ void drawProgress(Outcome& outcome, double fraction)
     std::fflush(stderr);
 }
 
-void quitSoon() { QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit, Qt::QueuedConnection); }
+/// Called on the compressor's threads. The main queue hands the call over
+/// under a lock of ours, so the thread checker sees the outcome's writes
+/// ordered before main() reads them.
+void quitSoon() { zavo::platform::DispatchQueue::main().async([] { QCoreApplication::quit(); }); }
 
 }  // namespace
 
