@@ -33,10 +33,21 @@ public:
         , frameDurationNs_(int64_t(1e9 / format->captureFrameRate()))
         , description_(std::make_shared<const FormatDescription>(PixelFormat::NV12VideoRange, width_, height_))
     {
-        device_->openStreams_.fetch_add(1);
     }
 
-    ~FileStream() override { device_->openStreams_.fetch_sub(1); }
+    ~FileStream() override
+    {
+        if (counted_)
+            device_->openStreams_.fetch_sub(1);
+    }
+
+    /// Counted as open only once the file is, so that a watcher who sees
+    /// the camera open knows the file has been read from.
+    void countAsOpen()
+    {
+        counted_ = true;
+        device_->openStreams_.fetch_add(1);
+    }
 
     /// Opens the reader for one pass over the file.
     bool rewind(ErrorPtr* error)
@@ -150,6 +161,7 @@ private:
     int64_t lastStreamNs_ = 0;
     std::optional<Clock::time_point> start_;
     QString endReason_;
+    bool counted_ = false;
 
     std::mutex mutex_;
     std::condition_variable wake_;
@@ -193,6 +205,7 @@ std::unique_ptr<CaptureDeviceStream> FileCaptureDevice::openStream(const Capture
                                                format ? format : activeFormat());
     if (!stream->rewind(error))
         return nullptr;
+    stream->countAsOpen();
     return stream;
 }
 
