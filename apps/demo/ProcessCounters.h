@@ -1,7 +1,9 @@
 #pragma once
 // What a long-running host watches for leaks: threads, open files, memory.
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
+#include <QStringList>
 #include <unistd.h>
 
 namespace zavo::demo {
@@ -31,6 +33,29 @@ struct ProcessCounters {
                 counters.rssMiB = fields[1].toDouble() * double(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
         }
         return counters;
+    }
+
+    /// The threads' names, to say which one leaked.
+    static QStringList threadNames()
+    {
+        QStringList names;
+        const QDir tasks(QStringLiteral("/proc/self/task"));
+        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
+            if (comm.open(QIODevice::ReadOnly))
+                names << QString::fromUtf8(comm.readAll().trimmed());
+        }
+        return names;
+    }
+
+    /// Where the descriptors point, to say which file leaked.
+    static QStringList openFiles()
+    {
+        QStringList targets;
+        QDirIterator it(QStringLiteral("/proc/self/fd"), QDir::System | QDir::NoDotAndDotDot);
+        while (it.hasNext())
+            targets << QFile::symLinkTarget(it.next());
+        return targets;
     }
 };
 

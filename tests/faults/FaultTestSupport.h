@@ -4,6 +4,7 @@
 // receives them, and the process's threads, descriptors and stray files
 // before and after a fault.
 #include "../screen/ScreenTestSupport.h"
+#include "ProcessCounters.h"
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "capture/ZMCameraCaptureProtocol.h"
@@ -24,49 +25,7 @@
 
 namespace zavo::testing {
 
-inline QString dataPath(const char* name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + QLatin1String(name); }
-
-/// Threads (Qt's pooled ones excepted: they expire on their own) and open
-/// descriptors of this process.
-struct ProcessCounters {
-    int threads = 0;
-    int fileDescriptors = 0;
-
-    static ProcessCounters now()
-    {
-        ProcessCounters counters;
-        const QDir tasks(QStringLiteral("/proc/self/task"));
-        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
-            if (!comm.open(QIODevice::ReadOnly) || comm.readAll().trimmed() != "Thread (pooled)")
-                ++counters.threads;
-        }
-        counters.fileDescriptors =
-            int(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::System | QDir::NoDotAndDotDot).size());
-        return counters;
-    }
-    /// The threads' names, to name a leak.
-    static QStringList threadNames()
-    {
-        QStringList names;
-        const QDir tasks(QStringLiteral("/proc/self/task"));
-        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
-            if (comm.open(QIODevice::ReadOnly))
-                names << QString::fromUtf8(comm.readAll().trimmed());
-        }
-        return names;
-    }
-    /// Where the descriptors point, to name a leak.
-    static QStringList openFiles()
-    {
-        QStringList targets;
-        QDirIterator it(QStringLiteral("/proc/self/fd"), QDir::System | QDir::NoDotAndDotDot);
-        while (it.hasNext())
-            targets << QFile::symLinkTarget(it.next());
-        return targets;
-    }
-};
+using demo::ProcessCounters;
 
 /// Every message logged while installed, passed on to Qt Test's own handler.
 /// Recorded rather than matched with QTest::ignoreMessage because the lines
@@ -271,24 +230,6 @@ inline QSet<QString> filesUnder(const QStringList& folders)
 inline QStringList entriesOf(const QString& folder)
 {
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
-}
-
-/// Frames a decoder reads from the file's video track (at most limit).
-inline int decodableFrames(const QString& path, int limit = 10)
-{
-    auto asset = platform::Asset::assetWithPath(path);
-    const auto tracks = asset->tracksWithMediaType(platform::MediaType::Video);
-    auto reader = platform::AssetReader::create(asset);
-    if (tracks.empty() || !reader)
-        return 0;
-    auto output = platform::AssetReaderTrackOutput::create(tracks.front());
-    reader->addOutput(output);
-    if (!reader->startReading())
-        return 0;
-    int frames = 0;
-    while (frames < limit && output->copyNextSampleBuffer().isValid())
-        ++frames;
-    return frames;
 }
 
 }  // namespace zavo::testing

@@ -3,6 +3,7 @@
 // outcome with the thread it arrived on, and a detector the test scripts.
 #include "camera-screen/ZMCameraBuilder.h"
 #include "camera-screen/ZMCameraViewController_p.h"
+#include "platform/Asset.h"
 #include "platform/CaptureAuthorization.h"
 #include "platform/DispatchQueue.h"
 
@@ -16,6 +17,26 @@
 #include <pthread.h>
 
 namespace zavo::testing {
+
+inline QString dataPath(const char* name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + QLatin1String(name); }
+
+/// Frames a decoder reads from the file's video track (at most limit).
+inline int decodableFrames(const QString& path, int limit = 10)
+{
+    auto asset = platform::Asset::assetWithPath(path);
+    const auto tracks = asset->tracksWithMediaType(platform::MediaType::Video);
+    auto reader = platform::AssetReader::create(asset);
+    if (tracks.empty() || !reader)
+        return 0;
+    auto output = platform::AssetReaderTrackOutput::create(tracks.front());
+    reader->addOutput(output);
+    if (!reader->startReading())
+        return 0;
+    int frames = 0;
+    while (frames < limit && output->copyNextSampleBuffer().isValid())
+        ++frames;
+    return frames;
+}
 
 /// The calling thread's name as the system knows it ("main" for the GUI
 /// thread, the queue label for a dispatch queue).

@@ -14,30 +14,6 @@ using namespace zavo;
 using namespace zavo::testing;
 using platform::AuthorizationStatus;
 
-namespace {
-
-QString dataPath(const char* name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + QLatin1String(name); }
-
-/// Frames a decoder reads from the file's video track (at most limit).
-int decodableFrames(const QString& path, int limit = 10)
-{
-    auto asset = platform::Asset::assetWithPath(path);
-    const auto tracks = asset->tracksWithMediaType(platform::MediaType::Video);
-    auto reader = platform::AssetReader::create(asset);
-    if (tracks.empty() || !reader)
-        return 0;
-    auto output = platform::AssetReaderTrackOutput::create(tracks.front());
-    reader->addOutput(output);
-    if (!reader->startReading())
-        return 0;
-    int frames = 0;
-    while (frames < limit && output->copyNextSampleBuffer().isValid())
-        ++frames;
-    return frames;
-}
-
-}  // namespace
-
 class TstScreenSession : public QObject {
     Q_OBJECT
 
