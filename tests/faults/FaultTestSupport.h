@@ -212,6 +212,26 @@ inline bool warmUp()
     return ended && !camera->isOpen();
 }
 
+/// Once per suite: only the cameras a test registers, the reference
+/// detector, every log line recorded, and a first session run.
+inline bool prepareSuite()
+{
+    platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+    platform::CaptureDeviceRegistry::shared().unregisterAll();
+    core::ZCBestShotBuilder::setFactory({});
+    LogRecorder::instance();
+    return warmUp();
+}
+
+/// After each test: no camera registered, the real platform version, and
+/// every dispatch queue's thread gone before the next test counts threads.
+inline void forgetCamerasAndSettle()
+{
+    platform::CaptureDeviceRegistry::shared().unregisterAll();
+    platform::ProcessInfo::resetOperatingSystemVersion();
+    QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
+}
+
 /// Every file under the folders, with its path; a folder that cannot be
 /// listed gives nothing.
 inline QSet<QString> filesUnder(const QStringList& folders)

@@ -163,14 +163,10 @@ class TstFaultsSources : public QObject {
 private slots:
     void initTestCase()
     {
-        platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
-        platform::CaptureDeviceRegistry::shared().unregisterAll();
-        core::ZCBestShotBuilder::setFactory({});
         QVERIFY(scratch.isValid());
         platform::setDocumentsDirectory(scratch.filePath(QStringLiteral("Documents")));
         videoPath = scratch.filePath(QStringLiteral("Documents/bright_fold/ZMRecordedVideo.mp4"));
-        LogRecorder::instance();
-        QVERIFY(warmUp());
+        QVERIFY(prepareSuite());
     }
 
     void cleanupTestCase() { platform::setDocumentsDirectory({}); }
@@ -190,10 +186,8 @@ private slots:
         liveness.reset();
         server.reset();
         permission.reset();
-        platform::CaptureDeviceRegistry::shared().unregisterAll();
         camera.reset();
-        platform::ProcessInfo::resetOperatingSystemVersion();
-        QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
+        forgetCamerasAndSettle();
     }
 
     void sourceFaultEndsTheSessionOnce_data()

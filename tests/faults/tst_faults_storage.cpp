@@ -192,12 +192,8 @@ class TstFaultsStorage : public QObject {
 private slots:
     void initTestCase()
     {
-        platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
-        platform::CaptureDeviceRegistry::shared().unregisterAll();
-        core::ZCBestShotBuilder::setFactory({});
         QVERIFY(scratch.isValid());
-        LogRecorder::instance();
-        QVERIFY(warmUp());
+        QVERIFY(prepareSuite());
     }
 
     void init()
@@ -225,10 +221,8 @@ private slots:
         sizeLimit.reset();
         mount.undo();
         permission.reset();
-        platform::CaptureDeviceRegistry::shared().unregisterAll();
         camera.reset();
-        platform::ProcessInfo::resetOperatingSystemVersion();
-        QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
+        forgetCamerasAndSettle();
     }
 
     void recordingFaultKeepsTheOutcome_data()
