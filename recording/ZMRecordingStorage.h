@@ -27,9 +27,9 @@ struct ZMRecordingStorage {
 
     /// "bf_sample_buffer_<index>.dat", one raw frame of the frame-dump recorder.
     static QString frameFileName(int32_t index);
-    /// <Documents>/bright_fold
+    /// `<Documents>/bright_fold`
     static QString folderPath();
-    /// <Documents>/bright_fold/recompressed.mp4
+    /// `<Documents>/bright_fold/recompressed.mp4`
     static QString recompressedVideoPath();
 
     /// The frame-dump recorder's folder check: creates the folder (with its
@@ -48,7 +48,7 @@ struct ZMRecordingStorage {
     static platform::ErrorPtr badQualityError();
 };
 
-/// An error as a log line shows it: Error Domain=<domain> Code=<code> "<description>".
+/// An error as a log line shows it: `Error Domain=<domain> Code=<code> "<description>"`.
 QString describeError(const platform::Error& error);
 
 }  // namespace zavo

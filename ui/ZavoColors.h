@@ -12,13 +12,13 @@
 
 namespace zavo {
 
-/// #2782FF, the brand blue.
+/// \#2782FF, the brand blue.
 QColor zavoBlue();
-/// #E0E0E0.
+/// \#E0E0E0.
 QColor zavoAlto();
-/// #757575.
+/// \#757575.
 QColor zavoGray();
-/// #C6C6C8.
+/// \#C6C6C8.
 QColor zavoLightGray();
 /// #404040.
 QColor zavoBlack();
@@ -78,6 +78,7 @@ inline size_t qHash(const UIColorInputError& error, size_t seed = 0)
 
 }  // namespace zavo
 
+/// \cond
 template <>
 struct std::hash<zavo::UIColorInputError> {
     size_t operator()(const zavo::UIColorInputError& error) const noexcept
@@ -85,3 +86,4 @@ struct std::hash<zavo::UIColorInputError> {
         return std::hash<int>{}(static_cast<int>(error.kind()));
     }
 };
+/// \endcond
