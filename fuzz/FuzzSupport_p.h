@@ -15,10 +15,14 @@ extern "C" {
 #include <QString>
 #include <QTemporaryDir>
 
+#include "platform/DispatchQueue.h"
+
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <thread>
 
 namespace zavo::fuzz {
 
@@ -89,6 +93,21 @@ inline void writeFileOrDie(const QString& path, const uint8_t* data, size_t size
 {
     std::fprintf(stderr, "fuzz check failed: %s\n", what);
     std::abort();
+}
+
+/// Waits until every serial queue's thread has ended. Work may go on after
+/// its last report (a writer finishing, queues winding down); the fuzzer
+/// counts leaks as soon as an input returns, and would otherwise take that
+/// work in flight for a leak. A thread that never ends is a leak for real.
+inline void waitForQueuesToEnd()
+{
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (platform::DispatchQueue::liveThreadCount() > 0) {
+        if (Clock::now() > deadline)
+            fail("a queue's thread outlived its work");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 }  // namespace zavo::fuzz

@@ -86,10 +86,7 @@ struct Outcome {
 
 void compressCopy(const uint8_t* data, size_t size)
 {
-    static int run = 0;
-    // Each run in a folder of its own, removed one run later: work that
-    // outlives its last report never meets the next run's files.
-    const QString folder = fuzz::scratchPath() + QStringLiteral("/compress-%1").arg(run++);
+    const QString folder = fuzz::scratchPath() + QStringLiteral("/compress");
     QDir(folder).removeRecursively();
     QDir().mkpath(folder);
     const QString input = folder + QStringLiteral("/ZMRecordedVideo.mp4");
@@ -117,9 +114,9 @@ void compressCopy(const uint8_t* data, size_t size)
     if (outcome->reports == std::vector{CompressionResult::success} && !QFile::exists(input))
         fuzz::fail("success reported without a file at the input's path");
     lock.unlock();
-    // The previous run's folder is finished with by now.
-    if (run > 1)
-        QDir(fuzz::scratchPath() + QStringLiteral("/compress-%1").arg(run - 2)).removeRecursively();
+    compressor.reset();
+    fuzz::waitForQueuesToEnd();
+    QDir(folder).removeRecursively();
 }
 
 bool takesCompressionPath(const uint8_t* data, size_t size)
