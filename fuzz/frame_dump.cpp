@@ -37,6 +37,10 @@ public:
         open();
     }
 
+    /// The open writer is finished, not dropped: at exit its encoder would
+    /// otherwise still be winding down on its queue when the leak check runs.
+    ~Assembly() { close(); }
+
     void append(const QString& framePath)
     {
         if (frames_ == kFramesPerWriter) {
@@ -79,10 +83,22 @@ private:
     int frames_ = 0;
 };
 
+/// The recorders of the whole run, one for each capture size met so far.
+/// Ended at exit with every queue's thread, before the final leak check.
+struct Assemblies {
+    std::map<size_t, std::unique_ptr<Assembly>> bySize;
+
+    ~Assemblies()
+    {
+        bySize.clear();
+        fuzz::waitForQueuesToEnd();
+    }
+};
+
 Assembly& assemblyFor(size_t sizeIndex)
 {
-    static std::map<size_t, std::unique_ptr<Assembly>> assemblies;
-    auto& assembly = assemblies[sizeIndex];
+    static Assemblies assemblies;
+    auto& assembly = assemblies.bySize[sizeIndex];
     if (!assembly)
         assembly = std::make_unique<Assembly>(kCaptureSizes[sizeIndex]);
     return *assembly;
