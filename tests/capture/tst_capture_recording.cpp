@@ -265,9 +265,11 @@ private slots:
             handled = frames.load();
             QVERIFY(recorderFirst.load());
             QCOMPARE(session.delegate->began.load(), 1);
-            // The frame dump finishes its file before the stop completes; the
-            // movie output completes the stop at once and finishes later.
-            QCOMPARE(fileDoneAtStop.load(), !movieOutput);
+            // The frame dump finishes its file before the stop completes. The
+            // movie output completes the stop at once and finishes on its own
+            // thread, which on a busy machine may or may not be done by then.
+            if (!movieOutput)
+                QVERIFY(fileDoneAtStop.load());
 
             const size_t reports = movieOutput ? 2 : 1;
             QTRY_COMPARE_WITH_TIMEOUT(session.delegate->savedErrors().size(), reports, 120000);
@@ -345,8 +347,10 @@ private slots:
         QVERIFY(!QFile::exists(folder + "/left-over.txt"));
         bool completed = false;
         recorder->endRecordWithCompletion([&] { completed = true; });
-        QVERIFY(completed);  // at once, while the file is still being finished
-        QCOMPARE(spy->seen(), QStringList{"will-begin"});
+        // At once, without waiting for the file: its end is reported later,
+        // from the output's thread (or already, on a busy machine).
+        QVERIFY(completed);
+        QCOMPARE(spy->seen().value(0), QStringLiteral("will-begin"));
         QTRY_COMPARE_WITH_TIMEOUT(spy->seen(), (QStringList{"will-begin", "did-end nil", "did-end nil"}), 30000);
         QCOMPARE(probe(url.toLocalFile())->size, QSize(320, 180));
 
