@@ -6,6 +6,7 @@
 #include "camera-screen/ZMBundleLink.h"
 
 #include "platform/CaptureVideoPreviewView.h"
+#include "platform/DeviceScreen.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "ui/ZMFaceDetectionView.h"
@@ -216,6 +217,9 @@ void ZMCameraViewController::loadView()
 void ZMCameraViewController::viewDidLoad()
 {
     ViewController::viewDidLoad();
+    // The camera turns with the screen it sits on; the configuration below
+    // reads that screen's rotation, so name the screen before it starts.
+    platform::Device::followScreen(view()->screen());
     setupViews();
     captureManager()->setDelegate(std::weak_ptr<ZMCameraCaptureManagerDelegate>(strongSelf()));
     // Both completions run on the capture manager's session queue; the
@@ -325,6 +329,8 @@ void ZMCameraViewController::viewDidLayoutSubviews()
     // Linux gives widgets no safe-area insets.
     bestShotDetector()->screenSize(bounds.size(), platform::EdgeInsets{});
 }
+
+void ZMCameraViewController::viewDidChangeScreen(QScreen* screen) { platform::Device::followScreen(screen); }
 
 // ------------------------------------------------------- capture wiring
 

@@ -167,6 +167,7 @@ protected:
     void loadView() override;
     void viewDidLoad() override;
     void viewDidLayoutSubviews() override;
+    void viewDidChangeScreen(QScreen* screen) override;
 
 private:
     class EventFilter;

@@ -63,9 +63,12 @@ void ViewController::handleViewEvent(int eventType)
 {
     switch (eventType) {
     case QEvent::Show:
+        viewDidChangeScreen(view_->screen());
         viewWillAppear(false);
         viewDidLayoutSubviews();
         break;
+    // Qt sends this to every widget of a window that moved to another screen.
+    case QEvent::ScreenChangeInternal: viewDidChangeScreen(view_->screen()); break;
     case QEvent::Hide: viewWillDisappear(false); break;
     case QEvent::Resize:
     case QEvent::LayoutRequest: viewDidLayoutSubviews(); break;

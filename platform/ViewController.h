@@ -10,6 +10,7 @@
 #include <vector>
 
 class QLabel;
+class QScreen;
 class QPushButton;
 class QStackedWidget;
 
@@ -42,6 +43,9 @@ protected:
     virtual void viewDidLayoutSubviews() {}
     virtual void viewWillAppear(bool animated) { Q_UNUSED(animated); }
     virtual void viewWillDisappear(bool animated) { Q_UNUSED(animated); }
+    /// The root widget was shown on, or its window moved to, screen (a
+    /// desktop has several; a phone has one).
+    virtual void viewDidChangeScreen(QScreen* screen) { Q_UNUSED(screen); }
 
 private:
     friend class NavigationController;

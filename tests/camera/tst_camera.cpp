@@ -9,6 +9,7 @@
 #include "platform/CaptureVideoPreviewLayer.h"
 #include "platform/CaptureVideoPreviewView.h"
 #include "platform/DeviceScreen.h"
+#include "platform/DeviceScreen_p.h"
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
 #include "platform/SyntheticCaptureDevice.h"
@@ -485,6 +486,77 @@ private slots:
         QCOMPARE(CaptureAuthorization::authorizationStatusForMediaType(MediaType::Video), AuthorizationStatus::Denied);
         QCOMPARE(policy->requestCount(), 1);
         CaptureAuthorization::setPolicy(nullptr);
+    }
+
+    void screenRotationIsTheDeviceOrientation_data()
+    {
+        QTest::addColumn<QString>("platform");
+        QTest::addColumn<int>("native");
+        QTest::addColumn<int>("reported");
+        QTest::addColumn<int>("device");
+        const int primary = Qt::PrimaryOrientation, portrait = Qt::PortraitOrientation,
+                  landscape = Qt::LandscapeOrientation, invertedPortrait = Qt::InvertedPortraitOrientation,
+                  invertedLandscape = Qt::InvertedLandscapeOrientation;
+        const int upright = int(DeviceOrientation::Portrait), right = int(DeviceOrientation::LandscapeRight),
+                  left = int(DeviceOrientation::LandscapeLeft), down = int(DeviceOrientation::PortraitUpsideDown);
+        // xcb calls every unrotated output Landscape, wide or tall.
+        QTest::newRow("xcb unrotated monitor") << "xcb" << primary << landscape << upright;
+        QTest::newRow("xcb rotate left") << "xcb" << primary << portrait << right;
+        QTest::newRow("xcb rotate right") << "xcb" << primary << invertedPortrait << left;
+        QTest::newRow("xcb inverted") << "xcb" << primary << invertedLandscape << down;
+        QTest::newRow("wayland normal") << "wayland" << primary << landscape << upright;
+        QTest::newRow("wayland-egl 90") << "wayland-egl" << primary << portrait << right;
+        // Plug-ins that report only the screen's shape: never a rotation.
+        QTest::newRow("offscreen") << "offscreen" << primary << primary << upright;
+        QTest::newRow("eglfs tall panel") << "eglfs" << primary << portrait << upright;
+        QTest::newRow("linuxfb wide panel") << "linuxfb" << primary << landscape << upright;
+        // A plug-in that knows its native orientation is taken at its word.
+        QTest::newRow("tablet turned left") << "android" << portrait << landscape << left;
+        QTest::newRow("tablet upright") << "android" << portrait << portrait << upright;
+    }
+
+    void screenRotationIsTheDeviceOrientation()
+    {
+        QFETCH(QString, platform);
+        QFETCH(int, native);
+        QFETCH(int, reported);
+        QFETCH(int, device);
+        QCOMPARE(int(screens::deviceOrientationFor(platform, Qt::ScreenOrientation(native),
+                                                   Qt::ScreenOrientation(reported))),
+                 device);
+    }
+
+    void aPinnedOrientationHidesTheScreens()
+    {
+        std::vector<int> seen;
+        int observer = 0;
+        NotificationCenter::defaultCenter().addObserver(&observer, kDeviceOrientationDidChangeNotification, nullptr,
+                                                        [&](const Notification& n) {
+                                                            seen.push_back(n.userInfo.value("orientation").toInt());
+                                                        });
+        Device::setOrientation(DeviceOrientation::Portrait);
+        Device::setOrientationOverride(DeviceOrientation::LandscapeLeft);
+        Device::setOrientationOverride(DeviceOrientation::LandscapeLeft);  // no change, no post
+        QCOMPARE(Device::orientation(), DeviceOrientation::LandscapeLeft);
+        // The screen turns meanwhile: nothing the camera follows changes.
+        Device::setOrientation(DeviceOrientation::LandscapeRight);
+        QCOMPARE(Device::orientation(), DeviceOrientation::LandscapeLeft);
+        // Unpinned, the screen's last rotation is in force again.
+        Device::setOrientationOverride(std::nullopt);
+        QCOMPARE(Device::orientation(), DeviceOrientation::LandscapeRight);
+        NotificationCenter::defaultCenter().removeObserver(&observer);
+        QCOMPARE(seen, (std::vector<int>{1, 3, 4}));
+        Device::setOrientation(DeviceOrientation::Portrait);
+    }
+
+    void theOffscreenScreenIsUpright()
+    {
+        // What the process measured on its own screen at start.
+        Device::followScreen(QGuiApplication::primaryScreen());
+        QCOMPARE(screens::deviceOrientationFor(QGuiApplication::platformName(),
+                                               QGuiApplication::primaryScreen()->nativeOrientation(),
+                                               QGuiApplication::primaryScreen()->orientation()),
+                 DeviceOrientation::Portrait);
     }
 
     void orientationChangesArePostedAndScreenBoundsReadAnywhere()
