@@ -66,6 +66,7 @@ struct AssetWriterInput::Private {
     std::mutex appendMutex;
     VideoFrameConverter converter;
     int64_t lastTicks = std::numeric_limits<int64_t>::min();
+    bool fitChosen = false;
 
     bool append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time);
     void dispatchRequest();
@@ -90,6 +91,9 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
     bool partFileExists = false;                    // guarded by mutex
     bool starting = false;                          // guarded by mutex
     bool finishRequested = false;                   // guarded by mutex
+    // How the first frame went into the encoded picture; the stream's aspect
+    // and display matrix are made from it when the encoder opens.
+    media::PictureFit fit;                          // guarded by mutex
 
     // Pictures: a slot belongs to the appender while it is off freeSlots and
     // before its encode block is queued, to the encode queue afterwards.
@@ -180,16 +184,20 @@ bool AssetWriter::Private::openEncoder()
     QTransform transform;
     bool realTime;
     bool optimizeForNetwork;
+    media::PictureFit pictureFit;
     {
         std::lock_guard lock(mutex);
         base = timeBase.num > 0 ? timeBase : AVRational{1, 600};
         optimizeForNetwork = faststart;
+        pictureFit = fit;
     }
     {
         std::lock_guard lock(input->mutex);
         transform = input->transform;
         realTime = input->realTime;
     }
+    const QSize encodedSize(input->settings.width, input->settings.height);
+    transform = media::displayTransform(pictureFit, transform, encodedSize);
     encoder = ffmpeg::makeCodecContext(codec);
     packet = ffmpeg::makeAVPacket();
     if (!encoder || !packet) {
@@ -199,6 +207,7 @@ bool AssetWriter::Private::openEncoder()
     encoder->width = input->settings.width;
     encoder->height = input->settings.height;
     encoder->pix_fmt = AV_PIX_FMT_YUV420P;
+    encoder->sample_aspect_ratio = pictureFit.sampleAspect;
     encoder->time_base = base;
     // A coarse time base is the frame rate itself (one tick per frame); a fine
     // one tells nothing, and x264 then rates by the time stamps alone.
@@ -232,6 +241,7 @@ bool AssetWriter::Private::openEncoder()
         return false;
     }
     stream->time_base = encoder->time_base;
+    stream->sample_aspect_ratio = encoder->sample_aspect_ratio;
     ffmpeg::AVDictionaryUPtr muxerOptions;
     if (optimizeForNetwork)
         ffmpeg::setOption(muxerOptions, "movflags", "+faststart");
@@ -495,6 +505,16 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
             return false;
         slot = core->freeSlots.back();
         core->freeSlots.pop_back();
+    }
+    if (!fitChosen) {
+        // The first frame decides for the whole track: a track has one
+        // aspect and one display matrix.
+        fitChosen = true;
+        const auto fit = media::fitPicture(QSize(buffer->width(), buffer->height()),
+                                           QSize(settings.width, settings.height));
+        converter.setRotation(fit.rotation);
+        std::lock_guard lock(core->mutex);
+        core->fit = fit;
     }
     AVFrame* picture = core->pictures[slot].get();
     buffer->lockBaseAddress(PixelBuffer::ReadOnly);

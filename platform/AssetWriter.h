@@ -34,7 +34,12 @@ namespace zavo::platform {
 enum class FileType { MPEG4 };
 enum class VideoCodec { H264 };
 
-/// The encoded picture: codec and size. Frames of any size are scaled to it.
+/// The encoded picture: codec and size. Frames of any size go into it
+/// undistorted: the first frame decides whether the pixels are turned a
+/// quarter (a portrait frame into a landscape picture, or the other way) and
+/// which sample aspect ratio gives the shown picture that frame's aspect. The
+/// turn is undone in the track's display matrix, before the input's own
+/// transform, so players show the frames as they came, at their aspect.
 struct VideoOutputSettings {
     VideoCodec codec = VideoCodec::H264;
     int width = 0;

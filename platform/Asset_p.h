@@ -9,7 +9,10 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include <QRectF>
+#include <QSize>
 #include <QTransform>
+#include <cmath>
 #include <cstring>
 #include <limits>
 
@@ -87,6 +90,54 @@ inline bool setStreamTransform(AVStream* stream, const QTransform& transform)
     matrixOfTransform(transform, matrix);
     std::memcpy(data, matrix, sizeof matrix);
     return true;
+}
+
+/// How a source picture is put into an encoded picture of another fixed size
+/// without distorting it: turned a quarter when the two are of opposite
+/// shapes (portrait into landscape or the other way), so that the pixels are
+/// spent along the long side, and scaled to fill; the aspect the scaling
+/// loses is given back as the sample aspect ratio. Players undo both.
+struct PictureFit {
+    int rotation = 0;                // clockwise turn of the pixels: 0 or 90
+    AVRational sampleAspect{1, 1};   // width of a stored pixel over its height
+};
+
+inline PictureFit fitPicture(QSize source, QSize encoded)
+{
+    PictureFit fit;
+    if (source.isEmpty() || encoded.isEmpty())
+        return fit;
+    const bool opposite = source.width() != source.height() && encoded.width() != encoded.height()
+        && (source.width() > source.height()) != (encoded.width() > encoded.height());
+    if (opposite) {
+        fit.rotation = 90;
+        source.transpose();
+    }
+    // Stored w x h shown as (w * sar) x h must have the source's aspect.
+    const int64_t num = int64_t(source.width()) * encoded.height();
+    const int64_t den = int64_t(source.height()) * encoded.width();
+    // Within a thousandth of square is square: a rounding in the capture
+    // size is no reason to ask players to rescale.
+    if (std::abs(double(num) / double(den) - 1.0) >= 0.001)
+        av_reduce(&fit.sampleAspect.num, &fit.sampleAspect.den, num, den, 65535);
+    return fit;
+}
+
+/// The display matrix of a picture fitted by fit into encoded, for a source
+/// that was to be shown with sourceTransform: the fit's turn is undone first,
+/// then the source's own turn or flip applies. The translation brings the
+/// shown picture back to the origin, as cameras write it.
+inline QTransform displayTransform(const PictureFit& fit, const QTransform& sourceTransform, QSize encoded)
+{
+    const QTransform undoTurn = fit.rotation == 90 ? QTransform(0, -1, 1, 0, 0, 0) : QTransform();
+    const QTransform sourceTurn(sourceTransform.m11(), sourceTransform.m12(), sourceTransform.m21(),
+                                sourceTransform.m22(), 0, 0);
+    const QTransform linear = undoTurn * sourceTurn;
+    if (linear.isIdentity())
+        return QTransform();
+    const double storedWidth = encoded.width() * av_q2d(fit.sampleAspect);
+    const QRectF shown = linear.mapRect(QRectF(0, 0, storedWidth, encoded.height()));
+    return QTransform(linear.m11(), linear.m12(), linear.m21(), linear.m22(), -shown.left(), -shown.top());
 }
 
 inline ImagePlanes planesOf(const AVFrame& frame)

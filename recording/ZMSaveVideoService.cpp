@@ -87,6 +87,8 @@ void ZMSaveVideoService::beginRecordWithFileURL(const QUrl& fileURL)
 {
     setFramesCounter(0);
     recordVideoFileURL_ = fileURL;
+    std::lock_guard lock(captureSizeMutex_);
+    captureSize_ = QSize();
 }
 
 void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampleBuffer)
@@ -99,6 +101,11 @@ void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampl
     // The files are read back and deleted within seconds, so they are not
     // synced to the disk: that sync cost more than the write itself.
     if (const std::shared_ptr<PixelBuffer>& image = sampleBuffer.imageBuffer()) {
+        {
+            std::lock_guard lock(captureSizeMutex_);
+            if (captureSize_.isEmpty())
+                captureSize_ = QSize(image->width(), image->height());
+        }
         image->lockBaseAddress(PixelBuffer::ReadWrite);
         writeScratchFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
                                    qint64(image->bytesPerRow()) * image->height());
@@ -220,7 +227,14 @@ AssetWriterPtr ZMSaveVideoService::createWriterWithVideoOutputURL(const QString&
 
     auto input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, kEncodedWidth, kEncodedHeight});
     *videoWriterInput = input;
-    const PixelBufferAttributes source{PixelFormat::ARGB32, static_cast<int>(frameWidth_), static_cast<int>(frameHeight_)};
+    QSize size;
+    {
+        std::lock_guard lock(captureSizeMutex_);
+        size = captureSize_;
+    }
+    if (size.isEmpty())
+        size = QSize(static_cast<int>(frameWidth_), static_cast<int>(frameHeight_));
+    const PixelBufferAttributes source{PixelFormat::ARGB32, size.width(), size.height()};
     *pixelBufferAdaptor = AssetWriterInputPixelBufferAdaptor::create(input, source);
     if (writer)
         writer->addInput(input);

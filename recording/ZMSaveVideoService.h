@@ -11,9 +11,11 @@
 #include "recording/ZMSaveVideoServiceProtocol.h"
 
 #include <QByteArray>
+#include <QSize>
 #include <QUrl>
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace zavo {
 
@@ -67,8 +69,10 @@ public:
     /// Removes every ".dat" file from the recording folder.
     void deleteFramesFiles();
     /// A writer for a 180x320 H.264 MP4 at path, with its input and an adaptor
-    /// whose pool has the capture size in 32-bit ARGB. Removes any file at
-    /// path first. Null when the writer cannot be made.
+    /// whose pool has the capture size in 32-bit ARGB: the size of the
+    /// recording's first frame, or frameWidth x frameHeight before any frame
+    /// came. Removes any file at path first. Null when the writer cannot be
+    /// made.
     platform::AssetWriterPtr createWriterWithVideoOutputURL(const QString& path,
                                                             platform::AssetWriterInputPtr* videoWriterInput,
                                                             platform::AssetWriterInputPixelBufferAdaptorPtr* pixelBufferAdaptor);
@@ -95,6 +99,11 @@ private:
     double frameWidth_ = 0;
     double frameHeight_ = 0;
     QUrl recordVideoFileURL_;
+    // The size the camera really delivers: a desktop webcam on the fallback
+    // preset is often landscape where frameWidth x frameHeight is portrait,
+    // and its files are read back at the size they were written with.
+    mutable std::mutex captureSizeMutex_;
+    QSize captureSize_;  // guarded by captureSizeMutex_
 };
 
 }  // namespace zavo

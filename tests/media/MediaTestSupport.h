@@ -3,6 +3,8 @@
 // command line and inspecting files with ffprobe, so that what the code under
 // test writes is checked by an independent reader.
 #include <QByteArray>
+#include <QFile>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -68,6 +70,18 @@ inline double probeRotation(const QJsonObject& stream)
             return data.value(QStringLiteral("rotation")).toDouble();
     }
     return 0;
+}
+
+/// The first frame of a file as a player shows it: the display matrix
+/// applied and stored pixels stretched by their sample aspect ratio.
+inline QImage shownFirstFrame(const QString& path, const QString& scratchFolder)
+{
+    const QString png = scratchFolder + QStringLiteral("/shown-frame.png");
+    if (!ffmpeg({"-i", path, "-frames:v", "1", "-vf", "scale=trunc(iw*sar/2)*2:ih,setsar=1", png}))
+        return {};
+    QImage image(png);
+    QFile::remove(png);
+    return image.convertToFormat(QImage::Format_RGB32);
 }
 
 }  // namespace zavo::test

@@ -56,6 +56,26 @@ void fill(PixelBuffer& buffer, uint8_t b, uint8_t g, uint8_t r)
     }
 }
 
+/// Red, green, blue and white quarters, top left to bottom right: a picture
+/// whose turn or mirror cannot go unseen.
+void fillQuarters(PixelBuffer& buffer)
+{
+    for (int y = 0; y < buffer.height(); ++y) {
+        uint8_t* row = buffer.baseAddress() + y * buffer.bytesPerRow();
+        for (int x = 0; x < buffer.width(); ++x) {
+            const bool right = x >= buffer.width() / 2, bottom = y >= buffer.height() / 2;
+            const QRgb colour = bottom ? (right ? qRgb(255, 255, 255) : qRgb(0, 0, 255))
+                                       : (right ? qRgb(0, 255, 0) : qRgb(255, 0, 0));
+            row[4 * x] = uint8_t(qBlue(colour));
+            row[4 * x + 1] = uint8_t(qGreen(colour));
+            row[4 * x + 2] = uint8_t(qRed(colour));
+            row[4 * x + 3] = 255;
+        }
+    }
+}
+
+bool near(QRgb a, QRgb b) { return qAbs(qRed(a) - qRed(b)) + qAbs(qGreen(a) - qGreen(b)) + qAbs(qBlue(a) - qBlue(b)) < 90; }
+
 QStringList leftovers(const QString& dir)
 {
     return QDir(dir).entryList(QDir::Files | QDir::Hidden);
@@ -126,6 +146,60 @@ private slots:
                 QVERIFY2(qAbs(int(p[c]) - colours[i % 3][c]) < 20, qPrintable(QStringLiteral("frame %1").arg(i)));
         }
         QVERIFY(!output->copyNextSampleBuffer().isValid());
+    }
+
+    void framesKeepTheirShapeInAnyPicture_data()
+    {
+        QTest::addColumn<QSize>("source");
+        QTest::addColumn<QSize>("encoded");
+        QTest::addColumn<double>("rotation");  // ffprobe's, anticlockwise
+        QTest::newRow("portrait camera, landscape picture") << QSize(72, 128) << QSize(320, 180) << 90.0;
+        QTest::newRow("landscape camera, portrait picture") << QSize(128, 72) << QSize(180, 320) << 90.0;
+        QTest::newRow("4:3 camera, 16:9 picture") << QSize(160, 120) << QSize(320, 180) << 0.0;
+        QTest::newRow("4:3 camera, 9:16 picture") << QSize(160, 120) << QSize(180, 320) << 90.0;
+        QTest::newRow("same shape") << QSize(64, 96) << QSize(32, 48) << 0.0;
+    }
+
+    void framesKeepTheirShapeInAnyPicture()
+    {
+        QFETCH(QSize, source);
+        QFETCH(QSize, encoded);
+        QFETCH(double, rotation);
+        const QString path = dir.filePath("shape.mp4");
+        QFile::remove(path);
+        Session s = makeSession(path, encoded.width(), encoded.height(),
+                                {PixelFormat::BGRA32, source.width(), source.height()});
+        QVERIFY(s.writer->startWriting());
+        s.writer->startSessionAtSourceTime(MediaTime::zero());
+        for (int i = 0; i < 3; ++i) {
+            auto buffer = s.adaptor->pixelBufferPool()->createPixelBuffer();
+            fillQuarters(*buffer);
+            QVERIFY(s.adaptor->appendPixelBuffer(buffer, MediaTime::make(i, 30)));
+        }
+        s.input->markAsFinished();
+        QVERIFY(finish(s.writer));
+        QCOMPARE(s.writer->status(), AssetWriter::Status::Completed);
+
+        // The pixel size stays what was asked for; the shape comes back in
+        // the display matrix and the sample aspect ratio.
+        const QJsonObject video = probeStreams(path).first().toObject();
+        QCOMPARE(video.value("width").toInt(), encoded.width());
+        QCOMPARE(video.value("height").toInt(), encoded.height());
+        QCOMPARE(qAbs(probeRotation(video)), rotation);
+        const QImage shown = shownFirstFrame(path, dir.path());
+        QVERIFY(!shown.isNull());
+        const double aspect = double(shown.width()) / shown.height();
+        const double wanted = double(source.width()) / source.height();
+        QVERIFY2(qAbs(aspect / wanted - 1) < 0.02, qPrintable(QStringLiteral("shown %1x%2").arg(shown.width()).arg(shown.height())));
+        // Upright and not mirrored: each quarter where it was.
+        const int w = shown.width(), h = shown.height();
+        QVERIFY(near(shown.pixel(w / 4, h / 4), qRgb(255, 0, 0)));
+        QVERIFY(near(shown.pixel(3 * w / 4, h / 4), qRgb(0, 255, 0)));
+        QVERIFY(near(shown.pixel(w / 4, 3 * h / 4), qRgb(0, 0, 255)));
+        QVERIFY(near(shown.pixel(3 * w / 4, 3 * h / 4), qRgb(255, 255, 255)));
+        // Our own reader sees the same turn.
+        const auto track = Asset::assetWithPath(path)->tracksWithMediaType(MediaType::Video).front();
+        QCOMPARE(track->preferredTransform().isIdentity(), rotation == 0);
     }
 
     void storesTheTransformAndTheIndexFirst()

@@ -11,6 +11,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 #include <csignal>
+#include <cstring>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -250,6 +251,37 @@ private slots:
         QCOMPARE(frames.size(), size_t(6));
         for (int i = 0; i < 6; ++i)
             QVERIFY2(looksLike(*frames[i], 90, 160, kColours[std::min(i, 4)]), qPrintable(QString::number(i)));
+    }
+
+    void aLandscapeCameraKeepsItsShape()
+    {
+        // Configured for portrait, as the capture manager always is, while the
+        // webcam delivers landscape frames: left half red, right half blue.
+        auto service = ZMSaveVideoService::create(96, 160, 30);
+        service->beginRecordWithFileURL(QUrl::fromLocalFile(videoPath));
+        for (int i = 0; i < 3; ++i) {
+            SampleBuffer frame = frameOf(160, 96, kColours[0]);
+            const auto& image = frame.imageBuffer();
+            for (int y = 0; y < 96; ++y)
+                for (int x = 80; x < 160; ++x)
+                    std::memcpy(image->baseAddress() + y * image->bytesPerRow() + 4 * x, "\xff\x00\x00\xff", 4);
+            service->appendStorageWithSampleBuffer(frame);
+        }
+        QTest::ignoreMessage(QtInfoMsg, "Totally captured 3 frames");
+        expectOldVideoRemovalLine();
+        QVERIFY(endAndWait(service));
+
+        const QJsonObject video = probeStreams(videoPath).first().toObject();
+        QCOMPARE(video.value("width").toInt(), 180);
+        QCOMPARE(video.value("height").toInt(), 320);
+        const QImage shown = shownFirstFrame(videoPath, documents.path());
+        QVERIFY(!shown.isNull());
+        QVERIFY2(qAbs(double(shown.width()) / shown.height() / (160.0 / 96.0) - 1) < 0.02,
+                 qPrintable(QStringLiteral("shown %1x%2").arg(shown.width()).arg(shown.height())));
+        const QRgb left = shown.pixel(shown.width() / 4, shown.height() / 2);
+        const QRgb right = shown.pixel(3 * shown.width() / 4, shown.height() / 2);
+        QVERIFY(qRed(left) > 200 && qBlue(left) < 60);
+        QVERIFY(qBlue(right) > 200 && qRed(right) < 60);
     }
 
     void timescaleIsTheFrameRateCutToAWholeNumber()
