@@ -4,6 +4,7 @@
 #include "ui/ZavoFonts.h"
 
 #include <QFontDatabase>
+#include <QLabel>
 #include <QSet>
 #include <QtTest>
 
@@ -98,7 +99,7 @@ private slots:
     void etelkaFallsBackToTheSystemFont()
     {
         const QFont font = etelka(17);
-        QCOMPARE(font.pointSizeF(), 17.0);
+        QCOMPARE(font.pixelSize(), 17);
         if (QFontDatabase::hasFamily(kEtelkaFontFamily)) {
             QCOMPARE(font.family(), kEtelkaFontFamily);
             return;
@@ -110,7 +111,21 @@ private slots:
         const auto named = fontNamed(installed, 12.5);
         QVERIFY(named);
         QCOMPARE(named->family(), installed);
-        QCOMPARE(named->pointSizeF(), 12.5);
+        QCOMPARE(named->pixelSize(), 13);  // whole layout points
+    }
+
+    void fontSizesAreLayoutPointsWhateverTheScreensDpi()
+    {
+        // Screens report 96 dpi (and often more): a size in Qt's points comes
+        // out a third larger than the layout it sits in, one in layout points
+        // must not.
+        QFont qtPoints = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
+        qtPoints.setPointSizeF(15);
+        QVERIFY(QFontInfo(qtPoints).pixelSize() >= 20);
+        QCOMPARE(QFontInfo(etelka(15)).pixelSize(), 15);
+        QLabel label(QStringLiteral("Hg"));
+        label.setFont(etelka(15));
+        QVERIFY(label.sizeHint().height() < 15 * 1.4);
     }
 };
 

@@ -60,7 +60,7 @@ private slots:
         QVERIFY(near(borderPixel(b), zavoBlue()));
         QCOMPARE(b.property("bgColor").value<QColor>(), zavoBlue());
         QCOMPARE(b.property("fontSize").toDouble(), 17.0);
-        QCOMPARE(b.font().pointSizeF(), 17.0);
+        QCOMPARE(b.font().pixelSize(), 17);
         QCOMPARE(hexString(b.highlightedBgColor, true), QStringLiteral("#2782FFCC"));
         QCOMPARE(b.layer().cornerRadius, 6.0);
         QCOMPARE(b.layer().shadowOpacity, 0.0f);
