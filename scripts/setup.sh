@@ -22,6 +22,7 @@ packages=(
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg
   libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev opencv-data
   libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
+  xvfb xauth
   clang libclang-rt-14-dev
 )
 

@@ -1,5 +1,7 @@
 #include "DemoOptions.h"
 
+#include <algorithm>
+
 namespace zavo::demo {
 
 namespace {
@@ -7,6 +9,20 @@ const QString kCamera = QStringLiteral("camera");
 const QString kNoRecord = QStringLiteral("no-record");
 const QString kOutput = QStringLiteral("output");
 const QString kTimeout = QStringLiteral("timeout");
+const QString kQuitAfterSession = QStringLiteral("quit-after-session");
+const QString kOrientation = QStringLiteral("orientation");
+
+struct OrientationName {
+    const char* name;
+    std::optional<platform::DeviceOrientation> orientation;
+};
+constexpr OrientationName kOrientations[] = {
+    {"screen", std::nullopt},
+    {"portrait", platform::DeviceOrientation::Portrait},
+    {"landscape-left", platform::DeviceOrientation::LandscapeLeft},
+    {"landscape-right", platform::DeviceOrientation::LandscapeRight},
+    {"upside-down", platform::DeviceOrientation::PortraitUpsideDown},
+};
 }  // namespace
 
 void addDemoOptions(QCommandLineParser& parser)
@@ -29,6 +45,14 @@ void addDemoOptions(QCommandLineParser& parser)
                       QStringLiteral("Give up on a session after this many seconds, with an error summary "
                                      "(0: never). Default 120."),
                       QStringLiteral("seconds"), QStringLiteral("120")});
+    parser.addOption({kQuitAfterSession,
+                      QStringLiteral("With a display too: quit after the first outcome, printing the one-line JSON "
+                                     "summary and exiting as without a display.")});
+    parser.addOption({kOrientation,
+                      QStringLiteral("How the camera is turned: 'screen' (follow the rotation of the screen showing "
+                                     "the camera, the default), or pinned to 'portrait', 'landscape-left', "
+                                     "'landscape-right' or 'upside-down' (a camera mounted turned)."),
+                      QStringLiteral("orientation"), QStringLiteral("screen")});
 }
 
 std::optional<DemoOptions> parseDemoOptions(QCommandLineParser& parser, const QStringList& arguments,
@@ -55,6 +79,17 @@ std::optional<DemoOptions> parseDemoOptions(QCommandLineParser& parser, const QS
         *problem = QStringLiteral("--timeout needs a whole number of seconds, 0 or more: %1").arg(parser.value(kTimeout));
         return std::nullopt;
     }
+    options.quitAfterSession = parser.isSet(kQuitAfterSession);
+    const QString orientation = parser.value(kOrientation);
+    const auto named = std::find_if(std::begin(kOrientations), std::end(kOrientations),
+                                    [&](const OrientationName& entry) { return orientation == QLatin1String(entry.name); });
+    if (named == std::end(kOrientations)) {
+        *problem = QStringLiteral("--orientation takes screen, portrait, landscape-left, landscape-right or "
+                                  "upside-down: %1")
+                       .arg(orientation);
+        return std::nullopt;
+    }
+    options.orientation = named->orientation;
     return options;
 }
 

@@ -2,6 +2,8 @@
 // The demo's command line.
 #include "DemoCamera.h"
 
+#include "platform/CaptureTypes.h"
+
 #include <QCommandLineParser>
 #include <QStringList>
 #include <optional>
@@ -15,6 +17,11 @@ struct DemoOptions {
     QString outputDirectory;
     /// 0: no guard.
     int timeoutSeconds = 120;
+    /// With a display: end after the first outcome with the summary line, as
+    /// without one.
+    bool quitAfterSession = false;
+    /// nullopt: follow the screen.
+    std::optional<platform::DeviceOrientation> orientation;
 };
 
 /// Declares the options (and --help) on parser.

@@ -52,7 +52,6 @@ DemoWindow::DemoWindow(SessionOptions options, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(pages_);
-    resize(kScreenSize);
 }
 
 DemoWindow::~DemoWindow()

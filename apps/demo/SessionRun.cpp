@@ -1,6 +1,7 @@
-#include "HeadlessRun.h"
+#include "SessionRun.h"
 
 #include "DemoSummary.h"
+#include "WindowPlacement.h"
 
 #include <QJsonDocument>
 #include <QTextStream>
@@ -14,28 +15,33 @@ namespace {
 const QSize kScreenSize(360, 640);
 }  // namespace
 
-HeadlessRun::HeadlessRun(SessionOptions options, QDir output, int timeoutSeconds)
-    : session_(options, &timing_), output_(std::move(output))
+SessionRun::SessionRun(SessionOptions options, QDir output, int timeoutSeconds, Display display)
+    : session_(options, &timing_), output_(std::move(output)), display_(display)
 {
     guard_.setSingleShot(true);
     if (timeoutSeconds > 0)
         guard_.setInterval(timeoutSeconds * 1000);
-    connect(&guard_, &QTimer::timeout, this, &HeadlessRun::giveUp);
-    connect(&session_, &DemoSession::faceFrameShown, this, &HeadlessRun::saveScreenshot);
-    connect(&session_, &DemoSession::finished, this, &HeadlessRun::saveBestShot);
-    connect(&session_, &DemoSession::videoSettled, this, &HeadlessRun::report);
+    connect(&guard_, &QTimer::timeout, this, &SessionRun::giveUp);
+    connect(&session_, &DemoSession::faceFrameShown, this, &SessionRun::saveScreenshot);
+    connect(&session_, &DemoSession::finished, this, &SessionRun::saveBestShot);
+    connect(&session_, &DemoSession::videoSettled, this, &SessionRun::report);
 }
 
-void HeadlessRun::start()
+void SessionRun::start()
 {
     if (guard_.interval() > 0)
         guard_.start();
     QWidget* view = session_.start();
+    if (display_ == Display::Window) {
+        view->setWindowTitle(QStringLiteral("ZavoCamera demo"));
+        showPlaced(view);
+        return;
+    }
     view->resize(kScreenSize);
     view->show();
 }
 
-void HeadlessRun::saveScreenshot()
+void SessionRun::saveScreenshot()
 {
     const QString path = output_.filePath(QStringLiteral("camera_screen.png"));
     if (session_.view()->grab().save(path))
@@ -44,7 +50,7 @@ void HeadlessRun::saveScreenshot()
         QTextStream(stderr) << "cannot write " << path << '\n';
 }
 
-void HeadlessRun::saveBestShot()
+void SessionRun::saveBestShot()
 {
     const auto& outcome = *session_.outcome();
     if (!outcome.bestShot)
@@ -56,13 +62,13 @@ void HeadlessRun::saveBestShot()
         QTextStream(stderr) << "cannot write " << path << '\n';
 }
 
-void HeadlessRun::report()
+void SessionRun::report()
 {
     const auto& outcome = *session_.outcome();
     finish(sessionSummary(outcome, session_.video()), outcome.bestShot ? 0 : 1);
 }
 
-void HeadlessRun::giveUp()
+void SessionRun::giveUp()
 {
     const QString text = QStringLiteral("no outcome within %1 s").arg(guard_.interval() / 1000);
     if (const auto& outcome = session_.outcome()) {
@@ -78,7 +84,7 @@ void HeadlessRun::giveUp()
     finish(failureSummary(text, firstFrame), 3);
 }
 
-void HeadlessRun::finish(QJsonObject summary, int status)
+void SessionRun::finish(QJsonObject summary, int status)
 {
     if (reported_)
         return;

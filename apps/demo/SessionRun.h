@@ -1,5 +1,7 @@
 #pragma once
-// One session without a display: screenshot mid-session, best shot, summary.
+// One scripted session: screenshot mid-session, best shot, a one-line JSON
+// summary, then the exit status. Runs offscreen, or in a real window when
+// the host asks to quit after the session on a desktop.
 #include "DemoSession.h"
 
 #include <QDir>
@@ -9,11 +11,12 @@
 
 namespace zavo::demo {
 
-class HeadlessRun : public QObject {
+class SessionRun : public QObject {
     Q_OBJECT
 public:
+    enum class Display { Offscreen, Window };
     /// timeoutSeconds 0: no guard.
-    HeadlessRun(SessionOptions options, QDir output, int timeoutSeconds);
+    SessionRun(SessionOptions options, QDir output, int timeoutSeconds, Display display);
     /// Starts the session; exitRequested comes once with the exit status:
     /// 0 best shot, 1 error outcome, 3 no outcome in time.
     void start();
@@ -31,6 +34,7 @@ private:
     DetectorTiming timing_;
     DemoSession session_;
     QDir output_;
+    Display display_;
     QTimer guard_;
     QJsonObject files_;
     bool reported_ = false;

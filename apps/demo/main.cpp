@@ -1,14 +1,16 @@
 // zavocamera-demo: a host application of the ZavoCamera screen.
 //
 // With a display it shows the camera screen on the chosen front camera and
-// then the best shot or the error; without one (QT_QPA_PLATFORM=offscreen)
+// then the best shot or the error; without one (or with --quit-after-session)
 // it runs one session, saves a screenshot of the running screen and the best
 // shot, and prints a one-line JSON summary. See --help.
 #include "DemoOptions.h"
 #include "DemoWindow.h"
-#include "HeadlessRun.h"
+#include "SessionRun.h"
+#include "WindowPlacement.h"
 
 #include "platform/CaptureAuthorization.h"
+#include "platform/DeviceScreen.h"
 #include "platform/FileSystem.h"
 
 #include <QApplication>
@@ -27,6 +29,15 @@ void describeHost()
     QCoreApplication::setApplicationName(QStringLiteral("ZavoCamera Demo"));
     QCoreApplication::setApplicationVersion(QStringLiteral("0.1.0"));
     qApp->setProperty("CFBundleVersion", QStringLiteral("1"));
+}
+
+// Without a display there is nothing for the default xcb plug-in to open,
+// and Qt would abort before --help could be read: run offscreen instead.
+void chooseOffscreenWithoutDisplay()
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY")
+        && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
 }
 
 bool isHeadless()
@@ -68,6 +79,7 @@ void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const
 
 int main(int argc, char** argv)
 {
+    chooseOffscreenWithoutDisplay();
     // Without a display the screenshots are taken at twice the point size, as
     // a phone's screen shows the camera: the preview at the clip's 720x1280.
     if (qgetenv("QT_QPA_PLATFORM") == "offscreen" && qEnvironmentVariableIsEmpty("QT_SCALE_FACTOR"))
@@ -100,19 +112,22 @@ int main(int argc, char** argv)
     // request itself, the way a user would tap "Allow".
     platform::CaptureAuthorization::setPolicy(std::make_shared<platform::FixedCaptureAuthorizationPolicy>(
         platform::AuthorizationStatus::NotDetermined, true));
+    if (options->orientation)
+        platform::Device::setOrientationOverride(options->orientation);
 
     SessionOptions sessionOptions;
     sessionOptions.recordVideo = options->recordVideo;
-    if (isHeadless()) {
-        HeadlessRun run(sessionOptions, *output, options->timeoutSeconds);
-        QObject::connect(&run, &HeadlessRun::exitRequested, &app, [](int status) { QCoreApplication::exit(status); },
+    if (isHeadless() || options->quitAfterSession) {
+        SessionRun run(sessionOptions, *output, options->timeoutSeconds,
+                       isHeadless() ? SessionRun::Display::Offscreen : SessionRun::Display::Window);
+        QObject::connect(&run, &SessionRun::exitRequested, &app, [](int status) { QCoreApplication::exit(status); },
                          Qt::QueuedConnection);
         run.start();
         return app.exec();
     }
     QTextStream(stderr) << "zavocamera-demo: camera " << camera->description() << ", output " << output->path() << '\n';
     DemoWindow window(sessionOptions);
-    window.show();
+    showPlaced(&window);
     window.startSession();
     return app.exec();
 }

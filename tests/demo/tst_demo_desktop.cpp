@@ -1,0 +1,149 @@
+// The demo as a user starts it: in a real X server (Xvfb with the xcb
+// plug-in) on a wide and a tall screen and at a scale factor of 2, each to a
+// best shot whose face box lies where the offscreen run finds it; and --help
+// with no display at all.
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRectF>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+struct Run {
+    int exitCode = -1;
+    QJsonObject summary;
+    QString errors;
+};
+
+/// Runs program with arguments in environment; the summary is the last line
+/// of its output. The limit only bounds a hang: the demo's own guard ends a
+/// session that finds nothing well before it.
+Run runDemo(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(program, arguments);
+    Run run;
+    if (!process.waitForFinished(600000)) {
+        process.kill();
+        process.waitForFinished();
+        run.errors = QStringLiteral("did not end");
+        return run;
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.errors = QString::fromLocal8Bit(process.readAllStandardError()).right(2000);
+    const QList<QByteArray> lines = process.readAllStandardOutput().trimmed().split('\n');
+    run.summary = QJsonDocument::fromJson(lines.last()).object();
+    return run;
+}
+
+QRectF boxOf(const QJsonObject& summary)
+{
+    const QJsonArray box = summary.value(QStringLiteral("faceBox")).toArray();
+    return box.size() == 4 ? QRectF(box[0].toDouble(), box[1].toDouble(), box[2].toDouble(), box[3].toDouble())
+                           : QRectF();
+}
+
+double intersectionOverUnion(const QRectF& a, const QRectF& b)
+{
+    const QRectF common = a.intersected(b);
+    const double shared = common.width() * common.height();
+    const double all = a.width() * a.height() + b.width() * b.height() - shared;
+    return all > 0 ? shared / all : 0;
+}
+
+/// The test's environment without anything that names a display or a
+/// platform plug-in (CTest runs the suites offscreen).
+QProcessEnvironment withoutDisplay()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM", "QT_SCALE_FACTOR"})
+        environment.remove(QString::fromLatin1(name));
+    return environment;
+}
+
+}  // namespace
+
+class TstDemoDesktop : public QObject {
+    Q_OBJECT
+
+    const QString demo = QStringLiteral(ZAVO_DEMO_PATH);
+    QTemporaryDir scratch;
+    QRectF offscreenBox;
+
+private slots:
+    void helpNeedsNoDisplay()
+    {
+        QProcess process;
+        process.setProcessEnvironment(withoutDisplay());
+        process.start(demo, {QStringLiteral("--help")});
+        QVERIFY(process.waitForFinished(60000));
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), 0);
+        const QString help = QString::fromLocal8Bit(process.readAllStandardOutput());
+        QVERIFY(help.contains(QStringLiteral("--quit-after-session")));
+        QVERIFY(help.contains(QStringLiteral("--orientation")));
+    }
+
+    void aBadOptionIsRefusedWithoutDisplay()
+    {
+        QProcess process;
+        process.setProcessEnvironment(withoutDisplay());
+        process.start(demo, {QStringLiteral("--orientation"), QStringLiteral("sideways")});
+        QVERIFY(process.waitForFinished(60000));
+        QCOMPARE(process.exitCode(), 2);
+        QVERIFY(process.readAllStandardError().contains("--orientation"));
+    }
+
+    void realScreens_data()
+    {
+        QTest::addColumn<QString>("screen");
+        QTest::addColumn<QString>("scale");
+        QTest::newRow("1920x1080") << "1920x1080x24" << "";
+        QTest::newRow("1080x1920") << "1080x1920x24" << "";
+        QTest::newRow("1920x1080 at scale 2") << "1920x1080x24" << "2";
+    }
+
+    void realScreens()
+    {
+        QFETCH(QString, screen);
+        QFETCH(QString, scale);
+        const QString xvfbRun = QStandardPaths::findExecutable(QStringLiteral("xvfb-run"));
+        if (xvfbRun.isEmpty() || QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty())
+            QSKIP("no X server to start: install the xvfb package (scripts/setup.sh does)");
+        if (offscreenBox.isNull()) {
+            QProcessEnvironment offscreen = withoutDisplay();
+            offscreen.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+            const Run reference = runDemo(demo, {"--output", scratch.filePath("offscreen")}, offscreen);
+            QVERIFY2(reference.exitCode == 0, qPrintable(reference.errors));
+            offscreenBox = boxOf(reference.summary);
+            QVERIFY(!offscreenBox.isEmpty());
+        }
+
+        QProcessEnvironment desktop = withoutDisplay();
+        desktop.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+        if (!scale.isEmpty())
+            desktop.insert(QStringLiteral("QT_SCALE_FACTOR"), scale);
+        const QString output = scratch.filePath(QTest::currentDataTag());
+        const Run run = runDemo(xvfbRun,
+                                {"-a", "-s", QStringLiteral("-screen 0 %1").arg(screen), demo, "--quit-after-session",
+                                 "--output", output},
+                                desktop);
+        QVERIFY2(run.exitCode == 0, qPrintable(run.errors));
+        QCOMPARE(run.summary.value("outcome").toString(), QStringLiteral("bestShot"));
+        const double overlap = intersectionOverUnion(boxOf(run.summary), offscreenBox);
+        QVERIFY2(overlap >= 0.5, qPrintable(QStringLiteral("face box overlap %1").arg(overlap)));
+        // The sample clip is a portrait face: the session video shows it so.
+        const QJsonArray shown = run.summary.value("videoDisplaySize").toArray();
+        QCOMPARE(shown.size(), 2);
+        QVERIFY(shown[0].toInt() < shown[1].toInt());
+        QVERIFY(QFile::exists(run.summary.value("screenshot").toString()));
+    }
+};
+
+QTEST_GUILESS_MAIN(TstDemoDesktop)
+#include "tst_demo_desktop.moc"
