@@ -56,7 +56,8 @@ endfunction()
 
 # zavo_add_test(<name> SOURCES ... LIBS ...): one Qt Test executable, run
 # offscreen by CTest with a private HOME so that Documents is a scratch folder.
-# Under ThreadSanitizer every suite shares tests/tsan.supp; die_after_fork=0
+# Under ThreadSanitizer every suite shares tests/tsan.supp, under LeakSanitizer
+# tests/lsan.supp (third-party code only, the demo's X session in Xvfb); die_after_fork=0
 # because several suites start ffmpeg or ffprobe through QProcess, which forks
 # a process that already has threads (the child only calls exec).
 function(zavo_add_test name)
@@ -72,7 +73,7 @@ function(zavo_add_test name)
   set_tests_properties(${name} PROPERTIES
     TIMEOUT ${ARG_TIMEOUT}
     LABELS "${ARG_LABELS}"
-    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_RULES=qt.qpa.*=false;HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name};XDG_CONFIG_HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name}/.config;ASAN_OPTIONS=detect_leaks=1:abort_on_error=0;UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1;TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_RULES=qt.qpa.*=false;HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name};XDG_CONFIG_HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name}/.config;ASAN_OPTIONS=detect_leaks=1:abort_on_error=0;LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp;UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1;TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
 endfunction()
 
 # zavo_glob_sources(<out-sources> <out-public-headers>): the .cpp files of the
