@@ -13,6 +13,8 @@
 #include <QJsonArray>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <string>
+#include <typeinfo>
 
 using namespace zavo;
 using namespace zavo::demo;
@@ -222,8 +224,13 @@ private slots:
         // A timed detector that outlives its timing still works.
         lateDetector->pushFrame(blackFrame(2));
         lateDetector.reset();
+        // Back to normal: the builder gives the reference detector itself,
+        // no longer wrapped.
         auto plain = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
         QVERIFY(plain);
+        const std::string type = typeid(*plain).name();
+        QVERIFY2(type.find("ZCReferenceDetector") != std::string::npos, type.c_str());
+        QVERIFY2(type.find("TimedDetector") == std::string::npos, type.c_str());
     }
 
     void readsAFinishedVideo()

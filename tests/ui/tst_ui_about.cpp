@@ -104,15 +104,6 @@ private slots:
         QTRY_VERIFY(navigation->isNavigationBarHidden());
         QVERIFY(!navigation->navigationBar()->isVisible());
     }
-
-    void outsideANavigationStackAppearingChangesNothing()
-    {
-        ZEAboutVC about(configuration({}, {}));
-        about.view()->show();
-        QVERIFY(QTest::qWaitForWindowExposed(about.view()));
-        about.view()->hide();
-        QVERIFY(!about.navigationController());
-    }
 };
 
 QTEST_MAIN(TstUiAbout)
