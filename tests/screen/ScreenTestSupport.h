@@ -13,6 +13,7 @@
 #include <QThread>
 #include <QtTest>
 
+#include <atomic>
 #include <mutex>
 #include <pthread.h>
 
@@ -75,9 +76,14 @@ public:
     int count() const { return int(outcomes().size()); }
     Outcome last() const { return outcomes().back(); }
 
+    /// Counts every outcome here too; outlives the delegate, so a test can
+    /// see what reached a host after it let go.
+    std::shared_ptr<std::atomic<int>> tally = std::make_shared<std::atomic<int>>(0);
+
 private:
     void record(Outcome outcome)
     {
+        ++*tally;
         std::lock_guard lock(mutex_);
         outcomes_.push_back(std::move(outcome));
     }

@@ -543,14 +543,24 @@ private slots:
     void outcomesAreDroppedOnceTheHostLetsGo()
     {
         present();
+        const auto tally = host->tally;
         std::weak_ptr<HostDelegate> watch = host;
+        // The session queue is held so that the close is still on its way
+        // when the host lets go: a screen that took the delegate at the
+        // click would keep it alive and tell it.
+        std::promise<void> gate;
+        auto opened = gate.get_future().share();
+        screen->captureManager()->captureSessionQueue()->async([opened] { opened.wait(); });
+        QTest::mouseClick(screen->closeButton(), Qt::LeftButton);
         host.reset();
         QVERIFY(watch.expired());
-        QTest::mouseClick(screen->closeButton(), Qt::LeftButton);
+        gate.set_value();
         report(1000);
         // Both endings run their stop and find nobody to tell.
         QTRY_VERIFY(!screen->closedByUser());
         screen->captureManager()->captureSessionQueue()->sync([] {});
+        QTest::qWait(50);  // a delivery hopping through the main queue lands here
+        QCOMPARE(tally->load(), 0);
         host = std::make_shared<HostDelegate>();
     }
 
