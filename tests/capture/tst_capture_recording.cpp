@@ -191,21 +191,22 @@ private slots:
         QVERIFY(error);
         QVERIFY(!FileCaptureDevice::create(scratch.filePath("missing.mp4"), CaptureDevicePosition::Front, &error));
 
-        // A clip cut off in the middle: refused, or played as far as it goes.
+        // A clip cut off in the middle (its index comes first, so the index
+        // is whole): it plays the frames it still has.
         QFile original(kClip);
         QVERIFY(original.open(QIODevice::ReadOnly));
         const QString truncated = scratch.filePath("truncated.mp4");
         QVERIFY(writeFileAtomically(truncated, original.read(original.size() / 2)));
+        error.reset();
         auto camera = FileCaptureDevice::create(truncated, CaptureDevicePosition::Front, &error);
-        if (!camera)
-            return;
+        QVERIFY2(camera, error ? qPrintable(error->localizedDescription()) : "no error");
         CaptureDeviceRegistry::shared().registerDevice(camera);
         Session session;
         QVERIFY(session.configure());
         std::atomic<int> frames{0};
         session.manager->defineSampleBufferhandler([&](const SampleBuffer&) { ++frames; });
         session.manager->start();
-        QTRY_VERIFY(frames.load() > 3 || session.manager->session()->runtimeError());
+        QTRY_VERIFY(frames.load() > 3);
         std::atomic<bool> stopped{false};
         session.manager->stopWithCompletion([&] { stopped = true; });
         QTRY_VERIFY_WITH_TIMEOUT(stopped.load(), 20000);
