@@ -321,16 +321,23 @@ private slots:
 
     void destroyingLeavesNoThreadBehind()
     {
-        const int before = threadCount();
         auto settings = testSettings();
         settings.synchronousProcessing = false;
-        {
+        const auto session = [&] {
             Rig rig(settings);
             rig.detector->launchWizard();
             rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 0.5);
             // Released with frames waiting and probably one being analysed.
-        }
-        QCOMPARE(threadCount(), before);
+        };
+        // The first analysis starts OpenCV's worker pool, which stays for the
+        // process; count after it, so that this test does not depend on
+        // which tests ran before it.
+        session();
+        const int before = threadCount();
+        session();
+        // Threads end on their own time; one that never does fails this. The
+        // limit only bounds that, however busy the machine.
+        QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= before, 30000);
     }
 
     void theDetectorMayBeReleasedFromADelegateCall()
