@@ -15,6 +15,8 @@
 #include "platform/ProcessInfo.h"
 #include "zavocore/ZavoCore.h"
 
+#include <opencv2/core/utility.hpp>
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -216,6 +218,11 @@ inline bool warmUp()
 /// detector, every log line recorded, and a first session run.
 inline bool prepareSuite()
 {
+    // OpenCV's parallel backend (TBB) starts and ends its worker threads on
+    // its own schedule, by load: a count of threads taken around a test would
+    // see them come and go. The suites count only the component's threads, so
+    // as the host they keep OpenCV on the calling thread.
+    cv::setNumThreads(1);
     platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
     platform::CaptureDeviceRegistry::shared().unregisterAll();
     core::ZCBestShotBuilder::setFactory({});
