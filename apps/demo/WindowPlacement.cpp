@@ -25,8 +25,8 @@ void showPlaced(QWidget* window)
         width = available.width() * 9 / 10;
         height = width * 16 / 9;
     }
-    window->resize(std::max(width, 1), std::max(height, 1));
-    window->setGeometry(QStyle::alignedRect(Qt::LeftToRight, Qt::AlignCenter, window->size(), available));
+    const QSize size(std::max(width, 1), std::max(height, 1));
+    window->setGeometry(QStyle::alignedRect(Qt::LeftToRight, Qt::AlignCenter, size, available));
     window->show();
 }
 
