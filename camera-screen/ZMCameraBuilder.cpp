@@ -3,6 +3,7 @@
 #include "camera-screen/ZMBundleLink.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 #include "camera-screen/ZMStoryboard_p.h"
+#include "platform/Log.h"
 
 namespace zavo {
 
@@ -12,6 +13,11 @@ ZMCameraViewControllerPtr ZMCameraBuilder::viewController(std::weak_ptr<ZMCamera
                                                           std::shared_ptr<ZMCustomization> zavoCustomization,
                                                           bool recordVideo)
 {
+    if (zavoCustomization && !zavoCustomization->uiCustomizer()) {
+        qCCritical(platform::lcScreen, "ZMCameraBuilder: the customization has no uiCustomizer; no screen is made "
+                                       "(pass ZMDefaultUICustomizer to keep the built-in views, or no customization)");
+        return nullptr;
+    }
     const platform::Bundle& bundle = ZMBundleLink::bundle();
     const ZMStoryboard storyboard = ZMStoryboard::storyboardWithName(QStringLiteral("UI"), bundle);
     const auto scene = storyboard.instantiateViewControllerWithIdentifier(QStringLiteral("ZMCameraViewController"));

@@ -10,7 +10,8 @@ struct ZMCameraBuilder {
     /// A camera screen that nothing has started yet: capture begins when the
     /// host shows its view, and the session ends with one call on delegate.
     /// livenessAPI and zavoCustomization may be null; recordVideo turns the
-    /// session video on. Main thread.
+    /// session video on. Null, with a critical log line, for a customization
+    /// whose uiCustomizer is null. Main thread.
     static ZMCameraViewControllerPtr viewController(std::weak_ptr<ZMCameraDelegate> delegate,
                                                     core::ZCZavoConfigurationPtr configuration,
                                                     std::shared_ptr<core::ZCOnlineLivenessProtocol> livenessAPI,

@@ -1,4 +1,5 @@
 #include "camera-screen/ZMCameraError.h"
+#include "camera-screen/ZMCameraError_p.h"
 
 #include "camera-screen/ZMBundleLink.h"
 #include "zavocore/ZavoCore.h"
@@ -24,11 +25,11 @@ ZMCameraError ZMCameraError::error(platform::ErrorPtr error)
 
 ZMCameraError ZMCameraError::canceled() { return ZMCameraError(Payload(Canceled{})); }
 
-ZMCameraError::ZMCameraError(platform::ErrorObjectPtr detectorError)
-    : payload_(detectorError && detectorError->domain() == core::kZCErrorDomain
-                   ? Payload(std::in_place_index<2>, detectorError)
-                   : Payload(std::in_place_index<3>, platform::ErrorPtr(detectorError)))
+ZMCameraError cameraErrorFromDetector(platform::ErrorObjectPtr detectorError)
 {
+    return ZMCameraError(detectorError && detectorError->domain() == core::kZCErrorDomain
+                             ? ZMCameraError::Payload(std::in_place_index<2>, detectorError)
+                             : ZMCameraError::Payload(std::in_place_index<3>, platform::ErrorPtr(detectorError)));
 }
 
 platform::AuthorizationStatus ZMCameraError::authorizationStatus() const

@@ -24,11 +24,6 @@ public:
     static ZMCameraError error(platform::ErrorPtr error);
     static ZMCameraError canceled();
 
-    /// Wraps an error from the detector or the capture pipeline: an error of
-    /// exactly the core framework's domain becomes bestShotError, any other
-    /// becomes error.
-    explicit ZMCameraError(platform::ErrorObjectPtr detectorError);
-
     Case kind() const { return static_cast<Case>(payload_.index()); }
     /// The payload of the matching case; a default value for other cases.
     platform::AuthorizationStatus authorizationStatus() const;
@@ -42,6 +37,7 @@ public:
     std::optional<QString> errorDescription() const override;
 
 private:
+    friend ZMCameraError cameraErrorFromDetector(platform::ErrorObjectPtr detectorError);
     struct Canceled {};
     using Payload = std::variant<platform::AuthorizationStatus, web::NetworkingError, platform::ErrorObjectPtr,
                                  platform::ErrorPtr, Canceled>;

@@ -332,10 +332,22 @@ void ZMCameraViewController::viewDidLayoutSubviews()
 
 void ZMCameraViewController::viewDidChangeScreen(QScreen* screen) { platform::Device::followScreen(screen); }
 
+void ZMCameraViewController::viewWasDestroyed()
+{
+    // The host took the screen down (closed and deleted the window holding
+    // it). Every widget is gone; the session ends as if closed, unless an
+    // ending is already on its way.
+    viewSetUp_ = false;
+    if (!endingStarted_)
+        close();
+}
+
 // ------------------------------------------------------- capture wiring
 
 void ZMCameraViewController::setupPreview(const platform::CaptureVideoPreviewLayerPtr& layer)
 {
+    if (wasViewDestroyed())
+        return;  // the session was cancelled with the view
     if (layer) {
         layer->setFrame(QRectF(view()->rect()));
         layer->setVideoGravity(platform::CaptureVideoPreviewLayer::VideoGravity::ResizeAspectFill);
@@ -379,6 +391,8 @@ void ZMCameraViewController::close()
 
 void ZMCameraViewController::setLivenessActivityVisible(bool visible)
 {
+    if (wasViewDestroyed())
+        return;
     if (!livenessActivity_)
         qFatal("ZMCameraViewController: the scene has no outlet 'livenessActivity'");
     livenessActivity_->setVisible(visible);
@@ -386,6 +400,8 @@ void ZMCameraViewController::setLivenessActivityVisible(bool visible)
 
 void ZMCameraViewController::moveFaceFrame(const QRectF& rect)
 {
+    if (wasViewDestroyed())
+        return;
     QWidget* face = faceDetectionView().widget();
     if (rect == QRectF(0, 0, 0, 0)) {
         if (faceAnimation_)
@@ -423,6 +439,8 @@ void ZMCameraViewController::moveFaceFrame(const QRectF& rect)
 
 void ZMCameraViewController::announce(const QString& message)
 {
+    if (wasViewDestroyed())
+        return;
     QWidget* banner = notificationView_->widget();
     banner->setAccessibleDescription(message);
     QAccessibleEvent event(banner, QAccessible::Alert);

@@ -2,12 +2,14 @@
 // permission answer, the detector (face rectangle, best shot, errors,
 // liveness activity), the capture manager's recording callbacks and the end
 // of the session with one call on the host's delegate.
+#include "camera-screen/ZMCameraError_p.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 
 #include "platform/DispatchQueue.h"
-#include "recording/ZMRecordingStorage.h"
+#include "platform/Log.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZavoCore.h"
+
 
 namespace zavo {
 
@@ -24,7 +26,9 @@ bool endsSession(long code)
 
 bool showsLongMessage(long code)
 {
-    return code == long(core::ZCErrorCode::FaceSize) || code == long(core::ZCErrorCode::MultipleFaces);
+    // A step's prompt stays up while the user acts on it.
+    return code == long(core::ZCErrorCode::FaceSize) || code == long(core::ZCErrorCode::MultipleFaces)
+        || code == long(core::ZCErrorCode::StepPrompt);
 }
 
 }  // namespace
@@ -33,7 +37,16 @@ bool showsLongMessage(long code)
 
 void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus status)
 {
+    if (wasViewDestroyed())
+        return;  // cancelled with the view: nothing starts
     if (status == platform::AuthorizationStatus::Authorized) {
+        {
+            // Read later on a recorder thread, which must never wait for the
+            // main queue: it may not run again (the host is quitting).
+            std::lock_guard lock(videoPolicyMutex_);
+            saveOnlyFaceVideo_ = requiredConfiguration("the video is saved").saveOnlyFaceVideo;
+            videoPolicyDetector_ = bestShotDetector();
+        }
         captureManager()->start();
         bestShotDetector()->launchWizard();
         return;
@@ -81,8 +94,9 @@ void ZMCameraViewController::livenessIsActive(bool active)
 
 void ZMCameraViewController::handleDetectorError(const platform::ErrorPtr& error)
 {
-    faceDetectionView().switchToNegativeState();
-    const ZMCameraError cameraError(platform::ErrorObject::bridge(error));
+    if (!wasViewDestroyed())
+        faceDetectionView().switchToNegativeState();
+    const ZMCameraError cameraError = cameraErrorFromDetector(platform::ErrorObject::bridge(error));
     switch (cameraError.kind()) {
     case ZMCameraError::Case::error:
         if (const auto* networking = platform::errorCast<web::NetworkingError>(cameraError.errorValue().get()))
@@ -156,7 +170,7 @@ void ZMCameraViewController::handleDetectorCode(const ZMCameraError& cameraError
 
 void ZMCameraViewController::showNotification(platform::ErrorPtr error, bool isLong)
 {
-    if (!canShow_ || !error)
+    if (wasViewDestroyed() || !canShow_ || !error)
         return;
     const platform::ErrorPtr current = notificationView_->notificationMessage();
     if (current && current->localizedDescription() == error->localizedDescription())
@@ -168,6 +182,8 @@ void ZMCameraViewController::showNotification(platform::ErrorPtr error, bool isL
     // Not cancelled by a later message: a message that replaces another one
     // goes when the first one's time is up.
     DispatchQueue::main().asyncAfter(isLong ? 2.0 : 0.5, [self = strongSelf()] {
+        if (self->wasViewDestroyed())
+            return;
         self->notificationView_->widget()->hide();
         self->notificationView_->showNotificationMessage(nullptr);
         self->faceDetectionView().switchToPositiveState();
@@ -178,6 +194,8 @@ void ZMCameraViewController::hideNotification()
 {
     if (auto self = strongSelf()) {
         DispatchQueue::main().async([self] {
+            if (self->wasViewDestroyed())
+                return;
             self->notificationView_->widget()->hide();
             self->faceDetectionView().switchToPositiveState();
         });
@@ -188,21 +206,48 @@ void ZMCameraViewController::hideNotification()
 
 bool ZMCameraViewController::shouldDeleteResultingVideo()
 {
-    // Asked on a recorder thread; the configuration and the detector belong
-    // to the main queue, which never waits for the recorders.
-    bool deleteVideo = false;
-    DispatchQueue::main().sync([&] {
-        deleteVideo = requiredConfiguration("the video is saved").saveOnlyFaceVideo && !bestShotDetector()->faceFound();
-    });
-    return deleteVideo;
+    // Asked on a recorder thread, from what the session started with; the
+    // detector answers faceFound() from any thread.
+    std::lock_guard lock(videoPolicyMutex_);
+    return saveOnlyFaceVideo_ && videoPolicyDetector_ && !videoPolicyDetector_->faceFound();
 }
 
 void ZMCameraViewController::videoSaveProcessBegan() { livenessIsActive(true); }
 
 void ZMCameraViewController::videoSavedWithError(platform::ErrorPtr error)
 {
-    Q_UNUSED(error);  // the recording manager has logged it; the host hears nothing of it
+    Q_UNUSED(error);  // the recording manager has logged it; the host hears of it in videoFinished
     livenessIsActive(false);
+}
+
+void ZMCameraViewController::recordingDidFinish(std::optional<QString> videoFile, platform::ErrorPtr error)
+{
+    const VideoFinal final{std::move(videoFile), std::move(error)};
+    bool deliverNow = false;
+    {
+        std::lock_guard lock(finalMutex_);
+        if (outcomeDelivered_)
+            deliverNow = outcomeNamedVideo_;
+        else
+            pendingFinal_ = final;
+    }
+    if (deliverNow)
+        deliverVideoFinal(final);
+}
+
+void ZMCameraViewController::deliverVideoFinal(const VideoFinal& final)
+{
+    if (auto target = delegate())
+        target->videoFinished(final.file, final.error);
+}
+
+void ZMCameraViewController::captureDidFailWithError(platform::ErrorPtr error)
+{
+    // The camera will send no more frames: end now the way the detector ends
+    // when frames stop, instead of waiting out its frame time-out.
+    qCWarning(platform::lcCore, "the camera stopped: %s",
+              qUtf8Printable(error ? error->localizedDescription() : QStringLiteral("no reason given")));
+    bestShotError(core::makeZCError(core::ZCErrorCode::NoFrames, QStringLiteral("errors.no_frames")));
 }
 
 // ------------------------------------------------------------- endings
@@ -221,6 +266,7 @@ void ZMCameraViewController::finishWithBestShot(core::ZCBestShotPtr bestShot)
 // There is no guard against a second ending: each one stops and delivers.
 void ZMCameraViewController::stopAndDeliver(std::function<void(ZMCameraViewController&)> delivery)
 {
+    endingStarted_ = true;
     captureManager()->stopWithCompletion([weak = weakSelf(), delivery = std::move(delivery)] {
         if (auto self = weak.lock())
             delivery(*self);
@@ -233,24 +279,47 @@ std::optional<QString> ZMCameraViewController::deliveredVideoFile() const
     // before any stop, and is never replaced.
     if (!captureManager_->recordVideo())
         return std::nullopt;
+    // Only this session's recording: a session that never recorded a frame
+    // (permission refused, closed or failed before the camera sent one) has
+    // none, and the file at the usual path, if any, is an earlier session's.
     const QString path = captureManager_->videoFile();
-    // A session that never started recording (refused permission) has no path
-    // from the manager yet; the host still gets where the video lives.
-    if (path.isEmpty())
-        return ZMRecordingStorage::folderPath() + QLatin1Char('/') + ZMRecordingStorage::kRecordedVideoFileName;
+    if (path.isEmpty() || captureManager_->recordedFrameCount() == 0)
+        return std::nullopt;
     return path;
 }
 
 void ZMCameraViewController::deliverError(const ZMCameraError& error)
 {
+    const auto videoFile = deliveredVideoFile();
     if (auto target = delegate())
-        target->error(error, deliveredVideoFile());
+        target->error(error, videoFile);
+    outcomeDelivered(videoFile.has_value());
 }
 
 void ZMCameraViewController::deliverBestShot(const core::ZCBestShotPtr& bestShot)
 {
+    const auto videoFile = deliveredVideoFile();
     if (auto target = delegate())
-        target->bestShot(bestShot, deliveredVideoFile());
+        target->bestShot(bestShot, videoFile);
+    outcomeDelivered(videoFile.has_value());
+}
+
+void ZMCameraViewController::outcomeDelivered(bool namedVideo)
+{
+    std::optional<VideoFinal> pending;
+    {
+        std::lock_guard lock(finalMutex_);
+        // A second outcome (a second tap on close) changes nothing: the
+        // video's end is told once, after the first.
+        if (outcomeDelivered_)
+            return;
+        outcomeDelivered_ = true;
+        outcomeNamedVideo_ = namedVideo;
+        if (namedVideo)
+            pending = std::exchange(pendingFinal_, std::nullopt);
+    }
+    if (pending)
+        deliverVideoFinal(*pending);
 }
 
 }  // namespace zavo

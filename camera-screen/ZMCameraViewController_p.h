@@ -152,6 +152,8 @@ public:
     bool shouldDeleteResultingVideo() override;
     void videoSaveProcessBegan() override;
     void videoSavedWithError(platform::ErrorPtr error) override;
+    void captureDidFailWithError(platform::ErrorPtr error) override;
+    void recordingDidFinish(std::optional<QString> videoFile, platform::ErrorPtr error) override;
 
     // ------------------------------------------------ result flow (main)
 
@@ -168,6 +170,7 @@ protected:
     void viewDidLoad() override;
     void viewDidLayoutSubviews() override;
     void viewDidChangeScreen(QScreen* screen) override;
+    void viewWasDestroyed() override;
 
 private:
     class EventFilter;
@@ -195,6 +198,7 @@ private:
     void stopAndDeliver(std::function<void(ZMCameraViewController&)> delivery);
     void deliverError(const ZMCameraError& error);
     void deliverBestShot(const core::ZCBestShotPtr& bestShot);
+    void outcomeDelivered(bool namedVideo);
     std::optional<QString> deliveredVideoFile() const;
 
     // Outlets of the scene (weak: the root view owns them).
@@ -216,6 +220,23 @@ private:
     core::ZCBestShotDetectorPtr bestShotDetector_;
     detail::OwnedView<ZMFaceDetectionViewProtocol> faceDetectionView_;
 
+    // The outcome and the final video arrive on different threads, in either
+    // order; the host hears the outcome first.
+    struct VideoFinal {
+        std::optional<QString> file;
+        platform::ErrorPtr error;
+    };
+    void deliverVideoFinal(const VideoFinal& final);
+    std::mutex finalMutex_;
+    bool outcomeDelivered_ = false;          // guarded by finalMutex_
+    bool outcomeNamedVideo_ = false;         // guarded by finalMutex_
+    std::optional<VideoFinal> pendingFinal_;  // guarded by finalMutex_
+
+    // What a recorder thread needs to decide whether the video is kept.
+    mutable std::mutex videoPolicyMutex_;
+    bool saveOnlyFaceVideo_ = false;                    // guarded by videoPolicyMutex_
+    core::ZCBestShotDetectorPtr videoPolicyDetector_;  // guarded by videoPolicyMutex_
+
     // bestShot() writes it on the detector's thread, everything else on main.
     std::atomic<bool> closedByUser_{true};
     bool canShow_ = true;
@@ -227,6 +248,7 @@ private:
     QPointer<QWidget> previewView_;
     QPointer<QVariantAnimation> faceAnimation_;
     bool viewSetUp_ = false;
+    bool endingStarted_ = false;  // main queue
 };
 
 }  // namespace zavo

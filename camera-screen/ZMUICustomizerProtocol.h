@@ -31,11 +31,11 @@ public:
 /// What a host may change about the screen's look.
 class ZMCustomization final {
 public:
-    /// uiCustomizer must not be null.
+    /// uiCustomizer must not be null: the builder refuses a customization
+    /// without one (ZMDefaultUICustomizer keeps both built-in views).
     explicit ZMCustomization(std::shared_ptr<ZMUICustomizerProtocol> uiCustomizer)
         : uiCustomizer_(std::move(uiCustomizer))
     {
-        Q_ASSERT(uiCustomizer_);
     }
     const std::shared_ptr<ZMUICustomizerProtocol>& uiCustomizer() const { return uiCustomizer_; }
 

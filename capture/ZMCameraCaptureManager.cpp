@@ -253,6 +253,8 @@ void ZMCameraCaptureManager::startVideoFileRecord()
         std::lock_guard lock(mutex_);
         videoFile_ = path;
     }
+    recordedFrames_.store(0);
+    recordingReports_.store(0);
     QFile::remove(path);  // a leftover from an earlier session; failure does not matter
     if (auto service = saveVideoService())
         service->beginRecordWithFileURL(QUrl::fromLocalFile(path));
@@ -283,8 +285,10 @@ void ZMCameraCaptureManager::captureOutputDidOutputSampleBuffer(CaptureVideoData
                                                                 const SampleBuffer& sampleBuffer, CaptureConnection&)
 {
     if (recordVideo()) {
-        if (auto service = saveVideoService())
+        if (auto service = saveVideoService()) {
+            recordedFrames_.fetch_add(1, std::memory_order_relaxed);
             service->appendStorageWithSampleBuffer(sampleBuffer);
+        }
     }
     std::shared_ptr<const SampleBufferHandler> handler;
     {
@@ -317,6 +321,14 @@ void ZMCameraCaptureManager::videoFlushingDidEndWithError(ErrorPtr error)
             qCWarning(lcCapture, ">>> Error while deleting video file <%s>", qUtf8Printable(file));
     }
     target->videoSavedWithError(error);
+
+    // The movie-output recorder reports twice when it goes on to recompress
+    // (a kept, finished recording); its first report is final otherwise.
+    const int report = ++recordingReports_;
+    const bool exists = QFile::exists(file);
+    const bool recompresses = std::dynamic_pointer_cast<ZMSaveVideoExService>(saveVideoService()) != nullptr;
+    if (!recompresses || report >= 2 || error || !exists)
+        target->recordingDidFinish(exists ? std::optional<QString>(file) : std::nullopt, error);
 }
 
 // ---------------------------------------------- discovery and format choice
@@ -423,6 +435,19 @@ void ZMCameraCaptureManager::setupObservation()
                                                         if (auto self = weakSelf.lock())
                                                             self->didChangeOrientation();
                                                     });
+    // Only this manager's current session counts; an old one replaced by a
+    // configuration may still report while it winds down.
+    NotificationCenter::defaultCenter().addObserver(
+        this, kCaptureSessionRuntimeErrorNotification, nullptr, [weakSelf](const Notification& notification) {
+            auto self = weakSelf.lock();
+            if (!self)
+                return;
+            auto current = self->session();
+            if (!current || current.get() != notification.sender)
+                return;
+            if (auto target = self->delegate())
+                target->captureDidFailWithError(current->runtimeError());
+        });
 }
 
 void ZMCameraCaptureManager::didChangeOrientation()

@@ -90,6 +90,9 @@ public:
     /// Path of the session video of the current recording; empty before the
     /// first recording.
     QString videoFile() const;
+    /// Frames captured since the current recording began (0 when nothing
+    /// was recorded: the camera sent nothing, or recording is off).
+    int64_t recordedFrameCount() const { return recordedFrames_.load(); }
 
     // ------------------------------------------------- ZMCameraCaptureProtocol
 
@@ -161,6 +164,8 @@ private:
     std::atomic<double> frameWidth_{720.0};
     std::atomic<double> frameHeight_{1280.0};
     std::atomic<int> cameraPosition_{0};
+    std::atomic<int64_t> recordedFrames_{0};
+    std::atomic<int> recordingReports_{0};
 
     platform::DispatchQueuePtr captureSessionQueue_;
 

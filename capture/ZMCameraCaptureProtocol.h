@@ -7,6 +7,7 @@
 
 #include <QRectF>
 #include <functional>
+#include <optional>
 #include <memory>
 
 namespace zavo::platform {
@@ -38,6 +39,19 @@ public:
     virtual bool shouldDeleteResultingVideo() = 0;
     virtual void videoSaveProcessBegan() = 0;
     virtual void videoSavedWithError(platform::ErrorPtr error) = 0;
+    /// The camera stopped delivering for good while the session ran: it
+    /// could not be opened, is busy elsewhere, or was unplugged. Called on
+    /// the session queue or the capture thread.
+    virtual void captureDidFailWithError(platform::ErrorPtr error) { (void)error; }
+    /// The recording is final: after its last report (the movie-output
+    /// recorder reports the recording and then its recompression), with the
+    /// file when one is left and the last error, if any. Once per recording,
+    /// on the recorder's thread.
+    virtual void recordingDidFinish(std::optional<QString> videoFile, platform::ErrorPtr error)
+    {
+        (void)videoFile;
+        (void)error;
+    }
 };
 
 }  // namespace zavo

@@ -7,7 +7,7 @@
 #include "capture/ZMCameraCaptureManager.h"
 #include "platform/DeviceScreen.h"
 #include "platform/ProcessInfo.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -106,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzz::setUpOnce();
     static const bool registryReady = [] {
-        CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        CaptureDeviceRegistry::shared().setProviders({});
         return true;
     }();
     (void)registryReady;

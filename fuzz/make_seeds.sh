@@ -48,3 +48,30 @@ printf '\x03\x2c\x01\x00\x00Odd\n{"live": "yes"}' > "$answer/seed-raw-status"
 printf '\x14' > "$answer/seed-no-answer"
 printf '\x01\x00OK\n[{"live": true}]' > "$answer/seed-array"
 printf '\x01\x00OK\n{"code": 1e400, "live": true}' > "$answer/seed-huge-code"
+
+# Webcams: a format list as v4l2-ctl prints it, then frames, each string
+# ended the way FuzzedDataProvider ends one (a backslash and one more byte;
+# a backslash inside is doubled).
+webcam=corpus/webcam_formats
+mkdir -p "$webcam"
+ff -frames:v 2 -vf scale=32:24 -c:v mjpeg -q:v 10 -f image2 -update 0 /tmp/zavo-seed-%d.jpg
+ff -frames:v 1 -vf scale=32:24 -pix_fmt yuyv422 -f rawvideo /tmp/zavo-seed.yuyv
+python3 - "$webcam" ../tests/data/v4l2 <<'PY'
+import pathlib, sys
+out, fixtures = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+def field(b): return b.replace(b"\\", b"\\\\") + b"\\x"
+small = lambda code, name: (f"ioctl: VIDIOC_ENUM_FMT\n\tType: Video Capture\n\n\t[0]: '{code}' ({name})\n"
+                            "\t\tSize: Discrete 32x24\n\t\t\tInterval: Discrete 0.033s (30.000 fps)\n").encode()
+jpegs = [pathlib.Path(f"/tmp/zavo-seed-{i}.jpg").read_bytes() for i in (1, 2)]
+yuyv = pathlib.Path("/tmp/zavo-seed.yuyv").read_bytes()
+seeds = {
+    "seed-mjpeg": field(small("MJPG", "Motion-JPEG, compressed")) + b"".join(field(j) for j in jpegs),
+    "seed-mjpeg-cut": field(small("MJPG", "Motion-JPEG, compressed")) + field(jpegs[0][: len(jpegs[0]) // 2]) + field(jpegs[1] + b"\0" * 64),
+    "seed-yuyv": field(small("YUYV", "YUYV 4:2:2")) + field(yuyv) + field(yuyv[:100]),
+}
+for name in ("usb1080p_h264", "stepwise", "only_640x480"):
+    seeds[f"seed-{name}"] = field((fixtures / f"{name}.txt").read_bytes()) + field(jpegs[0])
+for name, data in seeds.items():
+    (out / name).write_bytes(data)
+PY
+rm -f /tmp/zavo-seed-*.jpg /tmp/zavo-seed.yuyv

@@ -431,6 +431,10 @@ SampleBuffer AssetReaderTrackOutput::Private::sampleOf(const AVFrame& decoded, c
             pool = PixelBufferPool::create({settings.pixelFormat, width, height});
         buffer = pool ? pool->createPixelBuffer() : nullptr;
     }
+    // A frame read at a fraction of its size is averaged over each target
+    // pixel's area: bilinear taps of a 4x reduction alias fine detail.
+    converter.setScaling(width * 2 <= decoded.width || height * 2 <= decoded.height ? VideoFrameConverter::Scaling::Area
+                                                                                  : VideoFrameConverter::Scaling::Bilinear);
     if (!buffer || !converter.convert(media::planesOf(decoded), *buffer))
         return {};
     if (!formatDescription || formatDescription->width() != width || formatDescription->height() != height)

@@ -223,8 +223,11 @@ bool AssetWriter::Private::openEncoder()
         encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     ffmpeg::AVDictionaryUPtr options;
     if (std::strcmp(codec->name, "libx264") == 0) {
-        ffmpeg::setOption(options, "preset", realTime ? kRealTimePreset : kPreset);
-        ffmpeg::setOption(options, "crf", kConstantRateFactor);
+        const QByteArray preset = input->settings.preset.toLatin1();
+        const QByteArray crf = QByteArray::number(input->settings.constantRateFactor, 'g', 4);
+        ffmpeg::setOption(options, "preset",
+                          !preset.isEmpty() ? preset.constData() : realTime ? kRealTimePreset : kPreset);
+        ffmpeg::setOption(options, "crf", input->settings.constantRateFactor > 0 ? crf.constData() : kConstantRateFactor);
         if (realTime)
             ffmpeg::setOption(options, "tune", "zerolatency");
     }

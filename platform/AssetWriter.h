@@ -44,6 +44,11 @@ struct VideoOutputSettings {
     VideoCodec codec = VideoCodec::H264;
     int width = 0;
     int height = 0;
+    /// x264's preset and constant rate factor; empty and 0: the writer's
+    /// own (veryfast at CRF 20, or superfast for real-time input), made for
+    /// recording while the camera runs.
+    QString preset;
+    double constantRateFactor = 0;
 };
 
 class AssetWriter;

@@ -1,9 +1,10 @@
 #include "platform/CaptureDevice.h"
 
+#include "platform/CaptureDevice_p.h"
 #include "platform/Log.h"
-#include "platform/V4L2CaptureDevice_p.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace zavo::platform {
 
@@ -188,12 +189,121 @@ bool presetSize(const QString& preset, int& width, int& height)
     return false;
 }
 
-bool hasSize(const CaptureDeviceFormat& format, int width, int height)
+double rateOf(const CaptureDeviceFormat& format)
 {
-    return (format.width() == width && format.height() == height)
-        || (format.width() == height && format.height() == width);
+    const double rate = format.captureFrameRate(0.0);
+    return std::isfinite(rate) && rate > 0 ? rate : 0.0;
+}
+
+int rateTier(double rate) { return rate >= 24.0 ? 2 : rate >= 15.0 ? 1 : 0; }
+
+bool isCompressed(const CaptureDeviceFormat& format)
+{
+    const uint32_t code = format.mediaSubType();
+    return code == fourCharCode("MJPG") || code == fourCharCode("JPEG");
+}
+
+/// The wanted size turned to the camera's own orientation.
+std::pair<int64_t, int64_t> orientedWanted(const std::vector<CaptureDeviceFormatPtr>& formats, int width, int height)
+{
+    const CaptureDeviceFormat* largest = nullptr;
+    for (const auto& format : formats) {
+        if (format->width() > 0 && format->height() > 0
+            && (!largest || int64_t(format->width()) * format->height() > int64_t(largest->width()) * largest->height()))
+            largest = format.get();
+    }
+    const int64_t longSide = std::max(width, height);
+    const int64_t shortSide = std::min(width, height);
+    if (largest && largest->height() > largest->width())
+        return {shortSide, longSide};
+    return {longSide, shortSide};
+}
+
+/// 0: the wanted size; 1: covers it; 2: smaller; 3: no size at all.
+int sizeClass(const CaptureDeviceFormat& format, std::pair<int64_t, int64_t> wanted)
+{
+    if (format.width() <= 0 || format.height() <= 0)
+        return 3;
+    if ((format.width() == wanted.first && format.height() == wanted.second)
+        || (format.width() == wanted.second && format.height() == wanted.first))
+        return 0;
+    return format.width() >= wanted.first && format.height() >= wanted.second ? 1 : 2;
 }
 }  // namespace
+
+std::vector<CaptureDeviceFormatPtr> rankCaptureFormats(const std::vector<CaptureDeviceFormatPtr>& formats, int width,
+                                                       int height)
+{
+    const auto wanted = orientedWanted(formats, width, height);
+    std::vector<CaptureDeviceFormatPtr> ranked = formats;
+    std::stable_sort(ranked.begin(), ranked.end(), [&](const CaptureDeviceFormatPtr& a, const CaptureDeviceFormatPtr& b) {
+        const int tierA = rateTier(rateOf(*a));
+        const int tierB = rateTier(rateOf(*b));
+        if (tierA != tierB)
+            return tierA > tierB;
+        const int sizeA = sizeClass(*a, wanted);
+        const int sizeB = sizeClass(*b, wanted);
+        if (sizeA != sizeB)
+            return sizeA < sizeB;
+        const int64_t areaA = int64_t(a->width()) * a->height();
+        const int64_t areaB = int64_t(b->width()) * b->height();
+        if (areaA != areaB)
+            return sizeA == 1 ? areaA < areaB : areaA > areaB;  // covering: least to scale; smaller: the largest
+        if (isCompressed(*a) != isCompressed(*b))
+            return !isCompressed(*a);  // no decoding when raw frames come as fast
+        const bool nativeA = a->mediaSubType() == uint32_t(PixelFormat::NV12VideoRange);
+        if (nativeA != (b->mediaSubType() == uint32_t(PixelFormat::NV12VideoRange)))
+            return nativeA;  // what the rest of the pipeline works in
+        return rateOf(*a) > rateOf(*b);
+    });
+    return ranked;
+}
+
+QString fourCharCodeText(uint32_t code)
+{
+    QString text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const char c = char((code >> shift) & 0xff);
+        text += (c >= 0x20 && c < 0x7f) ? QChar::fromLatin1(c) : QLatin1Char('?');
+    }
+    return text;
+}
+
+QString captureFormatChoiceReason(const std::vector<CaptureDeviceFormatPtr>& ranked, const QString& preset)
+{
+    int width = 0;
+    int height = 0;
+    if (!presetSize(preset, width, height))
+        return QStringLiteral("the active format");
+    if (ranked.empty())
+        return QStringLiteral("the camera lists no format");
+    const auto& chosen = *ranked.front();
+    const auto wanted = orientedWanted(ranked, width, height);
+    QStringList reasons;
+    if (rateOf(chosen) <= 0)
+        reasons << QStringLiteral("the camera lists no frame rate");
+    else switch (rateTier(rateOf(chosen))) {
+    case 2: reasons << QStringLiteral("24 fps or more"); break;
+    case 1: reasons << QStringLiteral("no format reaches 24 fps"); break;
+    default: reasons << QStringLiteral("no format reaches 15 fps"); break;
+    }
+    switch (sizeClass(chosen, wanted)) {
+    case 0: reasons << QStringLiteral("the wanted size"); break;
+    case 1: reasons << QStringLiteral("the smallest size above %1x%2").arg(wanted.first).arg(wanted.second); break;
+    default: reasons << QStringLiteral("the largest size below %1x%2 at that rate").arg(wanted.first).arg(wanted.second); break;
+    }
+    // The case that surprises: the raw rendition of the size is there but too slow.
+    for (const auto& other : ranked) {
+        if (!isCompressed(*other) && isCompressed(chosen) && other->width() == chosen.width()
+            && other->height() == chosen.height() && rateTier(rateOf(*other)) < rateTier(rateOf(chosen))) {
+            reasons << QStringLiteral("%1 reaches only %2 fps at that size")
+                           .arg(fourCharCodeText(other->mediaSubType()))
+                           .arg(rateOf(*other), 0, 'f', 0);
+            break;
+        }
+    }
+    return reasons.join(QStringLiteral("; "));
+}
 
 bool CaptureDevice::supportsSessionPreset(const QString& preset) const
 {
@@ -201,29 +311,24 @@ bool CaptureDevice::supportsSessionPreset(const QString& preset) const
         return true;
     int width = 0;
     int height = 0;
-    if (!presetSize(preset, width, height))
-        return false;
-    return std::any_of(formats_.begin(), formats_.end(),
-                       [&](const CaptureDeviceFormatPtr& f) { return hasSize(*f, width, height); });
+    return presetSize(preset, width, height) && !formats_.empty();
+}
+
+std::vector<CaptureDeviceFormatPtr> CaptureDevice::formatsForSessionPreset(const QString& preset) const
+{
+    int width = 0;
+    int height = 0;
+    if (!presetSize(preset, width, height)) {
+        auto active = activeFormat();
+        return active ? std::vector{active} : std::vector<CaptureDeviceFormatPtr>{};
+    }
+    return rankCaptureFormats(formats_, width, height);
 }
 
 CaptureDeviceFormatPtr CaptureDevice::formatForSessionPreset(const QString& preset) const
 {
-    int width = 0;
-    int height = 0;
-    if (!presetSize(preset, width, height))
-        return activeFormat();
-    // A size preset prefers the camera's native "420v" rendition of the size.
-    CaptureDeviceFormatPtr sameSize;
-    for (const auto& format : formats_) {
-        if (!hasSize(*format, width, height))
-            continue;
-        if (format->mediaSubType() == static_cast<uint32_t>(PixelFormat::NV12VideoRange))
-            return format;
-        if (!sameSize)
-            sameSize = format;
-    }
-    return sameSize ? sameSize : activeFormat();
+    const auto candidates = formatsForSessionPreset(preset);
+    return candidates.empty() ? activeFormat() : candidates.front();
 }
 
 bool CaptureDevice::acceptsOutput(const CaptureOutput&) const { return true; }
@@ -277,23 +382,23 @@ std::vector<CaptureDevicePtr> CaptureDeviceRegistry::registeredDevices() const
     return registered_;
 }
 
-void CaptureDeviceRegistry::setV4L2Enabled(bool enabled)
+void CaptureDeviceRegistry::setProviders(std::vector<CaptureDeviceProviderPtr> providers)
 {
     std::lock_guard lock(mutex_);
-    v4l2Enabled_ = enabled;
+    providers_ = std::move(providers);
 }
 
-bool CaptureDeviceRegistry::isV4L2Enabled() const
+std::vector<CaptureDeviceProviderPtr> CaptureDeviceRegistry::providers() const
 {
     std::lock_guard lock(mutex_);
-    return v4l2Enabled_;
+    return providers_ ? *providers_ : std::vector<CaptureDeviceProviderPtr>{};
 }
 
-void CaptureDeviceRegistry::setPositionOverride(const QString& uniqueIDOrPath, CaptureDevicePosition position)
+void CaptureDeviceRegistry::setPositionOverride(const QString& uniqueIDOrLocation, CaptureDevicePosition position)
 {
     std::lock_guard lock(mutex_);
-    std::erase_if(positionOverrides_, [&](const auto& entry) { return entry.first == uniqueIDOrPath; });
-    positionOverrides_.emplace_back(uniqueIDOrPath, position);
+    std::erase_if(positionOverrides_, [&](const auto& entry) { return entry.first == uniqueIDOrLocation; });
+    positionOverrides_.emplace_back(uniqueIDOrLocation, position);
 }
 
 void CaptureDeviceRegistry::clearPositionOverrides()
@@ -302,35 +407,84 @@ void CaptureDeviceRegistry::clearPositionOverrides()
     positionOverrides_.clear();
 }
 
+void CaptureDeviceRegistry::setPreferredDevice(const QString& uniqueIDOrLocation)
+{
+    std::lock_guard lock(mutex_);
+    preferred_ = uniqueIDOrLocation;
+}
+
+QString CaptureDeviceRegistry::preferredDevice() const
+{
+    std::lock_guard lock(mutex_);
+    return preferred_;
+}
+
+namespace {
+bool answersTo(const CaptureDevice& device, const QString& key)
+{
+    return !key.isEmpty() && (device.uniqueID() == key || device.location() == key);
+}
+}  // namespace
+
 std::vector<CaptureDevicePtr> CaptureDeviceRegistry::allDevices()
 {
-    bool v4l2Enabled;
-    std::vector<CaptureDevicePtr> known;
+    std::vector<CaptureDeviceProviderPtr> providers;
     {
         std::lock_guard lock(mutex_);
-        v4l2Enabled = v4l2Enabled_;
-        known = v4l2Devices_;
+        if (!providers_)
+            providers_ = defaultCaptureDeviceProviders();
+        providers = *providers_;
     }
-    // Probing nodes means opening them; done outside the lock so that a slow
+    // Providers probe hardware; that runs outside the lock so that a slow
     // driver does not hold up registration elsewhere.
-    std::vector<CaptureDevicePtr> present = v4l2Enabled ? v4l2::refreshDevices(known) : known;
+    std::vector<CaptureDevicePtr> provided;
+    for (const auto& provider : providers) {
+        for (auto& device : provider->devices())
+            provided.push_back(std::move(device));
+    }
 
     std::lock_guard lock(mutex_);
-    v4l2Devices_ = present;
     std::vector<CaptureDevicePtr> all = registered_;
-    if (!v4l2Enabled)
-        return all;
-    for (const auto& device : present) {
-        const QString path = v4l2::nodePathOf(*device);
-        auto position = v4l2::defaultPositionOf(*device);
+    placeProvidedDevices(registered_, provided);
+    all.insert(all.end(), provided.begin(), provided.end());
+    auto preferred = std::find_if(all.begin(), all.end(), [&](const CaptureDevicePtr& d) { return answersTo(*d, preferred_); });
+    if (preferred != all.end())
+        std::rotate(all.begin(), preferred, preferred + 1);
+    return all;
+}
+
+void CaptureDeviceRegistry::placeProvidedDevices(const std::vector<CaptureDevicePtr>& registered,
+                                                 const std::vector<CaptureDevicePtr>& provided) const
+{
+    std::vector<CaptureDevicePosition> positions;
+    for (const auto& device : provided) {
+        auto position = device->nativePosition();
         for (const auto& [key, overridden] : positionOverrides_) {
-            if (key == device->uniqueID() || key == path)
+            if (answersTo(*device, key))
                 position = overridden;
         }
-        device->setPosition(position);
-        all.push_back(device);
+        positions.push_back(position);
     }
-    return all;
+    const auto preferred = std::find_if(provided.begin(), provided.end(),
+                                        [&](const CaptureDevicePtr& d) { return answersTo(*d, preferred_); });
+    if (preferred != provided.end()) {
+        for (auto& position : positions) {
+            if (position == CaptureDevicePosition::Front)
+                position = CaptureDevicePosition::Back;
+        }
+        positions[size_t(preferred - provided.begin())] = CaptureDevicePosition::Front;
+    }
+    bool frontTaken = std::any_of(registered.begin(), registered.end(), [](const CaptureDevicePtr& d) {
+        return d->isConnected() && d->position() == CaptureDevicePosition::Front;
+    }) || std::find(positions.begin(), positions.end(), CaptureDevicePosition::Front) != positions.end();
+    for (size_t i = 0; i < provided.size(); ++i) {
+        if (positions[i] == CaptureDevicePosition::Unspecified) {
+            // A desktop webcam faces its user: the first serves as front.
+            positions[i] = frontTaken ? CaptureDevicePosition::Back : CaptureDevicePosition::Front;
+            frontTaken = true;
+        }
+        provided[i]->setPosition(positions[i]);
+    }
 }
 
 // --------------------------------------------------------------- discovery

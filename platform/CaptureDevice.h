@@ -6,9 +6,9 @@
 //
 // Devices are found through CaptureDeviceDiscoverySession, which lists the
 // cameras registered in CaptureDeviceRegistry (file and synthetic cameras,
-// in registration order) followed by the V4L2 capture nodes (by node
-// number). Device objects are shared: the same camera is the same object for
-// as long as it stays connected.
+// in registration order) followed by those of its providers (the V4L2
+// webcams, by node number). Device objects are shared: the same camera is the
+// same object for as long as it stays connected.
 //
 // Threads: every member is thread-safe. Configuration setters (active format,
 // focus) take effect only between lockForConfiguration and
@@ -24,6 +24,7 @@
 #include <QStringList>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace zavo::platform {
@@ -49,6 +50,9 @@ enum class CaptureErrorCode : long {
     DeviceLocked = 3,        // configuration lock refused
     InputRefused = 4,        // a device input could not be made
     NoDataCaptured = 5,      // a recording stopped before its first frame
+    DeviceBusy = 6,          // another application holds the camera
+    AccessDenied = 7,        // the user may not open the camera
+    FormatRefused = 8,       // the camera listed a format and then gave another
 };
 ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
 
@@ -98,6 +102,9 @@ public:
 
     QString uniqueID() const { return uniqueID_; }
     QString localizedName() const { return localizedName_; }
+    /// Where the camera lives: a V4L2 node ("/dev/video0"), a video file's
+    /// path; empty for cameras that live nowhere (synthetic).
+    virtual QString location() const { return {}; }
     QString deviceType() const { return kCaptureDeviceTypeBuiltInWideAngleCamera; }
     bool hasMediaType(MediaType mediaType) const { return mediaType == MediaType::Video; }
     CaptureDevicePosition position() const;
@@ -125,10 +132,16 @@ public:
     void setFocusPointOfInterest(QPointF point);
 
     /// Whether a session may use preset with this device: "inputPriority" and
-    /// "high" always, a size preset when a format has that size.
+    /// "high" always, a size preset when the device has any format (the
+    /// closest one serves).
     virtual bool supportsSessionPreset(const QString& preset) const;
-    /// The format a session with preset captures in.
+    /// The format a session with preset captures in: the first of
+    /// formatsForSessionPreset.
     CaptureDeviceFormatPtr formatForSessionPreset(const QString& preset) const;
+    /// The formats a session with preset tries, best first: the active
+    /// format for "inputPriority" and "high"; for a size preset every format
+    /// ranked as chooseCaptureFormats ranks them.
+    std::vector<CaptureDeviceFormatPtr> formatsForSessionPreset(const QString& preset) const;
 
     /// Whether this process may open the camera (the default camera-permission
     /// policy asks this). File and synthetic cameras always can.
@@ -153,6 +166,9 @@ protected:
     /// Hardware hook; false keeps the previous mode.
     virtual bool applyFocusMode(FocusMode mode);
     virtual bool refusesLock() const { return false; }
+    /// The position the camera reports for itself, before the registry
+    /// places cameras that do not know which way they face.
+    virtual CaptureDevicePosition nativePosition() const { return position(); }
     void setConnected(bool connected);
     void setPosition(CaptureDevicePosition position);
 
@@ -176,9 +192,31 @@ private:
 
 using CaptureDevicePtr = std::shared_ptr<CaptureDevice>;
 
-/// Where file and synthetic cameras are made known to discovery, and where
-/// V4L2 webcams can be hidden (tests that must not depend on the machine) or
-/// given a position.
+/// A source of cameras that come and go (the V4L2 webcams of a kernel).
+class CaptureDeviceProvider {
+public:
+    virtual ~CaptureDeviceProvider() = default;
+    /// The cameras present now, in a stable order; the same object for the
+    /// same camera while it stays connected, and a gone camera marked
+    /// disconnected. Called from any thread; cheap when nothing changed.
+    virtual std::vector<CaptureDevicePtr> devices() = 0;
+};
+
+using CaptureDeviceProviderPtr = std::shared_ptr<CaptureDeviceProvider>;
+
+/// The providers built into the platform: the machine's V4L2 webcams.
+std::vector<CaptureDeviceProviderPtr> defaultCaptureDeviceProviders();
+
+/// Where file and synthetic cameras are made known to discovery, where the
+/// providers of other cameras are listed, and where cameras get their place.
+///
+/// Positions: registered cameras keep the position they were made with. A
+/// provider's camera that knows it is built into the machine's screen faces
+/// front; one that does not know (most USB webcams) is placed: when no camera
+/// faces front, the first such camera serves as the front camera, and the
+/// others serve as back cameras, so that switching reaches them. A preferred
+/// camera (setPreferredDevice) is listed first and faces front; the
+/// provider's other front cameras then serve as back cameras.
 class CaptureDeviceRegistry {
 public:
     static CaptureDeviceRegistry& shared();
@@ -190,25 +228,37 @@ public:
     void unregisterAll();
     std::vector<CaptureDevicePtr> registeredDevices() const;
 
-    /// V4L2 webcams are listed by default.
-    void setV4L2Enabled(bool enabled);
-    bool isV4L2Enabled() const;
-    /// Overrides the position of a V4L2 webcam (by unique ID, which is its
-    /// bus info, or its node path such as "/dev/video0").
-    void setPositionOverride(const QString& uniqueIDOrPath, CaptureDevicePosition position);
+    /// The providers asked for cameras after the registered ones, in order;
+    /// defaultCaptureDeviceProviders() until set. An empty list hides every
+    /// webcam (tests that must not depend on the machine).
+    void setProviders(std::vector<CaptureDeviceProviderPtr> providers);
+    std::vector<CaptureDeviceProviderPtr> providers() const;
+
+    /// Overrides the position of a provider's camera (by unique ID or
+    /// location, such as "/dev/video0").
+    void setPositionOverride(const QString& uniqueIDOrLocation, CaptureDevicePosition position);
     void clearPositionOverrides();
 
-    /// Registered devices, then the V4L2 webcams present now.
+    /// The camera (by unique ID or location) that sessions start with; empty
+    /// for the automatic choice. A preferred camera that is not present is
+    /// ignored until it is.
+    void setPreferredDevice(const QString& uniqueIDOrLocation);
+    QString preferredDevice() const;
+
+    /// Registered devices, then the providers' cameras present now, with
+    /// their positions decided; the preferred camera first.
     std::vector<CaptureDevicePtr> allDevices();
 
 private:
     CaptureDeviceRegistry() = default;
+    void placeProvidedDevices(const std::vector<CaptureDevicePtr>& registered,
+                              const std::vector<CaptureDevicePtr>& provided) const;
 
     mutable std::mutex mutex_;
-    std::vector<CaptureDevicePtr> registered_;              // guarded by mutex_
-    std::vector<CaptureDevicePtr> v4l2Devices_;             // guarded by mutex_; kept so identity is stable
+    std::vector<CaptureDevicePtr> registered_;                              // guarded by mutex_
+    std::optional<std::vector<CaptureDeviceProviderPtr>> providers_;        // guarded by mutex_; unset: the defaults
     std::vector<std::pair<QString, CaptureDevicePosition>> positionOverrides_;  // guarded by mutex_
-    bool v4l2Enabled_ = true;                               // guarded by mutex_
+    QString preferred_;                                                     // guarded by mutex_
 };
 
 /// The cameras of some types, media type and position (Unspecified: any

@@ -9,6 +9,21 @@
 
 namespace zavo::platform {
 
+/// Formats ranked for a session that wants about width x height (either way
+/// round; sizes that cover it are measured in the camera's own orientation,
+/// that of its largest format). Best first: a frame rate of 24 fps or more,
+/// else 15 or more, else the fastest; then the wanted size, else the
+/// smallest size that covers it, else the largest smaller one; then
+/// uncompressed over compressed, "420v" over other raw formats; then the
+/// faster; then the camera's own order.
+std::vector<CaptureDeviceFormatPtr> rankCaptureFormats(const std::vector<CaptureDeviceFormatPtr>& formats, int width,
+                                                       int height);
+/// Why the first of ranked (formatsForSessionPreset(preset)) was chosen, in
+/// words for the log.
+QString captureFormatChoiceReason(const std::vector<CaptureDeviceFormatPtr>& ranked, const QString& preset);
+/// A four-character code as text, most significant byte first ("420v").
+QString fourCharCodeText(uint32_t code);
+
 class CaptureDeviceStream {
 public:
     enum class ReadResult {

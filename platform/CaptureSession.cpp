@@ -3,6 +3,7 @@
 #include "platform/CaptureDevice_p.h"
 #include "platform/CaptureVideoPreviewLayer.h"
 #include "platform/Log.h"
+#include "platform/NotificationCenter.h"
 
 #include <algorithm>
 #include <optional>
@@ -300,6 +301,24 @@ void CaptureSession::stopRunning()
         output->sessionDidStopRunning();
 }
 
+namespace {
+void logFormatChoice(const CaptureDevice& device, const QString& preset, const CaptureDeviceFormat& format,
+                     const std::vector<CaptureDeviceFormatPtr>& candidates)
+{
+    const double rate = format.captureFrameRate(0.0);
+    qCInfo(lcCamera, "capture format of <%s>: %s %dx%d at %s for %s: %s", qUtf8Printable(device.localizedName()),
+           qUtf8Printable(fourCharCodeText(format.mediaSubType())), format.width(), format.height(),
+           rate > 0 ? qUtf8Printable(QStringLiteral("%1 fps").arg(rate, 0, 'f', 3)) : "its own rate",
+           qUtf8Printable(preset),
+           qUtf8Printable(captureFormatChoiceReason(candidates, preset)));
+}
+}  // namespace
+
+void CaptureSession::postRuntimeError()
+{
+    NotificationCenter::defaultCenter().post(kCaptureSessionRuntimeErrorNotification, this);
+}
+
 void CaptureSession::startCapture()
 {
     CaptureDevicePtr device = videoDevice();
@@ -309,17 +328,32 @@ void CaptureSession::startCapture()
     run->outputs = outputs();
     if (device) {
         ErrorPtr error;
-        const auto format = device->formatForSessionPreset(preset);
-        run->stream = device->openStream(format, &error);
-        if (format)
-            run->frameDurationNs = int64_t(1e9 / format->captureFrameRate());
+        const auto candidates = device->formatsForSessionPreset(preset);
+        for (const auto& format : candidates) {
+            run->stream = device->openStream(format, &error);
+            if (run->stream) {
+                run->frameDurationNs = int64_t(1e9 / format->captureFrameRate());
+                if (candidates.size() > 1)
+                    logFormatChoice(*device, preset, *format, candidates);
+                break;
+            }
+            // Only a camera that refused this very format may take another.
+            if (!error || error->code() != long(CaptureErrorCode::FormatRefused))
+                break;
+            qCWarning(lcCamera, "%s; trying the next format", qUtf8Printable(error->localizedDescription()));
+        }
+        if (candidates.empty())
+            run->stream = device->openStream(nullptr, &error);
         run->position = device->position();
         run->deviceName = device->localizedName();
         if (!run->stream) {
             qCWarning(lcCamera, "Cannot start capture from <%s>: %s", qUtf8Printable(device->localizedName()),
                       qUtf8Printable(error ? error->localizedDescription() : QString()));
-            std::lock_guard lock(mutex_);
-            runtimeError_ = error;
+            {
+                std::lock_guard lock(mutex_);
+                runtimeError_ = error;
+            }
+            postRuntimeError();
         }
     }
     if (run->stream)
@@ -372,8 +406,12 @@ void CaptureSession::captureLoop(Run* run)
         if (result == CaptureDeviceStream::ReadResult::Ended) {
             const QString reason = run->stream->endReason();
             qCWarning(lcCamera, "Capture from <%s> ended: %s", qUtf8Printable(run->deviceName), qUtf8Printable(reason));
-            std::lock_guard lock(session->mutex_);
-            session->runtimeError_ = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason);
+            const auto error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason);
+            {
+                std::lock_guard lock(session->mutex_);
+                session->runtimeError_ = error;
+            }
+            session->postRuntimeError();
             break;
         }
         session->capturedFrames_.fetch_add(1, std::memory_order_relaxed);

@@ -30,6 +30,12 @@
 
 namespace zavo::platform {
 
+/// Posted with the session as sender when its capture stops for good while
+/// it runs (the camera cannot be opened, is busy, was unplugged); the error
+/// is the session's runtimeError(). Posted on the thread that noticed: the
+/// session queue or the capture thread.
+inline const QString kCaptureSessionRuntimeErrorNotification = QStringLiteral("CaptureSessionRuntimeErrorNotification");
+
 class CaptureSession;
 class CaptureVideoPreviewLayer;
 
@@ -203,6 +209,7 @@ private:
     SampleBuffer retimed(Run& run, const SampleBuffer& frame);
     bool hasVideoInput() const;
     void registerPreviewLayer(const std::weak_ptr<CaptureVideoPreviewLayer>& layer);
+    void postRuntimeError();
 
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_

@@ -33,13 +33,16 @@ ViewController::~ViewController()
 {
     // The view may sit in a host layout; deleting it also takes it out of its
     // parent. If the parent was destroyed first, view_ is already null.
+    QObject::disconnect(viewDestroyedConnection_);
     if (view_)
         delete view_.data();
 }
 
 QWidget* ViewController::view()
 {
-    if (!view_ && !loading_) {
+    // A root the host deleted is not rebuilt: a second viewDidLoad would
+    // start a second session behind the host's back.
+    if (!view_ && !loading_ && !viewDestroyed_) {
         loading_ = true;
         loadView();
         if (!view_)
@@ -54,9 +57,17 @@ void ViewController::loadView() { setView(new QWidget); }
 
 void ViewController::setView(QWidget* view)
 {
+    QObject::disconnect(viewDestroyedConnection_);
     view_ = view;
-    if (view)
-        view->installEventFilter(new EventHook(this, view));
+    if (!view)
+        return;
+    view->installEventFilter(new EventHook(this, view));
+    // Disconnected before the controller deletes the view itself, so this
+    // only runs when someone else deletes it.
+    viewDestroyedConnection_ = QObject::connect(view, &QObject::destroyed, [this] {
+        viewDestroyed_ = true;
+        viewWasDestroyed();
+    });
 }
 
 void ViewController::handleViewEvent(int eventType)

@@ -27,8 +27,13 @@ public:
 
     /// The root widget; loadView() and viewDidLoad() run on the first call.
     /// The controller owns it, also when the host has put it into a layout.
+    /// A host may still delete it (with the window that holds it): the
+    /// controller hears of it (viewWasDestroyed) and never builds another;
+    /// view() is null from then on.
     QWidget* view();
     bool isViewLoaded() const { return !view_.isNull(); }
+    /// Whether someone else deleted the root widget.
+    bool wasViewDestroyed() const { return viewDestroyed_; }
     /// The navigation container showing this screen, if any.
     std::shared_ptr<NavigationController> navigationController() const { return navigationController_.lock(); }
     QString title() const { return title_; }
@@ -46,6 +51,9 @@ protected:
     /// The root widget was shown on, or its window moved to, screen (a
     /// desktop has several; a phone has one).
     virtual void viewDidChangeScreen(QScreen* screen) { Q_UNUSED(screen); }
+    /// Someone else deleted the root widget (and every widget in it); the
+    /// controller must not touch any of them again.
+    virtual void viewWasDestroyed() {}
 
 private:
     friend class NavigationController;
@@ -53,6 +61,8 @@ private:
     void handleViewEvent(int eventType);
 
     QPointer<QWidget> view_;
+    QMetaObject::Connection viewDestroyedConnection_;
+    bool viewDestroyed_ = false;
     bool loading_ = false;
     QString title_;
     std::weak_ptr<NavigationController> navigationController_;

@@ -20,6 +20,7 @@ targets=(
   "frame_dump     240000  20"
   "liveness_answer  4096  10"
   "capture_formats  1024  20"
+  "webcam_formats  65536  20"
 )
 
 echo "== configuring $build_dir"

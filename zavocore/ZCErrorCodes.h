@@ -12,13 +12,18 @@
 //        read)
 //  1004  frames stopped arriving                   errors.no_frames                 detector stops
 //  1007  the liveness check refused the face       errors.liveness_failed           detector pauses (resume)
-//  1010  face too small (too far) or too large     errors.face_too_far,             guidance, detection goes on
-//        (too close)                               errors.face_too_close
+//  1010  too few pixels across the face (too far)  errors.face_too_far,             guidance, detection goes on
+//        or part of it out of the frame (too       errors.face_too_close
+//        close)
 //  1021  picture not good enough: too dark, too    errors.too_dark, errors.too_     guidance, detection goes on
 //        bright, blurred                           bright, errors.blurred
 //  1022  no face in view                           errors.no_face                   guidance, detection goes on
 //  1023  more than one face in view                errors.multiple_faces_detected   guidance, detection goes on
+//  1030  what the current interaction step asks    steps.turn_left, steps.turn_     prompt, the step goes on
+//        (not sent for "look at the camera")       right, steps.move_closer
 //
+// A step's prompt (1030) is reported when the step starts and repeated every
+// guidanceRepeatInterval while it lasts and no guidance is due instead.
 // Guidance (1010, 1021, 1022, 1023) is reported when the situation has lasted
 // for ZCDetectorSettings::guidanceDelay of frame time, again when it changes
 // to another message, and repeated every guidanceRepeatInterval while it
@@ -41,6 +46,7 @@ enum class ZCErrorCode : long {
     BadQuality = 1021,
     NoFace = 1022,
     MultipleFaces = 1023,
+    StepPrompt = 1030,
 };
 
 /// User-info key holding the string-table key of the message.

@@ -1,28 +1,39 @@
 #include "zavocore/ZCReferenceDetector_p.h"
 
 #include "platform/Log.h"
+#include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZCFaceAnalyzer_p.h"
+#include "zavocore/ZCInteractionStep_p.h"
 #include "zavocore/ZCPreviewGeometry_p.h"
 #include "zavoweb/NetworkingError.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <random>
 
 namespace zavo::core::detail {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = DetectorClock;
 
 Clock::duration seconds(double s)
 {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
 }
+
+// A step as the detector's thread keeps it: the step objects themselves
+// belong to the main thread.
+struct StepPlan {
+    ZCStepKind kind = ZCStepKind::LookAtCamera;
+    double timeout = 0;
+};
 
 struct GuidanceMessage {
     ZCErrorCode code;
@@ -109,7 +120,7 @@ public:
 
     static void run(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness);
 
-    void launch(std::vector<double> stepTimeouts);
+    void launch(std::vector<StepPlan> steps);
     void resume();
     void process(const platform::SampleBuffer& frame, const PreviewGeometry& geometry);
     void livenessAnswered(uint64_t generation, bool live, const platform::ErrorPtr& error);
@@ -121,7 +132,10 @@ private:
     enum class State { Idle, Searching, CheckingLiveness, Paused, Done };
 
     void startStep();
+    /// Back to the last "look at the camera" step, for another shot.
+    void returnToFrontalStep();
     void resetSpell();
+    void followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime);
     void updateGuidance(Guidance guidance, double frameTime);
     void reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize, const PreviewGeometry& geometry);
     void considerShot(const FaceAnalysis& analysis, const FrameView& view, platform::MediaTime pts, double frameTime);
@@ -137,8 +151,11 @@ private:
 
     State state_ = State::Idle;
     uint64_t generation_ = 0;  // tells stale liveness answers apart
-    std::vector<double> stepTimeouts_;
+    std::vector<StepPlan> steps_;
     size_t stepIndex_ = 0;
+    std::optional<StepJudge> judge_;       // for a step that asks the user to act
+    std::optional<double> promptedAt_;    // frame time of the step's last prompt
+    bool warnedUnjudgeable_ = false;
     Clock::time_point stepDeadline_;
     Clock::time_point watchSince_;
     bool reportedUnavailable_ = false;
@@ -146,6 +163,7 @@ private:
     // The spell of good frames under way, and its best frame so far.
     std::optional<double> spellStart_;
     std::optional<ZCBestShot> candidate_;
+    std::optional<ZCBestShot> shot_;  // the last finished frontal step's
     ZCBestShotPtr checkedShot_;  // waiting for the liveness verdict
 
     // Guidance pacing.
@@ -173,6 +191,16 @@ void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::share
             lock.lock();
             continue;
         }
+        // Timers before frames: when analysis is slower than the camera a
+        // frame is always waiting, and a step would otherwise never run out.
+        const auto deadline = worker.nextDeadline(shared->lastArrival);
+        if (deadline && *deadline <= Clock::now()) {
+            const auto lastArrival = shared->lastArrival;
+            lock.unlock();
+            worker.checkTimers(Clock::now(), lastArrival);
+            lock.lock();
+            continue;
+        }
         if (shared->pending.isValid()) {
             const platform::SampleBuffer frame = std::exchange(shared->pending, {});
             const uint64_t number = shared->pushedFrames;
@@ -184,16 +212,8 @@ void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::share
             shared->processed.notify_all();
             continue;
         }
-        const auto deadline = worker.nextDeadline(shared->lastArrival);
-        if (deadline && *deadline <= Clock::now()) {
-            const auto lastArrival = shared->lastArrival;
-            lock.unlock();
-            worker.checkTimers(Clock::now(), lastArrival);
-            lock.lock();
-            continue;
-        }
         if (deadline)
-            shared->wake.wait_until(lock, *deadline);
+            shared->wake.wait_for(lock, Clock::sleepUntil(*deadline));
         else
             shared->wake.wait(lock);
     }
@@ -204,10 +224,19 @@ void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::share
 
 // ------------------------------------------------------------------ wizard
 
-void ZCReferenceDetector::Worker::launch(std::vector<double> stepTimeouts)
+void ZCReferenceDetector::Worker::launch(std::vector<StepPlan> steps)
 {
-    stepTimeouts_ = std::move(stepTimeouts);
+    // A new order every session: a recording of one session does not pass
+    // the next.
+    if (shared_->settings.shuffleSteps)
+        std::shuffle(steps.begin(), steps.end(), std::mt19937(std::random_device{}()));
+    // The shot is taken while the user looks at the camera, so there is
+    // always such a step; one the host left out comes last.
+    if (std::none_of(steps.begin(), steps.end(), [](const StepPlan& step) { return step.kind == ZCStepKind::LookAtCamera; }))
+        steps.push_back({ZCStepKind::LookAtCamera, shared_->settings.stepTimeout});
+    steps_ = std::move(steps);
     stepIndex_ = 0;
+    shot_.reset();
     checkedShot_.reset();
     reportedGuidance_ = pendingGuidance_ = Guidance::None;
     analyzer_.reset();
@@ -224,6 +253,17 @@ void ZCReferenceDetector::Worker::resume()
     if (state_ != State::Paused)
         return;
     state_ = State::Searching;
+    returnToFrontalStep();
+}
+
+void ZCReferenceDetector::Worker::returnToFrontalStep()
+{
+    for (size_t index = steps_.size(); index-- > 0;) {
+        if (steps_[index].kind == ZCStepKind::LookAtCamera) {
+            stepIndex_ = index;
+            break;
+        }
+    }
     startStep();
 }
 
@@ -231,7 +271,15 @@ void ZCReferenceDetector::Worker::startStep()
 {
     ++generation_;
     resetSpell();
-    const double timeout = stepIndex_ < stepTimeouts_.size() ? stepTimeouts_[stepIndex_] : shared_->settings.stepTimeout;
+    const StepPlan& step = steps_[stepIndex_];
+    const double timeout = step.timeout;
+    if (step.kind == ZCStepKind::LookAtCamera)
+        judge_.reset();
+    else
+        judge_.emplace(step.kind);
+    promptedAt_.reset();
+    if (const char* prompt = promptKeyFor(step.kind))
+        fail(ZCErrorCode::StepPrompt, prompt);
     stepDeadline_ = Clock::now() + seconds(timeout);
     watchSince_ = Clock::now();
 }
@@ -287,7 +335,7 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     const platform::MediaTime pts = frame.presentationTimeStamp();
     const double frameTime = pts.isValid()
         ? pts.seconds()
-        : std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+        : std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 
     // Timestamps that go back (a restarted or switched camera) start the
     // spell and the guidance pacing afresh.
@@ -306,9 +354,35 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     if (!analysis.faces.empty())
         shared_->faceFound = true;
     reportFace(analysis, frameSize, geometry);
+    if (judge_) {
+        followStep(analysis, frameSize.width(), frameTime);
+        return;
+    }
     updateGuidance(analysis.guidance, frameTime);
     if (state_ == State::Searching)
         considerShot(analysis, view, pts, frameTime);
+}
+
+void ZCReferenceDetector::Worker::followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime)
+{
+    // While the user acts, only a missing or a second face is worth saying;
+    // otherwise the step's prompt stays up.
+    const bool faceMatters = analysis.guidance == Guidance::NoFace || analysis.guidance == Guidance::MultipleFaces;
+    updateGuidance(faceMatters ? analysis.guidance : Guidance::None, frameTime);
+    const ZCStepKind kind = steps_[stepIndex_].kind;
+    if (!promptedAt_) {
+        promptedAt_ = frameTime;
+    } else if (reportedGuidance_ == Guidance::None
+               && frameTime - *promptedAt_ >= shared_->settings.guidanceRepeatInterval) {
+        promptedAt_ = frameTime;
+        fail(ZCErrorCode::StepPrompt, promptKeyFor(kind));
+    }
+    if (!analysis.faces.empty() && !StepJudge::canJudge(kind, analysis) && !warnedUnjudgeable_) {
+        warnedUnjudgeable_ = true;
+        qCWarning(platform::lcCore) << "head turns need the face network's landmarks; this step cannot be passed";
+    }
+    if (judge_->observe(analysis, frameWidth, frameTime))
+        finishStep();
 }
 
 void ZCReferenceDetector::Worker::reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize,
@@ -359,12 +433,15 @@ void ZCReferenceDetector::Worker::considerShot(const FaceAnalysis& analysis, con
 
 void ZCReferenceDetector::Worker::finishStep()
 {
-    if (stepIndex_ + 1 < std::max<size_t>(1, stepTimeouts_.size())) {
+    if (steps_[stepIndex_].kind == ZCStepKind::LookAtCamera)
+        shot_ = std::move(candidate_);
+    if (stepIndex_ + 1 < steps_.size()) {
         ++stepIndex_;
         startStep();
         return;
     }
-    auto shot = std::make_shared<const ZCBestShot>(std::move(*candidate_));
+    auto shot = std::make_shared<const ZCBestShot>(std::move(*shot_));
+    shot_.reset();
     resetSpell();
     if (!liveness_) {
         deliver(std::move(shot));
@@ -403,7 +480,7 @@ void ZCReferenceDetector::Worker::livenessAnswered(uint64_t generation, bool liv
         && networking->errorDescription().has_value();
     state_ = userCanFix ? State::Searching : State::Paused;
     if (userCanFix)
-        startStep();
+        returnToFrontalStep();
     if (error) {
         qCInfo(platform::lcCore) << "liveness check failed:" << error->localizedDescription();
         reportError(error);
@@ -421,7 +498,7 @@ void ZCReferenceDetector::Worker::deliver(ZCBestShotPtr shot)
         return;
     // Declined: look for another.
     state_ = State::Searching;
-    startStep();
+    returnToFrontalStep();
 }
 
 void ZCReferenceDetector::Worker::fail(ZCErrorCode code, const char* key)
@@ -493,15 +570,14 @@ bool ZCReferenceDetector::faceFound() const { return shared_->faceFound; }
 
 void ZCReferenceDetector::launchWizard()
 {
-    // Steps belong to the main thread; only their time limits cross over.
-    std::vector<double> timeouts;
+    // Steps belong to the main thread; only what they ask and their time
+    // limits cross over.
+    std::vector<StepPlan> plans;
     for (const ZCStepConfigPtr& step : steps_) {
         if (step)
-            timeouts.push_back(step->timeout());
+            plans.push_back({step->kind(), step->timeout()});
     }
-    if (timeouts.empty())
-        timeouts.push_back(shared_->settings.stepTimeout);
-    shared_->post([timeouts = std::move(timeouts)](Worker& worker) mutable { worker.launch(std::move(timeouts)); });
+    shared_->post([plans = std::move(plans)](Worker& worker) mutable { worker.launch(std::move(plans)); });
 }
 
 void ZCReferenceDetector::defineStepsList(std::vector<ZCStepConfigPtr> steps) { steps_ = std::move(steps); }

@@ -1,6 +1,11 @@
 #pragma once
-// The interaction wizard's step: "look at the camera" until a steady, good
-// face gives the shot, within the step's time limit.
+// A step of the interaction wizard: what it asks of the user and how long
+// the user has for it.
+//
+//     detector->defineStepsList({
+//         std::make_shared<ZCStepConfig>(ZCStepKind::TurnHeadLeft, 8.0),
+//         std::make_shared<ZCStepConfig>(ZCStepKind::LookAtCamera, 20.0),
+//     });
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 
 namespace zavo::core {
@@ -11,10 +16,13 @@ public:
     static constexpr double kDefaultTimeout = 30.0;
 
     explicit ZCStepConfig(double timeout = kDefaultTimeout) : timeout_(timeout) {}
+    explicit ZCStepConfig(ZCStepKind kind, double timeout = kDefaultTimeout) : kind_(kind), timeout_(timeout) {}
     double timeout() const override { return timeout_; }
     void setTimeout(double seconds) override { timeout_ = seconds; }
+    ZCStepKind kind() const override { return kind_; }
 
 private:
+    ZCStepKind kind_ = ZCStepKind::LookAtCamera;
     double timeout_;
 };
 

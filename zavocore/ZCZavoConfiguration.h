@@ -15,15 +15,22 @@ struct ZCDetectorSettings {
     QString faceCascadePath;
     QString verifierCascadePath;
     QString eyeCascadePath;
+    /// The face network (ONNX) that finds faces and their landmarks; empty:
+    /// the one installed with the framework. When it cannot be loaded the
+    /// cascades find the faces, without landmarks, and a log line says so.
+    QString faceNetworkPath;
 
     /// Faces are searched on a grey copy whose longer side is at most this.
     int detectionLongSide = 256;
-    /// Smallest face searched for.
-    double minFaceSize = 1.0 / 6.0;
-    /// A face smaller than this is "too far" (1010); larger than
-    /// maxFaceSize, "too close".
-    double goodFaceSize = 0.30;
-    double maxFaceSize = 0.95;
+    /// Smallest face searched for: an eighth of a portrait frame's width.
+    double minFaceSize = 1.0 / 8.0;
+    /// A face (hairline to chin) fewer pixels wide than this is "too far"
+    /// (1010): too few for a sharp portrait cut from the frame. A camera too
+    /// coarse for that at arm's length (160x120, say) asks only for a face
+    /// a third of the frame's shorter side, as close as it can sensibly get.
+    /// However large, a face is not too close until part of it leaves the
+    /// frame.
+    int minFacePixels = 180;
     /// Variance of the Laplacian of the face, scaled to at most 128 pixels
     /// wide, below which the face counts as blurred (sharp faces give 1000 or
     /// more, blurred ones well under 100).
@@ -36,8 +43,13 @@ struct ZCDetectorSettings {
     /// How long the face must stay good before the best frame of that spell
     /// becomes the shot (frame time).
     double steadyDuration = 0.6;
-    /// Time limit of the wizard's step when no steps were defined.
+    /// Time limit of the wizard's step when no steps were defined, and of
+    /// the "look at the camera" step added when none of the defined steps
+    /// is one.
     double stepTimeout = 30.0;
+    /// Takes the interaction steps in a new random order every session, so
+    /// that a recording of one session cannot pass another.
+    bool shuffleSteps = false;
     /// Frames must keep arriving at least this often once the wizard runs
     /// (wall-clock time), or the session ends with 1004.
     double frameTimeout = 3.0;

@@ -6,7 +6,7 @@
     <message><source>errors.multiple_faces_detected</source><translation>Mehr als ein Gesicht ist im Bild. Achten Sie darauf, dass nur Sie vor der Kamera sind.</translation></message>
     <message><source>errors.no_face</source><translation>Kein Gesicht gefunden. Schauen Sie in die Kamera.</translation></message>
     <message><source>errors.face_too_far</source><translation>Gehen Sie näher an die Kamera heran.</translation></message>
-    <message><source>errors.face_too_close</source><translation>Gehen Sie etwas weiter von der Kamera weg.</translation></message>
+    <message><source>errors.face_too_close</source><translation>Ihr Gesicht ist nicht ganz im Bild. Gehen Sie etwas zurück.</translation></message>
     <message><source>errors.too_dark</source><translation>Es ist zu dunkel. Suchen Sie einen helleren Ort.</translation></message>
     <message><source>errors.too_bright</source><translation>Auf Ihrem Gesicht ist zu viel Licht.</translation></message>
     <message><source>errors.blurred</source><translation>Das Bild ist unscharf. Halten Sie still.</translation></message>
@@ -15,5 +15,8 @@
     <message><source>errors.liveness_failed</source><translation>Die Lebendprüfung ist fehlgeschlagen. Bitte versuchen Sie es erneut.</translation></message>
     <message><source>errors.detector_unavailable</source><translation>Die Gesichtserkennung ist nicht verfügbar.</translation></message>
     <message><source>errors.unsupported_frames</source><translation>Die Kamera sendet Bilder, die die Gesichtserkennung nicht lesen kann.</translation></message>
+    <message><source>steps.turn_left</source><translation>Drehen Sie den Kopf langsam nach links.</translation></message>
+    <message><source>steps.turn_right</source><translation>Drehen Sie den Kopf langsam nach rechts.</translation></message>
+    <message><source>steps.move_closer</source><translation>Kommen Sie jetzt mit dem Gesicht näher an die Kamera.</translation></message>
 </context>
 </TS>

@@ -6,7 +6,7 @@
     <message><source>errors.multiple_faces_detected</source><translation>More than one face is in view. Make sure only you are in front of the camera.</translation></message>
     <message><source>errors.no_face</source><translation>No face found. Look at the camera.</translation></message>
     <message><source>errors.face_too_far</source><translation>Move closer to the camera.</translation></message>
-    <message><source>errors.face_too_close</source><translation>Move a little away from the camera.</translation></message>
+    <message><source>errors.face_too_close</source><translation>Part of your face is out of the picture. Move back a little.</translation></message>
     <message><source>errors.too_dark</source><translation>It is too dark. Find a brighter place.</translation></message>
     <message><source>errors.too_bright</source><translation>There is too much light on your face.</translation></message>
     <message><source>errors.blurred</source><translation>The picture is blurred. Hold still.</translation></message>
@@ -15,5 +15,8 @@
     <message><source>errors.liveness_failed</source><translation>The liveness check failed. Please try again.</translation></message>
     <message><source>errors.detector_unavailable</source><translation>Face detection is not available.</translation></message>
     <message><source>errors.unsupported_frames</source><translation>The camera sends pictures that face detection cannot read.</translation></message>
+    <message><source>steps.turn_left</source><translation>Turn your head slowly to the left.</translation></message>
+    <message><source>steps.turn_right</source><translation>Turn your head slowly to the right.</translation></message>
+    <message><source>steps.move_closer</source><translation>Now bring your face closer to the camera.</translation></message>
 </context>
 </TS>

@@ -1,7 +1,8 @@
 #include "DemoCamera.h"
 
-#include "platform/FileCaptureDevice.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "capture/ZMCameraDevices.h"
+#include "platform/file/FileCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 
 #include <QDir>
 #include <QFile>
@@ -53,6 +54,8 @@ std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* pro
         return CameraChoice{CameraChoice::Kind::Embedded, {}};
     if (value == QLatin1String("synthetic"))
         return CameraChoice{CameraChoice::Kind::Synthetic, {}};
+    if (value == QLatin1String("webcam"))
+        return CameraChoice{CameraChoice::Kind::V4L2, {}};
     if (!QFileInfo::exists(value)) {
         *problem = QStringLiteral("no such camera or video file: %1").arg(value);
         return std::nullopt;
@@ -66,13 +69,14 @@ std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* pro
     return CameraChoice{CameraChoice::Kind::File, QFileInfo(value).absoluteFilePath()};
 }
 
-std::unique_ptr<FrontCamera> FrontCamera::install(const CameraChoice& choice, QString* problem)
+std::unique_ptr<FrontCamera> FrontCamera::install(const CameraChoice& choice, QString* problem,
+                                                 std::vector<platform::CaptureDeviceProviderPtr> webcamProviders)
 {
     std::unique_ptr<FrontCamera> camera(new FrontCamera);
     CaptureDeviceRegistry::shared().unregisterAll();
-    // Only a webcam session should see webcams: a laptop's own camera would
-    // otherwise compete with the clip for the front position.
-    CaptureDeviceRegistry::shared().setV4L2Enabled(choice.kind == CameraChoice::Kind::V4L2);
+    if (choice.kind != CameraChoice::Kind::V4L2)
+        webcamProviders.clear();
+    CaptureDeviceRegistry::shared().setProviders(std::move(webcamProviders));
     bool installed = true;
     switch (choice.kind) {
     case CameraChoice::Kind::Embedded:
@@ -98,7 +102,7 @@ FrontCamera::~FrontCamera()
     if (device_)
         CaptureDeviceRegistry::shared().unregisterDevice(device_->uniqueID());
     if (!v4l2Node_.isEmpty())
-        CaptureDeviceRegistry::shared().clearPositionOverrides();
+        ZMCameraDevices::setPreferredCamera({});
 }
 
 QString FrontCamera::clipPath() const
@@ -137,15 +141,21 @@ bool FrontCamera::installFile(const QString& path, QString* problem)
 
 bool FrontCamera::installV4L2(const QString& node, QString* problem)
 {
-    CaptureDeviceRegistry::shared().setPositionOverride(node, CaptureDevicePosition::Front);
+    // A named node is made the preferred camera; without one the automatic
+    // choice stands (a built-in camera, else the first webcam).
+    if (!node.isEmpty() && !ZMCameraDevices::setPreferredCamera(node)) {
+        *problem = QStringLiteral("%1 is not a video capture device this user can use").arg(node);
+        return false;
+    }
     v4l2Node_ = node;
     const auto session = platform::CaptureDeviceDiscoverySession::discoverySession(
         {platform::kCaptureDeviceTypeBuiltInWideAngleCamera}, platform::MediaType::Video, CaptureDevicePosition::Front);
     if (session.devices().empty()) {
-        *problem = QStringLiteral("%1 is not a video capture device").arg(node);
+        *problem = node.isEmpty() ? QStringLiteral("no webcam found") : QStringLiteral("%1 is not usable").arg(node);
         return false;
     }
-    description_ = node;
+    description_ = QStringLiteral("%1 (%2)").arg(session.devices().front()->location(),
+                                                 session.devices().front()->localizedName());
     return true;
 }
 

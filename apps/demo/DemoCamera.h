@@ -14,23 +14,28 @@ struct CameraChoice {
     enum class Kind {
         Embedded,   // the sample face clip built into the demo
         Synthetic,  // the platform's test-pattern camera
-        V4L2,       // a webcam node such as /dev/video0
+        V4L2,       // a webcam node such as /dev/video0, or (no path) the front webcam
         File,       // any video file, played in real time
     };
     Kind kind = Kind::Embedded;
     QString path;  // V4L2 node or video file
 };
 
-/// Reads the --camera value: "default", "synthetic", "/dev/videoN" or a
-/// path. nullopt, with problem set, for a node or file that does not exist.
+/// Reads the --camera value: "default", "synthetic", "webcam", "/dev/videoN"
+/// or a path. nullopt, with problem set, for a node or file that does not exist.
 std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* problem);
 
 /// The chosen camera made the process's only front camera for as long as
 /// this object lives. Main thread.
 class FrontCamera {
 public:
-    /// nullptr, with problem set, when the camera cannot be used.
-    static std::unique_ptr<FrontCamera> install(const CameraChoice& choice, QString* problem);
+    /// nullptr, with problem set, when the camera cannot be used. Webcams
+    /// come from webcamProviders (the machine's by default) and only for a
+    /// webcam choice: a laptop's own camera would otherwise compete with a
+    /// clip for the front position.
+    static std::unique_ptr<FrontCamera> install(
+        const CameraChoice& choice, QString* problem,
+        std::vector<platform::CaptureDeviceProviderPtr> webcamProviders = platform::defaultCaptureDeviceProviders());
     /// Takes the camera out of discovery and deletes the extracted clip.
     ~FrontCamera();
     FrontCamera(const FrontCamera&) = delete;

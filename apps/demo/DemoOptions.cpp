@@ -10,7 +10,10 @@ const QString kNoRecord = QStringLiteral("no-record");
 const QString kOutput = QStringLiteral("output");
 const QString kTimeout = QStringLiteral("timeout");
 const QString kQuitAfterSession = QStringLiteral("quit-after-session");
+const QString kListCameras = QStringLiteral("list-cameras");
 const QString kOrientation = QStringLiteral("orientation");
+const QString kSteps = QStringLiteral("steps");
+const QString kShuffleSteps = QStringLiteral("shuffle-steps");
 
 struct OrientationName {
     const char* name;
@@ -23,6 +26,17 @@ constexpr OrientationName kOrientations[] = {
     {"landscape-right", platform::DeviceOrientation::LandscapeRight},
     {"upside-down", platform::DeviceOrientation::PortraitUpsideDown},
 };
+
+struct StepName {
+    const char* name;
+    core::ZCStepKind kind;
+};
+constexpr StepName kStepNames[] = {
+    {"look", core::ZCStepKind::LookAtCamera},
+    {"left", core::ZCStepKind::TurnHeadLeft},
+    {"right", core::ZCStepKind::TurnHeadRight},
+    {"closer", core::ZCStepKind::MoveCloser},
+};
 }  // namespace
 
 void addDemoOptions(QCommandLineParser& parser)
@@ -34,8 +48,10 @@ void addDemoOptions(QCommandLineParser& parser)
     parser.addHelpOption();
     parser.addOption({kCamera,
                       QStringLiteral("The front camera: 'default' (the built-in sample face clip), 'synthetic' (a "
-                                     "test pattern), a webcam such as /dev/video0, or a video file."),
+                                     "test pattern), 'webcam' (the machine's front webcam), a webcam such as "
+                                     "/dev/video0, or a video file."),
                       QStringLiteral("camera"), QStringLiteral("default")});
+    parser.addOption({kListCameras, QStringLiteral("List the webcams (location, position, name, unique ID) and exit.")});
     parser.addOption({kNoRecord, QStringLiteral("Do not record the session video.")});
     parser.addOption({kOutput,
                       QStringLiteral("Folder for the best shot, the screenshot and the session video (under "
@@ -53,6 +69,12 @@ void addDemoOptions(QCommandLineParser& parser)
                                      "the camera, the default), or pinned to 'portrait', 'landscape-left', "
                                      "'landscape-right' or 'upside-down' (a camera mounted turned)."),
                       QStringLiteral("orientation"), QStringLiteral("screen")});
+    parser.addOption({kSteps,
+                      QStringLiteral("Interaction steps, comma-separated, in order: 'look' (at the camera; the best "
+                                     "shot is taken there), 'left', 'right' (turn the head), 'closer' (come closer). "
+                                     "Default: one 'look' step."),
+                      QStringLiteral("steps")});
+    parser.addOption({kShuffleSteps, QStringLiteral("Take the steps in a new random order every session.")});
 }
 
 std::optional<DemoOptions> parseDemoOptions(QCommandLineParser& parser, const QStringList& arguments,
@@ -72,6 +94,7 @@ std::optional<DemoOptions> parseDemoOptions(QCommandLineParser& parser, const QS
         return std::nullopt;
     options.camera = *camera;
     options.recordVideo = !parser.isSet(kNoRecord);
+    options.listCameras = parser.isSet(kListCameras);
     options.outputDirectory = parser.value(kOutput);
     bool ok = false;
     options.timeoutSeconds = parser.value(kTimeout).toInt(&ok);
@@ -90,6 +113,18 @@ std::optional<DemoOptions> parseDemoOptions(QCommandLineParser& parser, const QS
         return std::nullopt;
     }
     options.orientation = named->orientation;
+    if (parser.isSet(kSteps)) {
+        for (const QString& name : parser.value(kSteps).split(QLatin1Char(','))) {
+            const auto step = std::find_if(std::begin(kStepNames), std::end(kStepNames),
+                                           [&](const StepName& entry) { return name.trimmed() == QLatin1String(entry.name); });
+            if (step == std::end(kStepNames)) {
+                *problem = QStringLiteral("--steps takes look, left, right and closer, comma-separated: %1").arg(name);
+                return std::nullopt;
+            }
+            options.steps.push_back(step->kind);
+        }
+    }
+    options.shuffleSteps = parser.isSet(kShuffleSteps);
     return options;
 }
 

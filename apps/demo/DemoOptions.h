@@ -3,10 +3,12 @@
 #include "DemoCamera.h"
 
 #include "platform/CaptureTypes.h"
+#include "zavocore/ZCBestShotDetectorProtocol.h"
 
 #include <QCommandLineParser>
 #include <QStringList>
 #include <optional>
+#include <vector>
 
 namespace zavo::demo {
 
@@ -20,8 +22,14 @@ struct DemoOptions {
     /// With a display: end after the first outcome with the summary line, as
     /// without one.
     bool quitAfterSession = false;
+    /// Print the webcams and exit.
+    bool listCameras = false;
     /// nullopt: follow the screen.
     std::optional<platform::DeviceOrientation> orientation;
+    /// The interaction steps, in order; empty: the detector's one "look at
+    /// the camera" step.
+    std::vector<core::ZCStepKind> steps;
+    bool shuffleSteps = false;
 };
 
 /// Declares the options (and --help) on parser.

@@ -1,7 +1,6 @@
 #include "DemoSession.h"
 
 #include "platform/DispatchQueue.h"
-#include "platform/ProcessInfo.h"
 #include "ui/ZMFaceDetectionView.h"
 
 #include <QAbstractButton>
@@ -51,6 +50,15 @@ public:
         post(std::move(outcome));
     }
 
+    void videoFinished(std::optional<QString> videoFile, platform::ErrorPtr error) override
+    {
+        const QString problem = error ? error->localizedDescription() : QString();
+        platform::DispatchQueue::main().async([session = session_, videoFile = std::move(videoFile), problem] {
+            if (const auto target = session.lock())
+                (*target)->videoFinal(videoFile, problem);
+        });
+    }
+
 private:
     void post(SessionOutcome outcome)
     {
@@ -67,7 +75,12 @@ private:
 DemoSession::DemoSession(SessionOptions options, DetectorTiming* timing, QObject* parent)
     : QObject(parent), options_(options), timing_(timing), self_(std::make_shared<DemoSession*>(this))
 {
-    connect(&readback_, &VideoReadback::done, this, [this](const VideoInfo& info) {
+    videoLimit_.setSingleShot(true);
+    connect(&videoLimit_, &QTimer::timeout, this, [this] {
+        waitingForVideo_ = false;
+        VideoInfo info = readVideo(*outcome_->videoFile);
+        info.problem = QStringLiteral("the component did not say the video was final within %1 s")
+                           .arg(videoLimit_.interval() / 1000.0);
         video_ = info;
         emit videoSettled();
     });
@@ -89,6 +102,8 @@ QWidget* DemoSession::start()
         timing_->markSessionStart();
     screen_ = ZMCameraBuilder::viewController(delegate_, std::move(configuration), nullptr, nullptr,
                                               options_.recordVideo);
+    if (screen_ && !options_.steps.empty())
+        screen_->defineInteractionsStep(options_.steps);
     faceWatch_.start();
     return view();
 }
@@ -101,6 +116,7 @@ QWidget* DemoSession::view() const
 void DemoSession::release()
 {
     faceWatch_.stop();
+    released_ = screen_;
     screen_.reset();
 }
 
@@ -140,11 +156,36 @@ void DemoSession::settleVideo()
         emit videoSettled();
         return;
     }
-    // The frame-dump recorder has written its file by the time the path is
-    // handed over; the movie-output recorder goes on to re-encode it.
-    const bool recompresses = platform::ProcessInfo::isOperatingSystemAtLeast(16, 0, 0);
-    const auto limit = outcome_->bestShot ? options_.videoLimit : options_.videoLimitAfterError;
-    readback_.start(*outcome_->videoFile, recompresses ? std::optional(kRecompressedVideoSize) : std::nullopt, limit);
+    if (final_) {
+        readFinalVideo();
+        return;
+    }
+    waitingForVideo_ = true;
+    videoLimit_.start(options_.videoLimit);
+}
+
+void DemoSession::videoFinal(std::optional<QString> videoFile, QString problem)
+{
+    final_ = {std::move(videoFile), std::move(problem)};
+    if (waitingForVideo_)
+        readFinalVideo();
+}
+
+void DemoSession::readFinalVideo()
+{
+    waitingForVideo_ = false;
+    videoLimit_.stop();
+    const auto& [file, problem] = *final_;
+    VideoInfo info;
+    if (file)
+        info = readVideo(*file);
+    info.finished = true;
+    if (!problem.isEmpty())
+        info.problem = problem;
+    else if (!file)
+        info.problem = QStringLiteral("the video was deleted");
+    video_ = info;
+    emit videoSettled();
 }
 
 void DemoSession::watchFaceFrame()

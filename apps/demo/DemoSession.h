@@ -2,7 +2,8 @@
 // One camera session as the demo host runs it: builds the camera screen,
 // hands its view to the caller to show, collects the outcome on the main
 // thread, says when the face frame is first on screen, and waits for the
-// session video to be final before calling the session done.
+// component to say the session video is final before calling the session
+// done.
 #include "DetectorTiming.h"
 #include "VideoReadback.h"
 
@@ -27,13 +28,14 @@ struct SessionOutcome {
 
 struct SessionOptions {
     bool recordVideo = true;
-    /// How long the recorder may take to finish the video after a best shot,
-    /// and after an error, when there may be no recording at all.
+    /// How long the recorder may take to finish the video after the outcome
+    /// (a bound on a hang, not a speed).
     std::chrono::milliseconds videoLimit{30000};
-    std::chrono::milliseconds videoLimitAfterError{10000};
     /// Changes to the default configuration (benchmarks keep the detector
     /// from ever finding its shot, to measure a session that goes on).
     std::function<void(core::ZCZavoConfiguration&)> adjustConfiguration;
+    /// Interaction steps handed to the screen; empty: none.
+    std::vector<core::ZCStepConfigPtr> steps;
 };
 
 /// Main thread only. The session owns its screen until it is destroyed or
@@ -51,6 +53,9 @@ public:
     QWidget* view() const;
     /// Lets go of the screen; capture stops and its threads end.
     void release();
+    /// After release(): whether the screen, and with it the detector and
+    /// its thread, is gone.
+    bool isReleased() const { return !screen_ && released_.expired(); }
 
     /// The first outcome; later ones (the screen keeps no guard) are ignored.
     const std::optional<SessionOutcome>& outcome() const { return outcome_; }
@@ -74,6 +79,8 @@ private:
     class Delegate;
     void deliver(SessionOutcome outcome, Clock::time_point at);
     void settleVideo();
+    void videoFinal(std::optional<QString> videoFile, QString problem);
+    void readFinalVideo();
     void watchFaceFrame();
 
     SessionOptions options_;
@@ -82,9 +89,13 @@ private:
     std::shared_ptr<DemoSession*> self_;
     std::shared_ptr<Delegate> delegate_;
     ZMCameraViewControllerPtr screen_;
+    std::weak_ptr<ZMCameraViewControllerProtocol> released_;
     std::optional<SessionOutcome> outcome_;
     std::optional<VideoInfo> video_;
-    VideoReadback readback_;
+    // What videoFinished said: the file left, or why there is none.
+    std::optional<std::pair<std::optional<QString>, QString>> final_;
+    bool waitingForVideo_ = false;
+    QTimer videoLimit_;
     QTimer faceWatch_;
     bool shownLastTick_ = false;
 };

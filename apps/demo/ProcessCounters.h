@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
+#include <QMap>
 #include <QStringList>
 #include <unistd.h>
 
@@ -13,6 +14,11 @@ struct ProcessCounters {
     int pooledThreads = 0;
     int fileDescriptors = 0;
     double rssMiB = 0;
+    // Which threads (by id, with their names) and descriptors (by number,
+    // with what they point at) are alive: a count alone mistakes a thread
+    // that ended for one that leaked.
+    QMap<QString, QString> threadNames;
+    QMap<QString, QString> openFiles;
 
     static ProcessCounters now()
     {
@@ -20,12 +26,24 @@ struct ProcessCounters {
         const QDir tasks(QStringLiteral("/proc/self/task"));
         for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
-            if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "Thread (pooled)")
+            const QString name = comm.open(QIODevice::ReadOnly) ? QString::fromUtf8(comm.readAll().trimmed()) : QString();
+            if (name == QLatin1String("Thread (pooled)")) {
                 ++counters.pooledThreads;
-            else
+            } else {
                 ++counters.threads;
+                counters.threadNames.insert(task, name);
+            }
         }
-        counters.fileDescriptors = int(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::System | QDir::NoDotAndDotDot).size());
+        // The listing's own descriptor is left out: it moves when others do.
+        const QString listing = QStringLiteral("/proc/%1/fd").arg(getpid());
+        QDirIterator fds(QStringLiteral("/proc/self/fd"), QDir::System | QDir::NoDotAndDotDot);
+        while (fds.hasNext()) {
+            const QString fd = fds.next();
+            const QString target = QFile::symLinkTarget(fd);
+            if (target != listing)
+                counters.openFiles.insert(QFileInfo(fd).fileName(), target);
+        }
+        counters.fileDescriptors = int(counters.openFiles.size());
         QFile statm(QStringLiteral("/proc/self/statm"));
         if (statm.open(QIODevice::ReadOnly)) {
             const QList<QByteArray> fields = statm.readAll().split(' ');
@@ -35,27 +53,20 @@ struct ProcessCounters {
         return counters;
     }
 
-    /// The threads' names, to say which one leaked.
-    static QStringList threadNames()
+    /// The threads and files alive now that were not at `before`, named:
+    /// empty when nothing was left behind. Qt's pooled threads do not count.
+    QStringList leftSince(const ProcessCounters& before) const
     {
-        QStringList names;
-        const QDir tasks(QStringLiteral("/proc/self/task"));
-        for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            QFile comm(tasks.filePath(task + QStringLiteral("/comm")));
-            if (comm.open(QIODevice::ReadOnly))
-                names << QString::fromUtf8(comm.readAll().trimmed());
+        QStringList left;
+        for (auto it = threadNames.cbegin(); it != threadNames.cend(); ++it) {
+            if (!before.threadNames.contains(it.key()))
+                left << QStringLiteral("thread %1 (%2)").arg(it.key(), it.value());
         }
-        return names;
-    }
-
-    /// Where the descriptors point, to say which file leaked.
-    static QStringList openFiles()
-    {
-        QStringList targets;
-        QDirIterator it(QStringLiteral("/proc/self/fd"), QDir::System | QDir::NoDotAndDotDot);
-        while (it.hasNext())
-            targets << QFile::symLinkTarget(it.next());
-        return targets;
+        for (auto it = openFiles.cbegin(); it != openFiles.cend(); ++it) {
+            if (before.openFiles.value(it.key()) != it.value())
+                left << QStringLiteral("fd %1 -> %2").arg(it.key(), it.value());
+        }
+        return left;
     }
 };
 

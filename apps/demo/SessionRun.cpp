@@ -3,6 +3,8 @@
 #include "DemoSummary.h"
 #include "WindowPlacement.h"
 
+#include "platform/DispatchQueue.h"
+
 #include <QJsonDocument>
 #include <QTextStream>
 #include <QWidget>
@@ -71,6 +73,9 @@ void SessionRun::report()
 void SessionRun::giveUp()
 {
     const QString text = QStringLiteral("no outcome within %1 s").arg(guard_.interval() / 1000);
+    // The session still runs: end it as the user would, so that its camera
+    // and threads wind down before the process ends.
+    session_.cancel();
     if (const auto& outcome = session_.outcome()) {
         // The outcome came but its video did not settle in time.
         QJsonObject summary = sessionSummary(*outcome, std::nullopt);
@@ -94,7 +99,17 @@ void SessionRun::finish(QJsonObject summary, int status)
         summary.insert(it.key(), it.value());
     QTextStream(stdout) << QJsonDocument(summary).toJson(QJsonDocument::Compact) << Qt::endl;
     session_.release();
-    emit exitRequested(status);
+    // Exit only once the released screen and its queues are gone: a process
+    // that ends while the detector still analyses a frame tears OpenCV's
+    // thread-local data down under it. The wait only bounds a hang.
+    auto waited = std::make_shared<int>(0);
+    connect(&windDown_, &QTimer::timeout, this, [this, status, waited] {
+        if ((session_.isReleased() && platform::DispatchQueue::liveThreadCount() == 0) || ++*waited > 500) {
+            windDown_.stop();
+            emit exitRequested(status);
+        }
+    });
+    windDown_.start(20);
 }
 
 }  // namespace zavo::demo

@@ -36,6 +36,7 @@ private:
     QDir output_;
     Display display_;
     QTimer guard_;
+    QTimer windDown_;  // after the summary, until the released session is gone
     QJsonObject files_;
     bool reported_ = false;
 };

@@ -8,8 +8,10 @@
 #include "DemoWindow.h"
 #include "SessionRun.h"
 #include "WindowPlacement.h"
+#include "capture/ZMCameraDevices.h"
 
 #include "platform/CaptureAuthorization.h"
+#include "zavocore/ZCStepConfig.h"
 #include "platform/DeviceScreen.h"
 #include "platform/FileSystem.h"
 
@@ -77,6 +79,22 @@ void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const
 
 }  // namespace
 
+/// --list-cameras: one tab-separated line per webcam.
+int listCameras()
+{
+    QTextStream out(stdout);
+    const auto cameras = ZMCameraDevices::availableCameras();
+    for (const auto& camera : cameras) {
+        const char* position = camera.position == platform::CaptureDevicePosition::Front  ? "front"
+                               : camera.position == platform::CaptureDevicePosition::Back ? "back"
+                                                                                          : "unspecified";
+        out << camera.location << '\t' << position << '\t' << camera.name << '\t' << camera.uniqueID << '\n';
+    }
+    if (cameras.empty())
+        QTextStream(stderr) << "zavocamera-demo: no webcam found\n";
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     chooseOffscreenWithoutDisplay();
@@ -98,6 +116,8 @@ int main(int argc, char** argv)
         QTextStream(stderr) << "zavocamera-demo: " << problem << '\n';
         return 2;
     }
+    if (options->listCameras)
+        return listCameras();
     const auto camera = FrontCamera::install(options->camera, &problem);
     if (!camera) {
         QTextStream(stderr) << "zavocamera-demo: " << problem << '\n';
@@ -117,11 +137,20 @@ int main(int argc, char** argv)
 
     SessionOptions sessionOptions;
     sessionOptions.recordVideo = options->recordVideo;
+    for (const core::ZCStepKind kind : options->steps)
+        sessionOptions.steps.push_back(std::make_shared<core::ZCStepConfig>(kind));
+    if (options->shuffleSteps)
+        sessionOptions.adjustConfiguration = [](core::ZCZavoConfiguration& configuration) {
+            configuration.detector.shuffleSteps = true;
+        };
     if (isHeadless() || options->quitAfterSession) {
         SessionRun run(sessionOptions, *output, options->timeoutSeconds,
                        isHeadless() ? SessionRun::Display::Offscreen : SessionRun::Display::Window);
         QObject::connect(&run, &SessionRun::exitRequested, &app, [](int status) { QCoreApplication::exit(status); },
                          Qt::QueuedConnection);
+        // The run says when to quit, with its status: the session's view
+        // closing as it winds down is not the end.
+        app.setQuitOnLastWindowClosed(false);
         run.start();
         return app.exec();
     }

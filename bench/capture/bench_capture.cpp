@@ -16,10 +16,10 @@
 // Usage: bench_capture [--quick]   (--quick shortens the long session to 8 s)
 #include "capture/ZMCameraCaptureManager.h"
 #include "platform/DeviceScreen.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 #include "platform/FileSystem.h"
 #include "platform/ProcessInfo.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 #include "recording/ZMSaveVideoExService.h"
 
 #include <QCoreApplication>
@@ -424,7 +424,7 @@ int main(int argc, char** argv)
     const bool quick = app.arguments().contains(QStringLiteral("--quick"));
     QTemporaryDir documents;
     setDocumentsDirectory(documents.path());
-    CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+    CaptureDeviceRegistry::shared().setProviders({});
     MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
     const QString clip = QStringLiteral(ZAVO_TEST_DATA_DIR "/A_zoom_blur_dark.mp4");
 

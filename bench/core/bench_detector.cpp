@@ -2,8 +2,9 @@
 // same run:
 //  1. pushFrame on the calling thread, against handing the same frame
 //     through a mutex-guarded slot (the least any hand-over can cost);
-//  2. analysis of one 720x1280 frame on one core, against the frontal
-//     cascade run on the whole full-resolution frame (120 px faces,
+//  2. analysis of one 720x1280 frame on one core by the face network and by
+//     the cascades it falls back to, against each other and against the
+//     frontal cascade run on the whole full-resolution frame (120 px faces,
 //     6 neighbours: the parameters that are exact on these clips);
 //  3. time from the first good frame of clip A, fed in real time, to the
 //     best shot, against the steady spell the detector waits for.
@@ -121,10 +122,15 @@ void benchPushFrame(const std::vector<platform::SampleBuffer>& frames)
     std::printf("  baseline slot hand-over: median %.4f ms; ratio %.1fx\n", b.median, p.median / b.median);
 }
 
-void benchAnalysis(const std::vector<platform::SampleBuffer>& frames)
+struct AnalysisCost {
+    Stats steady, whole;
+};
+
+// Faces followed from frame to frame as in a session, then every frame
+// searched whole, by one analyzer.
+AnalysisCost analysisCost(const std::vector<platform::SampleBuffer>& frames, const core::ZCDetectorSettings& settings)
 {
-    cv::setNumThreads(1);
-    core::detail::FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+    core::detail::FaceAnalyzer analyzer{settings};
     std::vector<double> steady, whole;
     for (int round = 0; round < 3; ++round) {
         analyzer.reset();
@@ -143,6 +149,18 @@ void benchAnalysis(const std::vector<platform::SampleBuffer>& frames)
             whole.push_back(threadCpuMs() - c0);
         }
     }
+    return {stats(steady), stats(whole)};
+}
+
+void benchAnalysis(const std::vector<platform::SampleBuffer>& frames)
+{
+    cv::setNumThreads(1);
+    core::ZCDetectorSettings withCascades;
+    withCascades.faceNetworkPath = QStringLiteral("/nonexistent/face.onnx");  // the fall-back
+    const bool haveNetwork = core::detail::FaceAnalyzer{core::ZCDetectorSettings()}.usesNetwork();
+    const AnalysisCost network = analysisCost(frames, core::ZCDetectorSettings());
+    const AnalysisCost cascades = analysisCost(frames, withCascades);
+
     cv::CascadeClassifier cascade(ZAVO_FACE_CASCADE);
     std::vector<double> baseline;
     for (size_t i = 0; i < frames.size(); i += 4) {
@@ -155,12 +173,25 @@ void benchAnalysis(const std::vector<platform::SampleBuffer>& frames)
         cascade.detectMultiScale(grey, faces, 1.1, 6, 0, cv::Size(120, 120));
         baseline.push_back(threadCpuMs() - c0);
     }
-    const Stats s = stats(steady), w = stats(whole), b = stats(baseline);
-    std::printf("analysis per %dx%d frame, one core, CPU time: median %.2f ms, p90 %.2f, max %.2f (goal < 8 ms median)\n",
-                viewOf(frames.front()).width, viewOf(frames.front()).height, s.median, s.p90, s.max);
-    std::printf("  every frame searched whole: median %.2f ms, p90 %.2f\n", w.median, w.p90);
-    std::printf("  baseline full-resolution cascade: median %.2f ms; ratio %.3f (whole search %.3f)\n", b.median,
-                s.median / b.median, w.median / b.median);
+    const Stats b = stats(baseline);
+    const auto size = viewOf(frames.front());
+    std::printf("analysis per %dx%d frame, one core, CPU time (goal: network median <= 3 ms, p90 <= 5 ms)\n", size.width,
+                size.height);
+    if (haveNetwork) {
+        std::printf("  face network: median %.2f ms, p90 %.2f, max %.2f; every frame searched whole: median %.2f, p90 %.2f\n",
+                    network.steady.median, network.steady.p90, network.steady.max, network.whole.median, network.whole.p90);
+    } else {
+        std::printf("  face network: not in this build (scripts/fetch-model.sh)\n");
+    }
+    std::printf("  cascades:     median %.2f ms, p90 %.2f, max %.2f; every frame searched whole: median %.2f, p90 %.2f\n",
+                cascades.steady.median, cascades.steady.p90, cascades.steady.max, cascades.whole.median, cascades.whole.p90);
+    if (haveNetwork) {
+        std::printf("  network / cascades: median %.2fx, p90 %.2fx (whole search %.2fx, %.2fx)\n",
+                    network.steady.median / cascades.steady.median, network.steady.p90 / cascades.steady.p90,
+                    network.whole.median / cascades.whole.median, network.whole.p90 / cascades.whole.p90);
+    }
+    std::printf("  baseline full-resolution cascade: median %.2f ms; cascades' ratio %.3f (whole search %.3f)\n", b.median,
+                cascades.steady.median / b.median, cascades.whole.median / b.median);
 }
 
 void benchTimeToShot(const std::vector<platform::SampleBuffer>& frames)
@@ -186,7 +217,7 @@ void benchTimeToShot(const std::vector<platform::SampleBuffer>& frames)
     }
     const Stats d = stats(delays);
     const double spell = core::ZCDetectorSettings().steadyDuration * 1000;
-    std::printf("first good frame to best shot, real-time feed: median %.0f ms, max %.0f (%zu runs; goal < 1000 ms)\n",
+    std::printf("first good frame to best shot, real-time feed: median %.0f ms, max %.0f (%zu runs; goal <= 700 ms)\n",
                 d.median, d.max, delays.size());
     std::printf("  baseline steady spell: %.0f ms; overhead %.0f ms\n", spell, d.median - spell);
 }

@@ -1,6 +1,7 @@
 // Where the time of the two media pipelines goes, stage by stage, on one
-// thread each: decoding a clip into ARGB frames, converting a frame into the
-// encoder's picture, and encoding small pictures.
+// thread each: decoding a clip into full-size ARGB frames (the frame-dump
+// recorder's frames; the compressor now reads scaled NV12 instead), converting
+// a frame into the encoder's picture, and encoding small pictures.
 // usage: bench_media_stages CLIP.mp4 WORKDIR
 #include "platform/Asset.h"
 #include "platform/AssetWriter.h"
@@ -25,8 +26,8 @@ namespace {
 
 double msSince(Clock::time_point start) { return std::chrono::duration<double, std::milli>(Clock::now() - start).count(); }
 
-/// Decodes the clip into ARGB as the compressor does (pooled buffers, each
-/// released at once) when keep is off; keeps every frame when it is on.
+/// Decodes the clip into full-size ARGB (pooled buffers, each released at
+/// once) when keep is off; keeps every frame when it is on.
 std::vector<SampleBuffer> decodeAll(const QString& path, bool keep, double* msPerFrame)
 {
     auto asset = Asset::assetWithPath(path);

@@ -1,9 +1,11 @@
 // The smallest useful host: shows the camera screen, prints how the session
-// ended and quits. With a video file as its argument it plays that file as the
-// front camera instead of using a webcam.
+// ended, waits for the session video to be final and quits. With a video file
+// as its argument it plays that file as the front camera instead of using a
+// webcam; without one it lists the webcams it can use.
 #include <camera-screen/ZMCameraBuilder.h>
+#include <capture/ZMCameraDevices.h>
 #include <platform/DispatchQueue.h>
-#include <platform/FileCaptureDevice.h>
+#include <platform/file/FileCaptureDevice.h>
 
 #include <QApplication>
 #include <cstdio>
@@ -21,6 +23,16 @@ public:
         finish(1, QStringLiteral("error: %1").arg(error.localizedDescription()), videoFile);
     }
 
+    // Comes after the outcome, once the video named there is final.
+    void videoFinished(std::optional<QString> videoFile, zavo::platform::ErrorPtr error) override
+    {
+        zavo::platform::DispatchQueue::main().async([videoFile, problem = error ? error->localizedDescription() : QString()] {
+            std::printf("video final: %s%s\n", qPrintable(videoFile.value_or(QStringLiteral("deleted"))),
+                        problem.isEmpty() ? "" : qPrintable(QStringLiteral(" (%1)").arg(problem)));
+            QApplication::quit();
+        });
+    }
+
 private:
     // Outcomes arrive on one of the component's queues: hop to the main thread.
     void finish(int code, QString text, std::optional<QString> videoFile)
@@ -28,7 +40,8 @@ private:
         zavo::platform::DispatchQueue::main().async([this, code, text, videoFile] {
             std::printf("%s; video: %s\n", qPrintable(text), qPrintable(videoFile.value_or(QStringLiteral("none"))));
             exitCode = code;
-            QApplication::quit();
+            if (!videoFile)
+                QApplication::quit();  // otherwise videoFinished follows
         });
     }
 };
@@ -49,6 +62,10 @@ int main(int argc, char** argv)
             return 2;
         }
         zavo::platform::CaptureDeviceRegistry::shared().registerDevice(fileCamera);
+    } else {
+        for (const auto& camera : zavo::ZMCameraDevices::availableCameras())
+            std::printf("camera: %s %s%s\n", qPrintable(camera.location), qPrintable(camera.name),
+                        camera.position == zavo::platform::CaptureDevicePosition::Front ? " (front)" : "");
     }
 
     auto host = std::make_shared<Host>();

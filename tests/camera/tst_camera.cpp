@@ -12,8 +12,9 @@
 #include "platform/DeviceScreen_p.h"
 #include "platform/DispatchQueue.h"
 #include "platform/NotificationCenter.h"
-#include "platform/SyntheticCaptureDevice.h"
-#include "platform/V4L2CaptureDevice_p.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "platform/v4l2/Enumeration_p.h"
+#include "platform/v4l2/Provider_p.h"
 
 #include <QApplication>
 #include <QtTest>
@@ -121,7 +122,7 @@ private slots:
 
     void init()
     {
-        CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        CaptureDeviceRegistry::shared().setProviders({});
         CaptureDeviceRegistry::shared().unregisterAll();
         CaptureAuthorization::setPolicy(nullptr);
     }
@@ -173,7 +174,7 @@ private slots:
 
     void realWebcamIsListedWhenPresent()
     {
-        CaptureDeviceRegistry::shared().setV4L2Enabled(true);
+        CaptureDeviceRegistry::shared().setProviders(defaultCaptureDeviceProviders());
         const auto devices = CaptureDeviceRegistry::shared().allDevices();
         if (devices.empty())
             QSKIP("no V4L2 capture device on this machine");
@@ -210,10 +211,12 @@ private slots:
         QCOMPARE(device->focusMode(), FocusMode::ContinuousAutoFocus);
         QCOMPARE(device->focusPointOfInterest(), QPointF(0.25, 0.75));
 
-        // Size presets fit either way round and prefer "420v"; others are refused.
+        // Size presets fit either way round, in the camera's own orientation;
+        // unknown presets are refused.
         QVERIFY(device->supportsSessionPreset(CaptureSessionPreset::Preset1280x720));
         QVERIFY(device->supportsSessionPreset(CaptureSessionPreset::Preset640x480));
         QCOMPARE(device->formatForSessionPreset(CaptureSessionPreset::Preset1280x720), formats[2]);
+        QCOMPARE(device->formatForSessionPreset(CaptureSessionPreset::Preset640x480), formats[0]);
         QCOMPARE(device->formatForSessionPreset(CaptureSessionPreset::InputPriority), formats[2]);
         QVERIFY(!device->supportsSessionPreset("1920x1080"));
 

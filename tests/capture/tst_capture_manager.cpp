@@ -9,7 +9,7 @@
 #include "platform/DeviceScreen.h"
 #include "platform/FileSystem.h"
 #include "platform/ProcessInfo.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 
 #include <QApplication>
 #include <QTemporaryDir>
@@ -185,7 +185,7 @@ private slots:
 
     void init()
     {
-        CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        CaptureDeviceRegistry::shared().setProviders({});
         CaptureDeviceRegistry::shared().unregisterAll();
         CaptureAuthorization::setPolicy(nullptr);
         MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
@@ -346,6 +346,7 @@ private slots:
         QTest::addColumn<QString>("preset");
         QTest::addColumn<int>("position");
         QTest::addColumn<QString>("logLine");
+        QTest::addColumn<bool>("refusesSizePresets");
 
         auto f = [](const char(&code)[5], int w, int h, std::vector<FrameRateRange> r = {{1, 30}}) {
             return Synthetic::makeFormat(code, w, h, std::move(r));
@@ -354,21 +355,21 @@ private slots:
             << std::vector{f("420v", 720, 1280), f("420v", 720, 1280), f("420f", 720, 1280),
                            f("420v", 720, 1280, {{1, 60}})}
             << 568.0 << 1 << CaptureSessionPreset::InputPriority << 2
-            << "format <420v> width = <720> height = <1280> fps = <30.000>";
+            << "format <420v> width = <720> height = <1280> fps = <30.000>" << false;
         QTest::newRow("a format without frame rates passes")
             << std::vector{f("420v", 720, 1280), f("420v", 720, 1280, {})} << 568.0 << 1
-            << CaptureSessionPreset::InputPriority << 2 << "format <420v> width = <720> height = <1280> fps = <0.000>";
+            << CaptureSessionPreset::InputPriority << 2 << "format <420v> width = <720> height = <1280> fps = <0.000>" << false;
         QTest::newRow("only the first range counts")
             << std::vector{f("420v", 720, 1280, {{1, 60}, {1, 30}})} << 568.0 << -1
-            << CaptureSessionPreset::Preset1280x720 << 2 << QString();
+            << CaptureSessionPreset::Preset1280x720 << 2 << QString() << false;
         QTest::newRow("landscape formats fall back to 1280x720")
             << std::vector{f("420v", 1280, 720), f("420v", 640, 480)} << 568.0 << -1
-            << CaptureSessionPreset::Preset1280x720 << 2 << QString();
+            << CaptureSessionPreset::Preset1280x720 << 2 << QString() << false;
         QTest::newRow("a 480-point screen falls back to 640x480")
             << std::vector{f("420v", 1280, 720), f("420v", 640, 480)} << 480.0 << -1
-            << CaptureSessionPreset::Preset640x480 << 2 << QString();
+            << CaptureSessionPreset::Preset640x480 << 2 << QString() << false;
         QTest::newRow("unsupported fallback clears the position")
-            << std::vector{f("420v", 1920, 1080)} << 568.0 << -1 << CaptureSessionPreset::High << 0 << QString();
+            << std::vector{f("420v", 1920, 1080)} << 568.0 << -1 << CaptureSessionPreset::High << 0 << QString() << true;
     }
 
     void formatChoice()
@@ -379,8 +380,11 @@ private slots:
         QFETCH(QString, preset);
         QFETCH(int, position);
         QFETCH(QString, logLine);
+        QFETCH(bool, refusesSizePresets);
         auto configuration = camera("front", Position::Front);
         configuration.formats = formats;
+        if (refusesSizePresets)
+            configuration.unsupportedPresets = {CaptureSessionPreset::Preset640x480, CaptureSessionPreset::Preset1280x720};
         auto device = registerCamera(configuration);
         MainScreen::setBoundsOverride(QRectF(0, 0, 320, screenHeight));
         if (!logLine.isEmpty())

@@ -8,10 +8,10 @@
 #include "platform/CaptureVideoDataOutput.h"
 #include "platform/CaptureMovieFileOutput.h"
 #include "platform/DeviceScreen.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 #include "platform/FileSystem.h"
 #include "platform/ProcessInfo.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 #include "recording/ZMSaveVideoExService.h"
 #include "recording/ZMSaveVideoService.h"
 
@@ -138,7 +138,7 @@ private slots:
             QSKIP("ffprobe is needed to check the recorded files");
         QVERIFY(scratch.isValid());
         QVERIFY(QFile::exists(kClip));
-        CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        CaptureDeviceRegistry::shared().setProviders({});
         MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
         baselineThreads = processThreadCount();
     }

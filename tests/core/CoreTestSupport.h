@@ -16,6 +16,16 @@ namespace zavo::test {
 
 inline QString dataPath(const QString& name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + name; }
 
+/// A test photo in 32-bit pixels; a missing one ends the run, since the
+/// photos are part of the tree.
+inline QImage photo(const QString& name)
+{
+    QImage image(dataPath(name));
+    if (image.isNull())
+        qFatal("missing test photo %s", qPrintable(name));
+    return image.convertToFormat(QImage::Format_ARGB32);
+}
+
 /// A frame with image's pixels, in BGRA32 (as the capture pipeline delivers
 /// them) or ARGB32.
 inline platform::SampleBuffer frameFromImage(const QImage& source, platform::MediaTime pts,
@@ -114,42 +124,38 @@ public:
         QMutexLocker lock(&mutex_);
         acceptShots_ = accept;
     }
-    QList<core::ZCBestShotPtr> shots() const
-    {
-        QMutexLocker lock(&mutex_);
-        return shots_;
-    }
-    QList<Report> errors() const
-    {
-        QMutexLocker lock(&mutex_);
-        return errors_;
-    }
+    // Each accessor copies under the lock into a list of its own: a shared
+    // copy would be detached later, outside the lock, while the detector's
+    // thread appends.
+    QList<core::ZCBestShotPtr> shots() const { return copied(shots_); }
+    QList<Report> errors() const { return copied(errors_); }
     QList<long> codes() const
     {
+        QMutexLocker lock(&mutex_);
         QList<long> codes;
-        for (const Report& r : errors())
+        for (const Report& r : errors_)
             codes.append(r.code);
         return codes;
     }
     QStringList keys() const
     {
+        QMutexLocker lock(&mutex_);
         QStringList keys;
-        for (const Report& r : errors())
+        for (const Report& r : errors_)
             keys.append(r.key);
         return keys;
     }
-    QList<QRectF> rects() const
-    {
-        QMutexLocker lock(&mutex_);
-        return rects_;
-    }
-    QStringList events() const
-    {
-        QMutexLocker lock(&mutex_);
-        return events_;
-    }
+    QList<QRectF> rects() const { return copied(rects_); }
+    QStringList events() const { return copied(events_); }
 
 private:
+    template <typename T>
+    QList<T> copied(const QList<T>& list) const
+    {
+        QMutexLocker lock(&mutex_);
+        return QList<T>(list.cbegin(), list.cend());
+    }
+
     mutable QMutex mutex_;
     bool acceptShots_ = true;
     QList<core::ZCBestShotPtr> shots_;
@@ -157,6 +163,32 @@ private:
     QList<QRectF> rects_;
     QSizeF frameSize_;
     QStringList events_;
+};
+
+/// A reference detector, its recording delegate, and a feed of frames with
+/// timestamps.
+struct DetectorRig {
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    core::ZCBestShotDetectorPtr detector;
+
+    explicit DetectorRig(core::ZCDetectorSettings settings,
+                         std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness = nullptr)
+    {
+        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+        configuration->detector = settings;
+        detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, std::move(liveness), configuration);
+    }
+
+    /// Frames of image from `from` to `to` seconds, 30 a second.
+    void feed(const QImage& image, double from, double to,
+              platform::PixelFormat format = platform::PixelFormat::BGRA32)
+    {
+        const platform::SampleBuffer first = frameFromImage(image, platform::MediaTime::zero(), format);
+        for (double t = from; t < to - 1e-9; t += 1.0 / 30) {
+            detector->pushFrame(platform::SampleBuffer(first.imageBuffer(), platform::MediaTime::fromSeconds(t, 600),
+                                                       first.formatDescription()));
+        }
+    }
 };
 
 }  // namespace zavo::test

@@ -3,12 +3,14 @@
 #include "../web/CannedHttpServer.h"
 #include "CoreTestSupport.h"
 #include "platform/DispatchQueue.h"
+#include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCHttpLiveness.h"
 #include "zavocore/ZCStepConfig.h"
 #include "zavocore/ZavoCore.h"
 #include "zavoweb/NetworkingError.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QTimer>
 #include <QTest>
 
@@ -18,7 +20,7 @@ using platform::MediaTime;
 
 namespace {
 
-QImage photo(const QString& name) { return QImage(test::dataPath(name)); }
+using test::photo;
 
 QImage cameraFrame(const QImage& face)
 {
@@ -41,7 +43,6 @@ core::ZCDetectorSettings testSettings()
 {
     core::ZCDetectorSettings settings;
     settings.synchronousProcessing = true;
-    settings.frameTimeout = 60;  // only the watchdog test wants it
     return settings;
 }
 
@@ -64,28 +65,11 @@ private:
     platform::DispatchQueuePtr queue_ = platform::DispatchQueue::create(QStringLiteral("test.liveness"));
 };
 
-// A detector, its delegate and a feed of frames with timestamps.
-struct Rig {
-    std::shared_ptr<test::RecordingDelegate> delegate = std::make_shared<test::RecordingDelegate>();
-    core::ZCBestShotDetectorPtr detector;
-
+struct Rig : test::DetectorRig {
     explicit Rig(core::ZCDetectorSettings settings = testSettings(),
                  std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness = nullptr)
+        : DetectorRig(settings, std::move(liveness))
     {
-        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
-        configuration->detector = settings;
-        detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, std::move(liveness), configuration);
-    }
-
-    /// Frames of image from `from` to `to` seconds, 30 a second.
-    void feed(const QImage& image, double from, double to,
-              platform::PixelFormat format = platform::PixelFormat::BGRA32)
-    {
-        const platform::SampleBuffer first = test::frameFromImage(image, MediaTime::zero(), format);
-        for (double t = from; t < to - 1e-9; t += 1.0 / 30) {
-            detector->pushFrame(platform::SampleBuffer(first.imageBuffer(), MediaTime::fromSeconds(t, 600),
-                                                       first.formatDescription()));
-        }
     }
 };
 
@@ -94,7 +78,14 @@ struct Rig {
 class TestDetector : public QObject {
     Q_OBJECT
 
+    // The step limits and the frame watchdog run only when a test moves the
+    // clock: how long an analysis takes on this machine changes no outcome.
+    std::optional<core::detail::HeldDetectorClock> clock;
+
 private slots:
+    void init() { clock.emplace(); }
+    void cleanup() { clock.reset(); }
+
     void steadyGoodFaceGivesOneBestShot_data()
     {
         QTest::addColumn<platform::PixelFormat>("format");
@@ -185,16 +176,51 @@ private slots:
 
     void theStepTimesOut()
     {
+        using namespace std::chrono_literals;
         auto settings = testSettings();
         settings.stepTimeout = 60;
         Rig rig(settings);
-        rig.detector->defineStepsList({std::make_shared<core::ZCStepConfig>(0.2)});
+        rig.detector->defineStepsList({std::make_shared<core::ZCStepConfig>(2.0)});
         rig.detector->launchWizard();
-        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1000});
-        QCOMPARE(rig.delegate->keys(), QStringList{"errors.step_timeout"});
+        // A frame analysed is a launch seen; the step's own limit counts
+        // from there, not the configured one, and not before it.
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.0, 0.1);
+        clock->advance(1900ms);
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.1, 0.5);
+        QVERIFY(!rig.delegate->codes().contains(1000));
+        clock->advance(200ms);
+        QTRY_COMPARE(rig.delegate->codes().count(1000), 1);
+        QCOMPARE(rig.delegate->keys().last(), QStringLiteral("errors.step_timeout"));
         // The wizard is over: frames change nothing.
-        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.0, 1.0);
-        QCOMPARE(rig.delegate->events().size(), 1);
+        const qsizetype events = rig.delegate->events().size();
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.5, 1.5);
+        QCOMPARE(rig.delegate->events().size(), events);
+    }
+
+    /// A camera faster than the analysis keeps a frame always waiting; the
+    /// step must still run out.
+    void aStepRunsOutWhileFramesKeepComing()
+    {
+        auto settings = testSettings();
+        settings.synchronousProcessing = false;
+        settings.stepTimeout = 1;
+        Rig rig(settings);
+        rig.detector->launchWizard();
+        const platform::SampleBuffer frame = test::frameFromImage(photo("gpl/kphotoalbum__snow.jpg"), MediaTime::zero());
+        QElapsedTimer wall;
+        wall.start();
+        bool advanced = false;
+        for (int i = 0; !rig.delegate->codes().contains(1000) && wall.elapsed() < 20000; ++i) {
+            rig.detector->pushFrame(platform::SampleBuffer(frame.imageBuffer(), MediaTime::make(i, 600),
+                                                           frame.formatDescription()));
+            // Once a frame was looked at, the wizard runs: move past its step.
+            if (!advanced && !rig.delegate->events().isEmpty()) {
+                clock->advance(std::chrono::seconds(2));
+                advanced = true;
+            }
+        }
+        QVERIFY(advanced);
+        QCOMPARE(rig.delegate->codes().count(1000), 1);
     }
 
     void withoutStepsTheConfiguredTimeoutApplies()
@@ -203,19 +229,28 @@ private slots:
         settings.stepTimeout = 0.2;
         Rig rig(settings);
         rig.detector->launchWizard();
-        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1000});
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.0, 0.1);
+        clock->advance(std::chrono::milliseconds(250));
+        QTRY_COMPARE(rig.delegate->codes().count(1000), 1);
     }
 
     void framesThatStopEndTheSession()
     {
+        using namespace std::chrono_literals;
         auto settings = testSettings();
         settings.frameTimeout = 0.3;
         Rig rig(settings);
         rig.detector->launchWizard();
         rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.0, 0.1);
-        QTRY_COMPARE(rig.delegate->codes(), QList<long>{1004});
+        clock->advance(200ms);
+        rig.feed(photo("gpl/kphotoalbum__snow.jpg"), 0.1, 0.2);
+        // Each frame restarts the watchdog.
+        clock->advance(200ms);
+        QVERIFY(!rig.delegate->codes().contains(1004));
+        clock->advance(200ms);
+        QTRY_COMPARE(rig.delegate->codes().count(1004), 1);
         rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 1.0, 2.0);
-        QCOMPARE(rig.delegate->codes(), QList<long>{1004});
+        QCOMPARE(rig.delegate->codes().count(1004), 1);
         QVERIFY(rig.delegate->shots().isEmpty());
     }
 

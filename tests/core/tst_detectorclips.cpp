@@ -1,6 +1,7 @@
 // The reference detector on real camera clips, every frame analysed in
 // timestamp order.
 #include "CoreTestSupport.h"
+#include "zavocore/ZCDetectorClock_p.h"
 
 #include <QTest>
 
@@ -12,7 +13,9 @@ namespace {
 std::shared_ptr<test::RecordingDelegate> runClip(const QString& file, core::ZCDetectorSettings settings = {})
 {
     settings.synchronousProcessing = true;
-    settings.frameTimeout = 60;
+    // Time stands still while the clip is fed: however slowly this machine
+    // analyses it, no step limit or frame watchdog runs out half way.
+    const core::detail::HeldDetectorClock clock;
     auto delegate = std::make_shared<test::RecordingDelegate>();
     auto configuration = std::make_shared<core::ZCZavoConfiguration>();
     configuration->detector = settings;
@@ -64,8 +67,14 @@ private slots:
         const qsizetype gone = events.indexOf(QStringLiteral("rect:none"));
         QVERIFY(gone > 30);  // the face was followed for about 1.8 s first
         QCOMPARE(events.indexOf(QStringLiteral("rect"), gone), -1);
-        QCOMPARE(delegate->codes().first(), 1022);
+        // On its way out the face is cut by the frame's edge (1010); once it
+        // is gone, no face (1022), and nothing else.
+        const QList<long> codes = delegate->codes();
+        QVERIFY(!codes.isEmpty());
+        QCOMPARE(codes.last(), 1022);
         QVERIFY(events.indexOf(QStringLiteral("error:1022")) > gone);
+        for (long code : codes)
+            QVERIFY2(code == 1010 || code == 1022, qPrintable(QString::number(code)));
     }
 
     void twoFacesNeverGiveAShot()

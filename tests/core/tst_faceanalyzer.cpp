@@ -1,37 +1,20 @@
 // Face finding and quality judgement on real photos, and where faces land on
 // the screen.
-#include "CoreTestSupport.h"
-#include "zavocore/ZCFaceAnalyzer_p.h"
+#include "AnalyzerTestSupport.h"
 #include "zavocore/ZCPreviewGeometry_p.h"
 
 #include <QPainter>
 #include <QTest>
 
 using namespace zavo;
+using test::analyse;
+using test::photo;
 using core::detail::FaceAnalysis;
 using core::detail::FaceAnalyzer;
 using core::detail::FrameView;
 using core::detail::Guidance;
 
 namespace {
-
-FaceAnalysis analyse(FaceAnalyzer& analyzer, const QImage& image,
-                     platform::PixelFormat format = platform::PixelFormat::BGRA32)
-{
-    const platform::SampleBuffer frame = test::frameFromImage(image, platform::MediaTime::zero(), format);
-    const auto& buffer = *frame.imageBuffer();
-    const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(), format};
-    analyzer.reset();
-    return analyzer.analyze(view, QPointF(image.width() / 2.0, image.height() / 2.0));
-}
-
-QImage photo(const QString& name)
-{
-    QImage image(test::dataPath(name));
-    if (image.isNull())
-        qFatal("missing test photo %s", qPrintable(name));
-    return image;
-}
 
 // The photo scaled up into a portrait camera frame, the face in the middle.
 QImage cameraFrame(const QImage& face)
@@ -72,7 +55,11 @@ private slots:
         QFETCH(QString, file);
         QFETCH(int, faces);
         QFETCH(int, guidance);
-        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        // The cascades' counts, which the analyzer falls back to without the
+        // face network; the network's are in tst_facenetwork.
+        core::ZCDetectorSettings settings;
+        settings.faceNetworkPath = QStringLiteral("/nonexistent/face.onnx");
+        FaceAnalyzer analyzer(settings);
         QVERIFY2(analyzer.loadError().isEmpty(), qPrintable(analyzer.loadError()));
         const FaceAnalysis analysis = analyse(analyzer, photo(file));
         QCOMPARE(int(analysis.faces.size()), faces);

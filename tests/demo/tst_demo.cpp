@@ -1,13 +1,14 @@
 // The demo host's own logic: its command line, its choice of front camera,
 // the summary it prints, the detector timing it installs and its wait for
 // the session video to become final.
+#include "FakeWebcams.h"
 #include "DemoOptions.h"
 #include "DemoSummary.h"
 #include "DetectorTiming.h"
 #include "VideoReadback.h"
 
 #include "platform/CaptureAuthorization.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 #include "zavocore/ZavoCore.h"
 
 #include <QJsonArray>
@@ -18,6 +19,7 @@
 
 using namespace zavo;
 using namespace zavo::demo;
+using namespace zavo::testing;
 
 namespace {
 
@@ -57,7 +59,7 @@ class TestDemo : public QObject {
     Q_OBJECT
 
 private slots:
-    void initTestCase() { platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false); }
+    void initTestCase() { platform::CaptureDeviceRegistry::shared().setProviders({}); }
     void cleanup() { platform::CaptureDeviceRegistry::shared().unregisterAll(); }
 
     void commandLine()
@@ -78,6 +80,43 @@ private slots:
         QCOMPARE(file->outputDirectory, QStringLiteral("out"));
         QCOMPARE(file->timeoutSeconds, 0);
         QCOMPARE(parse({"--camera", "synthetic"}, &problem)->camera.kind, CameraChoice::Kind::Synthetic);
+        const auto webcam = parse({"--camera", "webcam"}, &problem);
+        QCOMPARE(webcam->camera.kind, CameraChoice::Kind::V4L2);
+        QVERIFY(webcam->camera.path.isEmpty());
+        QVERIFY(parse({"--list-cameras"}, &problem)->listCameras);
+        const auto steps = parse({"--steps", "left,look, closer", "--shuffle-steps"}, &problem);
+        QVERIFY2(steps, qPrintable(problem));
+        QCOMPARE(steps->steps, (std::vector<core::ZCStepKind>{core::ZCStepKind::TurnHeadLeft, core::ZCStepKind::LookAtCamera,
+                                                               core::ZCStepKind::MoveCloser}));
+        QVERIFY(steps->shuffleSteps && !defaults->shuffleSteps && defaults->steps.empty());
+    }
+
+    /// A named webcam leads as the front camera; without a name the
+    /// automatic choice stands; a node that is no camera is refused.
+    void webcamChoiceMakesThatCameraTheFrontOne()
+    {
+        FakeWebcams webcams;
+        webcams.kernel->plug(QStringLiteral("video0"), fixtureCamera(QStringLiteral("laptop_builtin.txt")));
+        webcams.kernel->plug(QStringLiteral("video2"), fixtureCamera(QStringLiteral("usb1080p_h264.txt")));
+        const auto providers = platform::CaptureDeviceRegistry::shared().providers();
+        QString problem;
+        {
+            auto camera = FrontCamera::install({CameraChoice::Kind::V4L2, QStringLiteral("/dev/video2")}, &problem,
+                                               providers);
+            QVERIFY2(camera, qPrintable(problem));
+            QCOMPARE(frontCameras().front()->location(), QStringLiteral("/dev/video2"));
+            QCOMPARE(camera->description(), QStringLiteral("/dev/video2 (HD Pro Webcam C920)"));
+        }
+        {
+            auto camera = FrontCamera::install({CameraChoice::Kind::V4L2, {}}, &problem, providers);
+            QVERIFY2(camera, qPrintable(problem));
+            QCOMPARE(frontCameras().front()->location(), QStringLiteral("/dev/video0"));
+        }
+        QVERIFY(!FrontCamera::install({CameraChoice::Kind::V4L2, QStringLiteral("/dev/video7")}, &problem, providers));
+        QVERIFY2(problem.contains(QLatin1String("/dev/video7")), qPrintable(problem));
+        // Any other camera hides the webcams.
+        auto clip = FrontCamera::install({CameraChoice::Kind::Synthetic, {}}, &problem, providers);
+        QVERIFY(platform::CaptureDeviceRegistry::shared().providers().empty());
     }
 
     void commandLineRefusesWhatCannotWork_data()
@@ -91,6 +130,7 @@ private slots:
         QTest::newRow("word timeout") << QStringList{"--timeout", "soon"} << "--timeout";
         QTest::newRow("unknown option") << QStringList{"--record"} << "record";
         QTest::newRow("stray argument") << QStringList{"extra"} << "extra";
+        QTest::newRow("unknown step") << QStringList{"--steps", "look,blink"} << "blink";
     }
 
     void commandLineRefusesWhatCannotWork()
@@ -163,7 +203,7 @@ private slots:
         SessionOutcome outcome;
         auto detectorError = std::make_shared<platform::ErrorObject>(
             core::kZCErrorDomain, 1004, QVariantMap{{QLatin1String(platform::kLocalizedDescriptionKey), "no frames"}});
-        outcome.error = ZMCameraError(detectorError);
+        outcome.error = ZMCameraError::bestShotError(detectorError);
         const QJsonObject summary = sessionSummary(outcome, std::nullopt);
         QCOMPARE(summary["outcome"].toString(), QStringLiteral("error"));
         QCOMPARE(summary["errorCase"].toString(), QStringLiteral("bestShotError"));
@@ -255,37 +295,6 @@ private slots:
         const VideoInfo info = readVideo(half.fileName());
         QVERIFY(!info.problem.isEmpty());
         QVERIFY(info.frames < 120);
-    }
-
-    /// The wait ends when the file turns into its final form, not before.
-    void readbackWaitsForTheFinalFile()
-    {
-        QTemporaryDir scratch;
-        const QString path = scratch.filePath("session.mp4");
-        VideoReadback readback;
-        QSignalSpy done(&readback, &VideoReadback::done);
-        readback.start(path, QSize(720, 1280), std::chrono::seconds(20), std::chrono::milliseconds(20));
-        QTest::qWait(100);  // polls a missing file a few times
-        QCOMPARE(done.count(), 0);
-        QVERIFY(QFile::copy(kClip, path));
-        QVERIFY(done.wait(10000));
-        const auto info = done.at(0).at(0).value<VideoInfo>();
-        QVERIFY(info.finished);
-        QCOMPARE(info.frames, 120);
-        QVERIFY(!readback.isRunning());
-    }
-
-    void readbackGivesUpOnAFileThatNeverBecomesFinal()
-    {
-        VideoReadback readback;
-        QSignalSpy done(&readback, &VideoReadback::done);
-        readback.start(kClip, kRecompressedVideoSize, std::chrono::milliseconds(300), std::chrono::milliseconds(50));
-        QVERIFY(done.wait(10000));
-        QCOMPARE(done.count(), 1);
-        const auto info = done.at(0).at(0).value<VideoInfo>();
-        QVERIFY(!info.finished);
-        QVERIFY(info.problem.contains("not final"));
-        QCOMPARE(info.frames, 120);  // what is there is still reported
     }
 };
 

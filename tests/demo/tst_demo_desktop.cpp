@@ -99,6 +99,23 @@ private slots:
         QVERIFY(process.readAllStandardError().contains("--orientation"));
     }
 
+    /// Without a display the demo runs headless; a session that finds no
+    /// face is ended by the demo's own limit, with exit status 3 and a
+    /// summary that says so.
+    void headlessSessionEndsAtItsTimeLimit()
+    {
+        QProcessEnvironment offscreen = withoutDisplay();
+        offscreen.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        const Run run = runDemo(demo,
+                                {"--camera", QStringLiteral(ZAVO_TEST_DATA_DIR "/E_no_face.mp4"), "--no-record",
+                                 "--timeout", "1", "--output", scratch.filePath("timeout")},
+                                offscreen);
+        QCOMPARE(run.exitCode, 3);
+        QCOMPARE(run.summary.value("outcome").toString(), QStringLiteral("error"));
+        QCOMPARE(run.summary.value("errorText").toString(), QStringLiteral("no outcome within 1 s"));
+        QVERIFY(run.summary.value("faceBox").isNull());
+    }
+
     void realScreens_data()
     {
         QTest::addColumn<QString>("screen");

@@ -11,7 +11,7 @@
 #include "platform/Asset.h"
 #include "platform/CaptureDevice.h"
 #include "platform/DispatchQueue.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 #include "platform/ProcessInfo.h"
 #include "zavocore/ZavoCore.h"
 
@@ -149,18 +149,13 @@ inline void useRecorder(Recorder recorder)
         platform::ProcessInfo::resetOperatingSystemVersion();
 }
 
-/// Waits until the threads and descriptors are back to before; on failure
-/// says which are left.
-#define ZAVO_COMPARE_COUNTERS(before)                                                                             \
-    do {                                                                                                           \
-        (void)QTest::qWaitFor([&] {                                                                                      \
-            const auto now = ProcessCounters::now();                                                               \
-            return now.threads == (before).threads && now.fileDescriptors == (before).fileDescriptors;             \
-        }, 10000);                                                                                                 \
-        const auto after = ProcessCounters::now();                                                                 \
-        QVERIFY2(after.threads == (before).threads, qPrintable(ProcessCounters::threadNames().join(u',')));        \
-        QVERIFY2(after.fileDescriptors == (before).fileDescriptors,                                                \
-                 qPrintable(ProcessCounters::openFiles().join(u',')));                                             \
+/// Waits until every thread and descriptor that appeared since `before` is
+/// gone; on failure says which are left.
+#define ZAVO_COMPARE_COUNTERS(before)                                                                    \
+    do {                                                                                                  \
+        (void)QTest::qWaitFor([&] { return ProcessCounters::now().leftSince(before).isEmpty(); }, 10000); \
+        const QStringList left = ProcessCounters::now().leftSince(before);                               \
+        QVERIFY2(left.isEmpty(), qPrintable(left.join(u',')));                                            \
     } while (false)
 
 /// One session from the builder to the host's delegate.
@@ -223,7 +218,7 @@ inline bool prepareSuite()
     // see them come and go. The suites count only the component's threads, so
     // as the host they keep OpenCV on the calling thread.
     cv::setNumThreads(1);
-    platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+    platform::CaptureDeviceRegistry::shared().setProviders({});
     platform::CaptureDeviceRegistry::shared().unregisterAll();
     core::ZCBestShotBuilder::setFactory({});
     LogRecorder::instance();

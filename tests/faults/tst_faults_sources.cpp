@@ -6,9 +6,9 @@
 #include "FaultTestSupport.h"
 
 #include "../web/CannedHttpServer.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 #include "platform/FileSystem.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 #include "zavocore/ZCHttpLiveness.h"
 
 #include <QApplication>
@@ -174,10 +174,8 @@ private slots:
     void init()
     {
         LogRecorder::instance().clear();
+        // The default step limit (30 s) only bounds a hang, like the waits.
         configuration = std::make_shared<core::ZCZavoConfiguration>();
-        configuration->detector.stepTimeout = 10;
-        // A camera that went quiet is noticed after a second, not three.
-        configuration->detector.frameTimeout = 1;
         permission = std::make_unique<PermissionScope>(platform::AuthorizationStatus::Authorized);
     }
 
@@ -245,6 +243,10 @@ private slots:
         QFETCH(QStringList, reports);
         QFETCH(bool, videoLeft);
         useRecorder(recorder);
+        // Where a camera going quiet is the fault, it is noticed after a
+        // second; elsewhere the watchdog only bounds a hang, so a stall of
+        // a busy machine cannot turn the outcome into "no frames".
+        configuration->detector.frameTimeout = outcome == QLatin1String("bestShotError 1004") ? 1 : 30;
         const QString temp = QDir::tempPath();
         const QSet<QString> tempBefore = filesUnder({temp});
         const ProcessCounters before = ProcessCounters::now();
@@ -260,7 +262,8 @@ private slots:
         }
         QVERIFY(session.waitForOutcome());
         QCOMPARE(describe(session.host->last()), outcome);
-        QCOMPARE(session.host->last().videoFile, std::optional<QString>(videoPath));
+        // Only a session that recorded frames names a video.
+        QCOMPARE(session.host->last().videoFile, videoLeft ? std::optional<QString>(videoPath) : std::nullopt);
         QVERIFY(session.waitForReports(reports.size()));
         if (!logged.isEmpty())
             QVERIFY2(LogRecorder::instance().count(QRegularExpression(logged)) > 0, qPrintable(logged));

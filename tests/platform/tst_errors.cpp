@@ -2,6 +2,7 @@
 // errors' descriptions.
 #include "camera-screen/ZMBundleLink.h"
 #include "camera-screen/ZMCameraError.h"
+#include "camera-screen/ZMCameraError_p.h"
 #include "zavocore/ZavoCore.h"
 #include "zavoweb/NetworkingError.h"
 
@@ -70,13 +71,13 @@ private slots:
     {
         auto core = std::make_shared<ErrorObject>(core::kZCErrorDomain, 1022,
                                                   QVariantMap{{kLocalizedDescriptionKey, QStringLiteral("No face")}});
-        ZMCameraError fromCore(core);
+        const ZMCameraError fromCore = cameraErrorFromDetector(core);
         QCOMPARE(fromCore.kind(), ZMCameraError::Case::bestShotError);
         QCOMPARE(fromCore.bestShotErrorValue(), core);
         QCOMPARE(*fromCore.errorDescription(), QStringLiteral("No face"));
 
         for (const QString& domain : {core::kZCErrorDomain.toUpper(), core::kZCErrorDomain + QStringLiteral(".x"), QString()}) {
-            ZMCameraError other(std::make_shared<ErrorObject>(domain, 1022));
+            const ZMCameraError other = cameraErrorFromDetector(std::make_shared<ErrorObject>(domain, 1022));
             QCOMPARE(other.kind(), ZMCameraError::Case::error);
             QCOMPARE(other.code(), 3L);
         }

@@ -67,6 +67,23 @@ public:
     {
         record({nullptr, error, std::move(videoFile), currentThreadName()});
     }
+    void videoFinished(std::optional<QString> videoFile, platform::ErrorPtr error) override
+    {
+        std::lock_guard lock(mutex_);
+        finals_.push_back({std::move(videoFile), std::move(error), int(outcomes_.size())});
+    }
+
+    /// One videoFinished call, and how many outcomes had arrived before it.
+    struct VideoFinal {
+        std::optional<QString> videoFile;
+        platform::ErrorPtr error;
+        int outcomesBefore = 0;
+    };
+    std::vector<VideoFinal> finals() const
+    {
+        std::lock_guard lock(mutex_);
+        return finals_;
+    }
 
     std::vector<Outcome> outcomes() const
     {
@@ -89,6 +106,7 @@ private:
     }
     mutable std::mutex mutex_;
     std::vector<Outcome> outcomes_;  // guarded by mutex_
+    std::vector<VideoFinal> finals_;  // guarded by mutex_
 };
 
 /// Installs the default permission policy's replacement for one test.

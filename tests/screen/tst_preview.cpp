@@ -4,7 +4,7 @@
 #include "platform/CaptureSession.h"
 #include "platform/CaptureVideoPreviewLayer.h"
 #include "platform/CaptureVideoPreviewView.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 
 #include <QPainter>
 #include <QtTest>

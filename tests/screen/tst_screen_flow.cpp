@@ -5,7 +5,8 @@
 #include "ScreenTestSupport.h"
 
 #include "platform/CaptureDevice.h"
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/CaptureVideoPreviewView.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 #include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMVideoStreamNotificationView.h"
 #include "zavocore/ZCErrorCodes.h"
@@ -160,7 +161,7 @@ class TstScreenFlow : public QObject {
 private slots:
     void initTestCase()
     {
-        platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        platform::CaptureDeviceRegistry::shared().setProviders({});
         platform::CaptureDeviceRegistry::shared().unregisterAll();
     }
 
@@ -189,6 +190,13 @@ private slots:
     }
 
     // ------------------------------------------------------------ building
+
+    void builderRefusesACustomizationWithoutCustomizer()
+    {
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("the customization has no uiCustomizer"));
+        QVERIFY(!ZMCameraBuilder::viewController(host, configuration, nullptr, std::make_shared<ZMCustomization>(nullptr),
+                                                 true));
+    }
 
     void builderFillsTheScreenAndStartsNothing()
     {
@@ -233,8 +241,16 @@ private slots:
         QVERIFY(screen->changeCameraButton()->isVisible());
         QCOMPARE(screen->controls()->geometry(), screen->view()->rect());
 
+        // The preview fills the screen, before and after a resize.
+        QTRY_VERIFY(screen->view()->findChild<platform::CaptureVideoPreviewView*>());
+        auto* preview = screen->view()->findChild<platform::CaptureVideoPreviewView*>();
+        QCOMPARE(preview->layer(), screen->captureManager()->previewLayer());
+        QTRY_COMPARE(preview->geometry(), QRect(0, 0, 360, 640));
+
         screen->view()->resize(500, 700);
         QTRY_COMPARE(detector->sizes.back(), QSizeF(500, 700));
+        QCOMPARE(preview->layer()->frame(), QRectF(0, 0, 500, 700));
+        QTRY_COMPARE(preview->geometry(), QRect(0, 0, 500, 700));
         QCOMPARE(close->geometry(), QRect(500 - 10 - 44, 10, 44, 44));
         QCOMPARE(banner()->width(), 500);
         QCOMPARE(screen->controls()->geometry(), QRect(0, 0, 500, 700));
@@ -505,7 +521,9 @@ private slots:
 
     void bestShotEndsTheSessionWithTheRecordedVideo()
     {
+        platform::CaptureDeviceRegistry::shared().registerDevice(platform::SyntheticCaptureDevice::create());
         present(true);
+        QTRY_VERIFY(screen->captureManager()->recordedFrameCount() > 0);
         reporter()->bestShotError(detectorError(1010));
         QTRY_VERIFY(banner()->isVisible());
         auto shot = std::make_shared<core::ZCBestShot>(QImage(8, 8, QImage::Format_RGB32), QRectF(), core::ZCQualityScore{},
@@ -538,6 +556,111 @@ private slots:
         QTRY_COMPARE(host->count(), 3);
         QCOMPARE(host->last().error->kind(), ZMCameraError::Case::canceled);
         QCOMPARE(dismissCalls, 0);
+    }
+
+    // ------------------------------------- the host deletes the view
+
+    /// Puts the screen's view into a container of the host's, shown.
+    std::unique_ptr<QWidget> embed()
+    {
+        auto container = std::make_unique<QWidget>();
+        screen->view()->setParent(container.get());
+        container->resize(360, 640);
+        container->show();
+        return container;
+    }
+
+    void deletedContainerBeforeThePermissionAnswerCancelsAndStartsNothing()
+    {
+        // A permission dialog still open: the answer comes after the host
+        // has taken the screen down.
+        // The request comes on a platform thread; the test answers on main.
+        struct PendingPolicy final : platform::CaptureAuthorizationPolicy {
+            platform::AuthorizationStatus authorizationStatus() override { return AuthorizationStatus::NotDetermined; }
+            void requestAccess(std::function<void(bool)> completion) override
+            {
+                std::lock_guard lock(mutex);
+                pending = std::move(completion);
+            }
+            bool asked()
+            {
+                std::lock_guard lock(mutex);
+                return bool(pending);
+            }
+            void answer(bool granted)
+            {
+                std::function<void(bool)> completion;
+                {
+                    std::lock_guard lock(mutex);
+                    completion = std::exchange(pending, nullptr);
+                }
+                completion(granted);
+            }
+            std::mutex mutex;
+            std::function<void(bool)> pending;  // guarded by mutex
+        };
+        auto policy = std::make_shared<PendingPolicy>();
+        platform::CaptureAuthorization::setPolicy(policy);
+        platform::CaptureDeviceRegistry::shared().registerDevice(platform::SyntheticCaptureDevice::create());
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, true));
+        auto container = embed();
+        QTRY_VERIFY(policy->asked());
+        container.reset();
+        QTRY_COMPARE(host->count(), 1);
+        QCOMPARE(host->last().error->kind(), ZMCameraError::Case::canceled);
+        policy->answer(true);
+        QTest::qWait(50);
+        QCOMPARE(detector->launches, 0);
+        QVERIFY(!screen->captureManager()->session() || !screen->captureManager()->session()->isRunning());
+        QVERIFY(!screen->view());  // never built again
+        QCOMPARE(host->count(), 1);
+        platform::CaptureAuthorization::setPolicy(nullptr);
+    }
+
+    void deletedContainerWhileFramesFlowOrABannerIsUpCancelsOnce_data()
+    {
+        QTest::addColumn<bool>("banner");
+        QTest::newRow("frames flowing") << false;
+        QTest::newRow("banner up") << true;
+    }
+
+    void deletedContainerWhileFramesFlowOrABannerIsUpCancelsOnce()
+    {
+        QFETCH(bool, banner);
+        platform::CaptureDeviceRegistry::shared().registerDevice(platform::SyntheticCaptureDevice::create());
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, true));
+        auto container = embed();
+        QTRY_VERIFY(detector && detector->frames > 3);
+        if (banner) {
+            report(1010);
+            QTRY_VERIFY(this->banner()->isVisible());
+        }
+        container.reset();
+        QTRY_COMPARE(host->count(), 1);
+        QCOMPARE(host->last().error->kind(), ZMCameraError::Case::canceled);
+        QTRY_VERIFY(!screen->captureManager()->session()->isRunning());
+        // Reports that were on their way find no widget to touch: the face
+        // frame, the banner and its timer, the busy indicator.
+        reporter()->detectionRect(QRectF(10, 10, 50, 50), QSizeF(720, 1280));
+        report(1022);
+        reporter()->livenessIsActive(true);
+        QTest::qWait(2200);  // past the long banner's time
+        QCOMPARE(host->count(), 1);
+        QVERIFY(!screen->view());
+    }
+
+    void deletedContainerAfterTheOutcomeLetsTheRecordingFinish()
+    {
+        platform::CaptureDeviceRegistry::shared().registerDevice(platform::SyntheticCaptureDevice::create());
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, true));
+        auto container = embed();
+        QTRY_VERIFY(screen->captureManager()->recordedFrameCount() > 0);
+        screen->close();
+        QTRY_COMPARE(host->count(), 1);
+        container.reset();  // while the recording is being finished
+        QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 30000);
+        QCOMPARE(host->count(), 1);
+        QCOMPARE(host->finals().front().videoFile, host->last().videoFile);
     }
 
     void outcomesAreDroppedOnceTheHostLetsGo()
@@ -573,10 +696,10 @@ private slots:
         QTRY_COMPARE(host->count(), 1);
         QCOMPARE(host->last().error->kind(), ZMCameraError::Case::accessStatus);
         QCOMPARE(host->last().error->authorizationStatus(), AuthorizationStatus::Denied);
-        // The session never ran: the stop completes on the main thread, with
-        // the path the recording would have had.
+        // The session never ran: the stop completes on the main thread, and
+        // no video is named, although recording was on.
         QCOMPARE(host->last().thread, QStringLiteral("main"));
-        QVERIFY(host->last().videoFile->endsWith(QStringLiteral("bright_fold/ZMRecordedVideo.mp4")));
+        QCOMPARE(host->last().videoFile, std::nullopt);
         QVERIFY(!screen->closedByUser());
         QCOMPARE(detector->launches, 0);
     }

@@ -4,11 +4,17 @@
 #include "ScreenTestSupport.h"
 
 #include "platform/Asset.h"
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
+#include "zavocore/ZCDetectorClock_p.h"
+#include "zavocore/ZCErrorCodes.h"
+#include "zavocore/ZCStepConfig.h"
 #include "zavocore/ZavoCore.h"
 
 #include <QApplication>
 #include <QFile>
+
+#include <chrono>
+#include <thread>
 
 using namespace zavo;
 using namespace zavo::testing;
@@ -21,13 +27,27 @@ class TstScreenSession : public QObject {
     std::shared_ptr<ZMCameraViewController> screen;
     std::shared_ptr<core::ZCZavoConfiguration> configuration;
     std::unique_ptr<PermissionScope> permission;
+    // The detector's step limit and frame watchdog run only when a test
+    // moves this clock: a slow machine changes no outcome.
+    std::optional<core::detail::HeldDetectorClock> clock;
 
-    void useFrontCamera(const char* clip)
+    std::shared_ptr<platform::FileCaptureDevice> useCamera(const char* clip, platform::CaptureDevicePosition position)
     {
         platform::ErrorPtr error;
-        auto camera = platform::FileCaptureDevice::create(dataPath(clip), platform::CaptureDevicePosition::Front, &error);
-        QVERIFY2(camera, qPrintable(error ? error->localizedDescription() : QString()));
-        platform::CaptureDeviceRegistry::shared().registerDevice(camera);
+        auto camera = platform::FileCaptureDevice::create(dataPath(clip), position, &error);
+        if (!camera)
+            qWarning("%s: %s", clip, qPrintable(error ? error->localizedDescription() : QString()));
+        else
+            platform::CaptureDeviceRegistry::shared().registerDevice(camera);
+        return camera;
+    }
+    void useFrontCamera(const char* clip) { QVERIFY(useCamera(clip, platform::CaptureDevicePosition::Front)); }
+
+    void clickChangeCamera()
+    {
+        QAbstractButton* button = screen->changeCameraButton();
+        QVERIFY(button && button->isVisible());
+        QTest::mouseClick(button, Qt::LeftButton);
     }
 
     void present(bool recordVideo)
@@ -36,6 +56,18 @@ class TstScreenSession : public QObject {
         QVERIFY(screen);
         screen->view()->resize(360, 640);
         screen->view()->show();
+    }
+
+    /// Waits until the screen has shown the banner with this code, or any
+    /// banner: a sign that the detector is looking at frames.
+    bool waitForBanner(std::optional<long> code = std::nullopt)
+    {
+        return QTest::qWaitFor(
+            [&] {
+                const auto shown = screen->notificationView().notificationMessage();
+                return shown && (!code || shown->code() == *code);
+            },
+            30000);
     }
 
     /// Waits until the recorder is done with the file: the busy indicator
@@ -50,7 +82,7 @@ class TstScreenSession : public QObject {
 private slots:
     void initTestCase()
     {
-        platform::CaptureDeviceRegistry::shared().setV4L2Enabled(false);
+        platform::CaptureDeviceRegistry::shared().setProviders({});
         platform::CaptureDeviceRegistry::shared().unregisterAll();
         core::ZCBestShotBuilder::setFactory({});
     }
@@ -59,7 +91,7 @@ private slots:
     {
         host = std::make_shared<HostDelegate>();
         configuration = std::make_shared<core::ZCZavoConfiguration>();
-        configuration->detector.stepTimeout = 10;
+        clock.emplace();
         permission = std::make_unique<PermissionScope>(AuthorizationStatus::Authorized);
     }
 
@@ -73,6 +105,7 @@ private slots:
         // next session's recording into the same file; and nothing of a
         // session may be left running.
         QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
+        clock.reset();
     }
 
     void faceClipGivesABestShotAndItsVideo()
@@ -85,8 +118,32 @@ private slots:
         QVERIFY(!outcome.bestShot->image().isNull());
         QVERIFY(outcome.videoFile && outcome.videoFile->endsWith(QStringLiteral("bright_fold/ZMRecordedVideo.mp4")));
         QVERIFY(!screen->closedByUser());
+        // Told when the video is final: it then decodes at its final size,
+        // with no polling.
+        QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 30000);
+        const auto final = host->finals().front();
+        QCOMPARE(final.outcomesBefore, 1);
+        QCOMPARE(final.videoFile, outcome.videoFile);
+        QVERIFY(!final.error);
+        QVERIFY(decodableFrames(*final.videoFile) > 0);
         waitForSavedVideo(*outcome.videoFile, true);
         QCOMPARE(host->count(), 1);
+        QCOMPARE(host->finals().size(), size_t(1));
+    }
+
+    void videoBecomesFinalWhileTheMainThreadIsBusy()
+    {
+        // A host quitting: its event loop has stopped while the recorder
+        // still recompresses. The recorder must reach its end without the
+        // main queue, or the process would wait for it for ever.
+        useFrontCamera("A_zoom_blur_dark.mp4");
+        present(true);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (host->finals().empty() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // no event processing here, on purpose
+        QCOMPARE(host->finals().size(), size_t(1));
+        QCOMPARE(host->finals().front().videoFile, host->last().videoFile);
     }
 
     void faceClipWithoutRecordingHasNoVideo()
@@ -103,32 +160,106 @@ private slots:
         configuration->detector.stepTimeout = 3;
         useFrontCamera("C_two_faces.mp4");
         present(false);
-        QSet<long> bannerCodes;
-        const bool ended = QTest::qWaitFor(
-            [&] {
-                if (auto shown = screen->notificationView().notificationMessage())
-                    bannerCodes.insert(shown->code());
-                return host->count() > 0;
-            },
-            30000);
-        QVERIFY(ended);
-        QVERIFY(bannerCodes.contains(1023));
+        QVERIFY(waitForBanner(1023));
+        // However long the faces were in view, they gave no shot; the step
+        // then runs out.
+        QCOMPARE(host->count(), 0);
+        clock->advance(std::chrono::seconds(3));
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
         const Outcome outcome = host->last();
         QVERIFY(!outcome.bestShot);
         QCOMPARE(outcome.error->kind(), ZMCameraError::Case::bestShotError);
         QCOMPARE(outcome.error->bestShotErrorValue()->code(), 1000L);
     }
 
-    void refusedPermissionEndsWithTheVideoPath()
+    /// The change-camera button takes the session to the other camera and
+    /// back while it records; the video goes on through both switches.
+    void changeCameraButtonSwitchesWhileRecording()
     {
+        // A pass through a camera's clip (2 s at the front, 4 s at the back)
+        // is an event the test can wait for, whatever the machine's speed.
+        const auto front = useCamera("E_no_face.mp4", platform::CaptureDevicePosition::Front);
+        const auto back = useCamera("C_two_faces.mp4", platform::CaptureDevicePosition::Back);
+        QVERIFY(front && back);
+        configuration->detector.steadyDuration = 60;  // no shot ends the session early
+        present(true);
+        QTRY_VERIFY_WITH_TIMEOUT(front->loopCount() >= 1, 30000);
+        QVERIFY(!back->isOpen());
+
+        clickChangeCamera();
+        QTRY_VERIFY_WITH_TIMEOUT(back->loopCount() >= 1, 30000);
+        QVERIFY(!front->isOpen());
+        clickChangeCamera();
+        QTRY_VERIFY_WITH_TIMEOUT(back->isOpen() == false && front->loopCount() >= 2, 30000);
+        QCOMPARE(host->count(), 0);
+
+        screen->closeButton()->click();
+        QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 30000);
+        QVERIFY(!host->finals().front().error);
+        // Passes of 2, 4 and 2 s went by: the video holds all of them, with
+        // its time running forward across the switches.
+        const auto tracks = platform::Asset::assetWithPath(*host->finals().front().videoFile)
+                                ->tracksWithMediaType(platform::MediaType::Video);
+        QCOMPARE(tracks.size(), size_t(1));
+        const double seconds = tracks.front()->duration().seconds();
+        QVERIFY2(seconds > 7.5 && seconds < 16, qPrintable(QString::number(seconds)));
+    }
+
+    /// With one camera the switch finds none at the other side and leaves
+    /// the session without a camera: frames stop, and the watchdog ends it.
+    void changeCameraWithOneCameraEndsWithNoFrames()
+    {
+        const auto front = useCamera("E_no_face.mp4", platform::CaptureDevicePosition::Front);
+        QVERIFY(front);
+        present(false);
+        QVERIFY(waitForBanner());
+        clickChangeCamera();
+        QTRY_VERIFY_WITH_TIMEOUT(!front->isOpen(), 30000);
+        QCOMPARE(host->count(), 0);
+        clock->advance(std::chrono::seconds(3));
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        QCOMPARE(host->last().error->bestShotErrorValue()->code(), 1004L);
+    }
+
+    /// A step that asks the user to act shows its prompt in the banner; not
+    /// done in its time, it ends the session.
+    void aStepPromptShowsInTheBannerAndAStepNotDoneEndsTheSession()
+    {
+        useFrontCamera("A_zoom_blur_dark.mp4");
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, false));
+        QVERIFY(screen);
+        screen->defineInteractionsStep({std::make_shared<core::ZCStepConfig>(core::ZCStepKind::TurnHeadLeft, 5)});
+        screen->view()->resize(360, 640);
+        screen->view()->show();
+        QVERIFY(waitForBanner(long(core::ZCErrorCode::StepPrompt)));
+        const QString prompt = screen->notificationView().notificationMessage()->localizedDescription();
+        QCOMPARE(prompt, core::zc_localized(QStringLiteral("steps.turn_left")));
+        QVERIFY(!prompt.startsWith(QStringLiteral("steps.")));
+        clock->advance(std::chrono::seconds(5));
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        QVERIFY(!host->last().bestShot);
+        QCOMPARE(host->last().error->bestShotErrorValue()->code(), 1000L);
+    }
+
+    void refusedPermissionNamesNoEarlierVideo()
+    {
+        // An earlier session's video lies where this one's would go.
+        useFrontCamera("A_zoom_blur_dark.mp4");
+        present(true);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        const QString earlier = *host->last().videoFile;
+        waitForSavedVideo(earlier, true);
+        QVERIFY(releaseScreen(screen, 30000));
+
+        host = std::make_shared<HostDelegate>();
         permission.reset();
         permission = std::make_unique<PermissionScope>(AuthorizationStatus::Denied);
-        useFrontCamera("A_zoom_blur_dark.mp4");
         present(true);
         QTRY_COMPARE(host->count(), 1);
         QCOMPARE(host->last().error->kind(), ZMCameraError::Case::accessStatus);
         QCOMPARE(host->last().error->authorizationStatus(), AuthorizationStatus::Denied);
-        QVERIFY(host->last().videoFile && host->last().videoFile->endsWith(QStringLiteral("ZMRecordedVideo.mp4")));
+        QCOMPARE(host->last().videoFile, std::nullopt);
+        QVERIFY(QFile::exists(earlier));
     }
 
     void emptySceneIsKeptUnlessOnlyFaceVideoIsWanted_data()
@@ -145,11 +276,18 @@ private slots:
         configuration->detector.stepTimeout = 2;
         useFrontCamera("E_no_face.mp4");
         present(true);
+        QVERIFY(waitForBanner());
+        clock->advance(std::chrono::seconds(2));
         QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        QCOMPARE(host->last().error->bestShotErrorValue()->code(), 1000L);
         QVERIFY(!host->last().bestShot);
         QVERIFY(host->last().videoFile);
         QVERIFY(!screen->bestShotDetector()->faceFound());
         waitForSavedVideo(*host->last().videoFile, !saveOnlyFaceVideo);
+        // Deleted: final with no file and no error.
+        QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 30000);
+        QCOMPARE(host->finals().front().videoFile.has_value(), !saveOnlyFaceVideo);
+        QVERIFY(!host->finals().front().error);
     }
 };
 

@@ -1,4 +1,4 @@
-#include "platform/SyntheticCaptureDevice.h"
+#include "platform/synthetic/SyntheticCaptureDevice.h"
 
 #include "platform/CaptureDevice_p.h"
 #include "platform/CaptureMovieFileOutput.h"

@@ -1,4 +1,4 @@
-#include "platform/FileCaptureDevice.h"
+#include "platform/file/FileCaptureDevice.h"
 
 #include "platform/Asset.h"
 #include "platform/CaptureDevice_p.h"

@@ -29,6 +29,7 @@ public:
     ~FileCaptureDevice() override;
 
     QString path() const { return path_; }
+    QString location() const override { return path_; }
     /// Whether a session has the camera open right now.
     bool isOpen() const { return openStreams_.load() > 0; }
     /// Times playback went back to the first frame, over all streams.

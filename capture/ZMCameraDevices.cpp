@@ -1,0 +1,43 @@
+#include "capture/ZMCameraDevices.h"
+
+#include "platform/CaptureDevice.h"
+
+namespace zavo {
+
+using platform::CaptureDeviceRegistry;
+
+std::vector<ZMCameraDeviceInfo> ZMCameraDevices::availableCameras()
+{
+    const auto devices = CaptureDeviceRegistry::shared().allDevices();
+    const QString preferred = CaptureDeviceRegistry::shared().preferredDevice();
+    std::vector<ZMCameraDeviceInfo> cameras;
+    for (const auto& device : devices) {
+        if (!device->isConnected())
+            continue;
+        const bool isPreferred =
+            !preferred.isEmpty() && (device->uniqueID() == preferred || device->location() == preferred);
+        cameras.push_back({device->uniqueID(), device->localizedName(), device->position(), device->location(),
+                           isPreferred});
+    }
+    return cameras;
+}
+
+bool ZMCameraDevices::setPreferredCamera(const QString& uniqueIDOrLocation)
+{
+    if (uniqueIDOrLocation.isEmpty()) {
+        CaptureDeviceRegistry::shared().setPreferredDevice({});
+        return true;
+    }
+    for (const auto& device : CaptureDeviceRegistry::shared().allDevices()) {
+        if (device->isConnected()
+            && (device->uniqueID() == uniqueIDOrLocation || device->location() == uniqueIDOrLocation)) {
+            CaptureDeviceRegistry::shared().setPreferredDevice(uniqueIDOrLocation);
+            return true;
+        }
+    }
+    return false;
+}
+
+QString ZMCameraDevices::preferredCamera() { return CaptureDeviceRegistry::shared().preferredDevice(); }
+
+}  // namespace zavo

@@ -1,0 +1,47 @@
+#pragma once
+// The cameras a host can offer its user, and the one a camera screen uses.
+//
+// A session asks for the front camera. On a desktop a webcam faces its user:
+// a camera built into the screen faces front; when no camera does, the first
+// webcam serves as front and the others as back cameras, so the screen's
+// switch button reaches them. A host that lets its user pick sets the picked
+// camera as preferred: it then serves as the front camera of every session
+// that starts after the call, and the other cameras as back cameras.
+//
+// The list is read fresh on every call: a webcam plugged in while a screen is
+// open is listed (and reachable by switching) from then on, an unplugged one
+// is not. Thread-safe.
+#include "platform/CaptureTypes.h"
+
+#include <QString>
+#include <vector>
+
+namespace zavo {
+
+struct ZMCameraDeviceInfo {
+    /// Stable for the same camera on the same port across runs
+    /// ("v4l2:usb-0000:00:14.0-1:HD Pro Webcam C920").
+    QString uniqueID;
+    /// The name the camera gives itself.
+    QString name;
+    /// Front or back as sessions see it now.
+    platform::CaptureDevicePosition position = platform::CaptureDevicePosition::Unspecified;
+    /// Where it lives: "/dev/video0", a video file's path, or empty.
+    QString location;
+    /// Whether it is the camera sessions start with.
+    bool preferred = false;
+};
+
+class ZMCameraDevices {
+public:
+    /// The cameras present now, the one sessions start with first.
+    static std::vector<ZMCameraDeviceInfo> availableCameras();
+    /// Makes the camera with this unique ID or location the one sessions
+    /// start with; false (and nothing changes) when no such camera is
+    /// present now. An empty value returns to the automatic choice.
+    static bool setPreferredCamera(const QString& uniqueIDOrLocation);
+    /// The value set last; empty for the automatic choice.
+    static QString preferredCamera();
+};
+
+}  // namespace zavo

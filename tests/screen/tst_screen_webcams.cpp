@@ -1,0 +1,150 @@
+// Whole camera sessions on fake webcams that list the formats of real ones:
+// the reference detector must reach a best shot through the real V4L2
+// backend, and a busy, forbidden or unplugged camera must end the session
+// the documented way, leaving no descriptor, mapping or thread behind.
+#include "FakeWebcams.h"
+#include "ScreenTestSupport.h"
+
+#include "platform/DispatchQueue.h"
+#include "zavocore/ZavoCore.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+
+using namespace zavo;
+using namespace zavo::testing;
+using platform::AuthorizationStatus;
+
+class TstScreenWebcams : public QObject {
+    Q_OBJECT
+
+    std::shared_ptr<HostDelegate> host;
+    std::shared_ptr<ZMCameraViewController> screen;
+    std::shared_ptr<core::ZCZavoConfiguration> configuration;
+    std::unique_ptr<FakeWebcams> webcams;
+
+    void present(bool recordVideo)
+    {
+        screen = asScreen(ZMCameraBuilder::viewController(host, configuration, nullptr, nullptr, recordVideo));
+        QVERIFY(screen);
+        screen->view()->resize(360, 640);
+        screen->view()->show();
+    }
+
+    long endingCode() const
+    {
+        const Outcome outcome = host->last();
+        if (!outcome.error || outcome.error->kind() != ZMCameraError::Case::bestShotError)
+            return -1;
+        return outcome.error->bestShotErrorValue()->code();
+    }
+
+private slots:
+    void initTestCase()
+    {
+        platform::CaptureDeviceRegistry::shared().unregisterAll();
+        core::ZCBestShotBuilder::setFactory({});
+        (void)faceFeed();  // decodes the clip once, before any clock runs
+    }
+
+    void init()
+    {
+        host = std::make_shared<HostDelegate>();
+        configuration = std::make_shared<core::ZCZavoConfiguration>();
+        // Limits that only bound a hang: each ending below comes from its
+        // own cause long before these.
+        configuration->detector.stepTimeout = 60;
+        configuration->detector.frameTimeout = 60;
+        webcams = std::make_unique<FakeWebcams>();
+    }
+
+    void cleanup()
+    {
+        if (screen)
+            QVERIFY(releaseScreen(screen, 30000));
+        QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
+        QCOMPARE(webcams->kernel->openDescriptors(), 0);
+        QCOMPARE(webcams->kernel->liveMappings(), 0);
+        webcams.reset();
+    }
+
+    void recordedWebcamsGiveABestShot_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("1080p USB webcam") << "usb1080p_h264.txt";
+        QTest::newRow("720p USB webcam") << "usb720p.txt";
+        QTest::newRow("laptop camera") << "laptop_builtin.txt";
+        QTest::newRow("640x480 only") << "only_640x480.txt";
+        QTest::newRow("stepwise sizes") << "stepwise.txt";
+        QTest::newRow("stepwise rates") << "stepwise_interval.txt";
+    }
+
+    void recordedWebcamsGiveABestShot()
+    {
+        QFETCH(QString, file);
+        webcams->kernel->plug(QStringLiteral("video0"), fixtureCamera(file));
+        PermissionScope permission(AuthorizationStatus::Authorized);
+        present(false);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 60000);
+        const Outcome outcome = host->last();
+        QVERIFY2(outcome.bestShot, qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
+        // Upright and whole: the shot has the camera's landscape shape.
+        const QImage image = outcome.bestShot->image();
+        QVERIFY(image.width() > image.height());
+    }
+
+    void busyWebcamEndsTheSession()
+    {
+        auto camera = fixtureCamera(QStringLiteral("usb1080p_h264.txt"));
+        camera->setFormatErrno = EBUSY;
+        webcams->kernel->plug(QStringLiteral("video0"), camera);
+        PermissionScope permission(AuthorizationStatus::Authorized);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("/dev/video0 \\(HD Pro Webcam C920\\) is in use by another application"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera stopped: .*in use by another application"));
+        present(true);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        QCOMPARE(endingCode(), 1004L);
+    }
+
+    void forbiddenWebcamIsAnAccessDenial()
+    {
+        auto camera = fixtureCamera(QStringLiteral("laptop_builtin.txt"));
+        camera->openErrno = EACCES;
+        webcams->kernel->plug(QStringLiteral("video0"), camera);
+        // The default permission policy: what this user can open.
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("no access to /dev/video0: .*\"video\" group"));
+        present(false);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        const Outcome outcome = host->last();
+        QVERIFY(outcome.error);
+        QCOMPARE(outcome.error->kind(), ZMCameraError::Case::accessStatus);
+        QCOMPARE(outcome.error->authorizationStatus(), AuthorizationStatus::Denied);
+    }
+
+    void unpluggedWebcamEndsTheSessionAndKeepsItsVideo()
+    {
+        webcams->kernel->plug(QStringLiteral("video0"), fixtureCamera(QStringLiteral("usb720p.txt")));
+        PermissionScope permission(AuthorizationStatus::Authorized);
+        // No shot may end it first: the face must stay out of reach.
+        configuration->detector.minSharpness = 1e9;
+        present(true);
+        QTRY_VERIFY_WITH_TIMEOUT(webcams->kernel->deliveredFrames() >= 30, 30000);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera was unplugged"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera stopped: .*unplugged"));
+        QElapsedTimer clock;
+        clock.start();
+        webcams->kernel->unplug(QStringLiteral("video0"));
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        qInfo("unplugged to outcome: %lld ms", (long long)clock.elapsed());
+        QCOMPARE(endingCode(), 1004L);
+        const Outcome outcome = host->last();
+        QVERIFY(outcome.videoFile);
+        QTRY_VERIFY_WITH_TIMEOUT(!screen->livenessActivity()->isVisible() && decodableFrames(*outcome.videoFile) > 0,
+                                 30000);
+        QCOMPARE(host->count(), 1);
+    }
+};
+
+QTEST_MAIN(TstScreenWebcams)
+#include "tst_screen_webcams.moc"
