@@ -66,15 +66,26 @@ void ZMSaveVideoExService::appendStorageWithSampleBuffer(const SampleBuffer&) {}
 
 void ZMSaveVideoExService::endRecordWithCompletion(std::function<void()> completion)
 {
+    {
+        std::lock_guard lock(mutex_);
+        announcingStop_ = true;
+    }
     if (videoFileOutput_)
         videoFileOutput_->stopRecording();
     // Without a delegate the caller's completion is deliberately never called.
-    auto target = delegate();
-    if (!target)
-        return;
-    target->videoFlushingWillBegin();
-    if (completion)
-        completion();
+    if (auto target = delegate()) {
+        target->videoFlushingWillBegin();
+        if (completion)
+            completion();
+    }
+    std::optional<FinishedRecording> finished;
+    {
+        std::lock_guard lock(mutex_);
+        announcingStop_ = false;
+        finished.swap(heldFinish_);
+    }
+    if (finished)
+        reportFinishedRecording(finished->fileURL, std::move(finished->error));
 }
 
 void ZMSaveVideoExService::captureOutputDidStartRecording(CaptureMovieFileOutput&, const QUrl&,
@@ -85,6 +96,18 @@ void ZMSaveVideoExService::captureOutputDidStartRecording(CaptureMovieFileOutput
 void ZMSaveVideoExService::captureOutputDidFinishRecording(CaptureMovieFileOutput&, const QUrl& fileURL,
                                                            const std::vector<std::shared_ptr<CaptureConnection>>&,
                                                            ErrorPtr error)
+{
+    {
+        std::lock_guard lock(mutex_);
+        if (announcingStop_) {
+            heldFinish_ = FinishedRecording{fileURL, std::move(error)};
+            return;
+        }
+    }
+    reportFinishedRecording(fileURL, std::move(error));
+}
+
+void ZMSaveVideoExService::reportFinishedRecording(const QUrl& fileURL, ErrorPtr error)
 {
     auto target = delegate();
     if (!target)

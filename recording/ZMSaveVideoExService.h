@@ -18,6 +18,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace zavo {
 
@@ -78,6 +79,16 @@ public:
 private:
     mutable std::mutex mutex_;
     std::weak_ptr<ZMSaveVideoServiceDelegate> delegate_;  // guarded by mutex_
+    // The output may finish a short file on its own thread before the
+    // stopping caller has said "will begin"; its report is held here and
+    // passed on by the caller, so the delegate always hears the two in order.
+    struct FinishedRecording {
+        QUrl fileURL;
+        platform::ErrorPtr error;
+    };
+    bool announcingStop_ = false;                        // guarded by mutex_
+    std::optional<FinishedRecording> heldFinish_;        // guarded by mutex_
+    void reportFinishedRecording(const QUrl& fileURL, platform::ErrorPtr error);
     platform::DispatchQueuePtr processingQueue_;
     std::atomic<int64_t> framesCounter_{0};
     double fps_ = 0;
