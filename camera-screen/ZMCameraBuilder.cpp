@@ -1,9 +1,9 @@
 #include "camera-screen/ZMCameraBuilder.h"
 
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 #include "camera-screen/ZMStoryboard_p.h"
-#include "platform/Log.h"
+#include "base/Log.h"
 
 namespace zavo {
 

@@ -1,7 +1,7 @@
 #include "camera-screen/ZMCameraError.h"
 #include "camera-screen/ZMCameraError_p.h"
 
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 #include "zavocore/ZavoCore.h"
 
 namespace zavo {

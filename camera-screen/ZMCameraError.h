@@ -1,7 +1,7 @@
 #pragma once
 // The one error type the component hands to its host.
-#include "platform/CaptureTypes.h"
-#include "platform/Error.h"
+#include "camera/CaptureTypes.h"
+#include "base/Error.h"
 #include "zavoweb/NetworkingError.h"
 
 #include <variant>

@@ -3,12 +3,12 @@
 // does with the detector's reports is in ZMCameraViewControllerResults.cpp.
 #include "camera-screen/ZMCameraViewController_p.h"
 
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 
-#include "platform/CaptureVideoPreviewView.h"
-#include "platform/DeviceScreen.h"
-#include "platform/DispatchQueue.h"
-#include "platform/Log.h"
+#include "shell/CaptureVideoPreviewView.h"
+#include "shell/DeviceScreen.h"
+#include "base/DispatchQueue.h"
+#include "base/Log.h"
 #include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMImages.h"
 #include "ui/ZMVideoStreamNotificationView.h"

@@ -1,7 +1,7 @@
 #pragma once
 // The camera screen as its host sees it.
 #include "camera-screen/ZMCameraDelegate.h"
-#include "platform/ViewController.h"
+#include "shell/ViewController.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 #include "zavocore/ZCZavoConfiguration.h"
 

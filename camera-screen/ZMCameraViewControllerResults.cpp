@@ -5,8 +5,8 @@
 #include "camera-screen/ZMCameraError_p.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 
-#include "platform/DispatchQueue.h"
-#include "platform/Log.h"
+#include "base/DispatchQueue.h"
+#include "base/Log.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZavoCore.h"
 

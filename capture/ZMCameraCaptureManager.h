@@ -15,11 +15,11 @@
 // until they have run. Once the last holder lets go, the session stops, the
 // camera closes and both queue threads end.
 #include "capture/ZMCameraCaptureProtocol.h"
-#include "platform/CaptureDevice.h"
-#include "platform/CaptureSession.h"
-#include "platform/CaptureVideoDataOutput.h"
-#include "platform/CaptureVideoPreviewLayer.h"
-#include "platform/DispatchQueue.h"
+#include "camera/CaptureDevice.h"
+#include "camera/CaptureSession.h"
+#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureVideoPreviewLayer.h"
+#include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol.h"
 
 #include <QPointF>

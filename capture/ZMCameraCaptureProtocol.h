@@ -1,9 +1,9 @@
 #pragma once
 // What the camera screen calls on its capture manager, and what the manager
 // calls back.
-#include "platform/CaptureTypes.h"
-#include "platform/Error.h"
-#include "platform/SampleBuffer.h"
+#include "camera/CaptureTypes.h"
+#include "base/Error.h"
+#include "media/SampleBuffer.h"
 
 #include <QRectF>
 #include <functional>

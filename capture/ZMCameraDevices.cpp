@@ -1,6 +1,6 @@
 #include "capture/ZMCameraDevices.h"
 
-#include "platform/CaptureDevice.h"
+#include "camera/CaptureDevice.h"
 
 namespace zavo {
 

@@ -11,7 +11,7 @@
 // The list is read fresh on every call: a webcam plugged in while a screen is
 // open is listed (and reachable by switching) from then on, an unplugged one
 // is not. Thread-safe.
-#include "platform/CaptureTypes.h"
+#include "camera/CaptureTypes.h"
 
 #include <QString>
 #include <vector>

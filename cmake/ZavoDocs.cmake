@@ -21,10 +21,14 @@ doxygen_add_docs(docs
   ${PROJECT_SOURCE_DIR}/README.md
   ${PROJECT_SOURCE_DIR}/docs/ARCHITECTURE.md
   ${PROJECT_SOURCE_DIR}/camera-screen
+  ${PROJECT_SOURCE_DIR}/resources
   ${PROJECT_SOURCE_DIR}/capture
   ${PROJECT_SOURCE_DIR}/recording
   ${PROJECT_SOURCE_DIR}/ui
   ${PROJECT_SOURCE_DIR}/zavocore
   ${PROJECT_SOURCE_DIR}/zavoweb
-  ${PROJECT_SOURCE_DIR}/platform
+  ${PROJECT_SOURCE_DIR}/shell
+  ${PROJECT_SOURCE_DIR}/camera
+  ${PROJECT_SOURCE_DIR}/media
+  ${PROJECT_SOURCE_DIR}/base
   COMMENT "API documentation with Doxygen")

@@ -21,15 +21,38 @@ endif()
 
 set(ZAVO_TEST_DATA_DIR "${PROJECT_SOURCE_DIR}/tests/data")
 
-# zavo_add_library(<name> SOURCES ... PUBLIC_HEADERS ... LIBS ...)
-# Public headers are installed under include/ZavoCamera/<subsystem>/.
+# Every folder is reached by its name ("base/Log.h"), but only from targets
+# that link the folder's target: each target sees an include root of its own
+# holding links to its folder and to the folders of what it links. An upward
+# include (recording/ reaching into camera-screen/) therefore fails to build.
+# zavo_include_root(<target> <folder>...): give <target> its root and make
+# <folder> visible to it and to everything that links it.
+function(zavo_include_root target)
+  set(root ${CMAKE_BINARY_DIR}/include-roots/${target})
+  foreach(folder ${ARGN})
+    get_filename_component(parent ${root}/${folder} DIRECTORY)
+    file(MAKE_DIRECTORY ${parent})
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
+  endforeach()
+  get_target_property(type ${target} TYPE)
+  if(type STREQUAL "INTERFACE_LIBRARY")
+    target_include_directories(${target} INTERFACE $<BUILD_INTERFACE:${root}>)
+  else()
+    target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${root}>)
+  endif()
+endfunction()
+
+# zavo_add_library(<name> SUBSYSTEM <folder> SOURCES ... PUBLIC_HEADERS ... LIBS ...)
+# One shared library per layer. Public headers are installed under
+# include/ZavoCamera/<folder>/, where hosts include them by the same name.
 function(zavo_add_library name)
   cmake_parse_arguments(ARG "" "SUBSYSTEM" "SOURCES;PUBLIC_HEADERS;LIBS;PRIVATE_LIBS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})
   add_library(ZavoCamera::${name} ALIAS ${name})
-  target_include_directories(${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera>)
+  target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera>)
+  if(NOT ARG_SUBSYSTEM STREQUAL ".")
+    zavo_include_root(${name} ${ARG_SUBSYSTEM})
+  endif()
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags ${ARG_PRIVATE_LIBS})
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
@@ -43,8 +66,23 @@ function(zavo_add_library name)
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
+# zavo_add_part(<name> FOLDER <folder> LIBS ...): one folder of the component
+# as an object library, with the layers and parts it may use declared in LIBS;
+# the component library links every part.
+function(zavo_add_part name)
+  cmake_parse_arguments(ARG "" "FOLDER" "LIBS" ${ARGN})
+  zavo_glob_sources(sources headers)
+  add_library(${name} OBJECT ${sources} ${headers})
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  zavo_include_root(${name} ${ARG_FOLDER})
+  target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags)
+  if(headers)
+    install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${ARG_FOLDER})
+  endif()
+endfunction()
+
 # zavo_add_sources(<target> <subsystem> SOURCES ... PUBLIC_HEADERS ...):
-# for a subsystem folder that contributes to a library made elsewhere.
+# for a subfolder that contributes to a library made elsewhere.
 function(zavo_add_sources target subsystem)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_HEADERS" ${ARGN})
   target_sources(${target} PRIVATE ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})

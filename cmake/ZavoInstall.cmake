@@ -36,7 +36,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 # dpkg-shlibdeps works out the runtime dependencies (Qt, FFmpeg, OpenCV)
 # from the binaries themselves; our own libraries are found in the package.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/platform
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/base
+  ${CMAKE_BINARY_DIR}/media ${CMAKE_BINARY_DIR}/camera ${CMAKE_BINARY_DIR}/shell
   ${CMAKE_BINARY_DIR}/zavocore ${CMAKE_BINARY_DIR}/zavoweb)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "opencv-data")
 include(CPack)

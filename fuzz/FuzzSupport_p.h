@@ -15,7 +15,7 @@ extern "C" {
 #include <QString>
 #include <QTemporaryDir>
 
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 
 #include <chrono>
 #include <cstdint>

@@ -3,7 +3,7 @@
 // whole recompression run on a copy (which replaces its input in place).
 #include "FuzzSupport_p.h"
 
-#include "platform/Asset.h"
+#include "media/Asset.h"
 #include "recording/ZMVideoCompresion.h"
 
 #include <QCryptographicHash>

@@ -5,9 +5,9 @@
 #include "FuzzSupport_p.h"
 
 #include "capture/ZMCameraCaptureManager.h"
-#include "platform/DeviceScreen.h"
-#include "platform/ProcessInfo.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "shell/DeviceScreen.h"
+#include "base/ProcessInfo.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

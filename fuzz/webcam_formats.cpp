@@ -9,7 +9,7 @@
 #include "FuzzSupport_p.h"
 
 #include "FakeWebcams.h"
-#include "platform/CaptureDevice_p.h"
+#include "camera/CaptureDevice_p.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 

@@ -1,9 +1,9 @@
 #include "recording/ZMRecordingStorage.h"
 
-#include "camera-screen/ZMBundleLink.h"
-#include "platform/Bundle.h"
-#include "platform/FileSystem.h"
-#include "platform/Log.h"
+#include "resources/ZMBundleLink.h"
+#include "base/Bundle.h"
+#include "base/FileSystem.h"
+#include "base/Log.h"
 #include "zavocore/ZavoCore.h"
 
 #include <QDir>

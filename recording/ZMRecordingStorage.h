@@ -1,7 +1,7 @@
 #pragma once
 // Where session videos live: the recording folder under Documents, the names
 // of the files in it, and the errors the recorders report.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <QString>
 #include <QUrl>

@@ -1,6 +1,6 @@
 #include "recording/ZMSaveVideoExService.h"
 
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 #include "recording/ZMRecordingStorage.h"
 
 #include <QFile>

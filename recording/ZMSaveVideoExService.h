@@ -9,9 +9,9 @@
 // compressor (nil, or the 1001 "bad quality" error). Frames handed to
 // appendStorageWithSampleBuffer are ignored: the output takes them from the
 // session itself.
-#include "platform/CaptureMovieFileOutput.h"
-#include "platform/CaptureSession.h"
-#include "platform/DispatchQueue.h"
+#include "camera/CaptureMovieFileOutput.h"
+#include "camera/CaptureSession.h"
+#include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol.h"
 #include "recording/ZMVideoCompresion.h"
 

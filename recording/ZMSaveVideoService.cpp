@@ -1,10 +1,10 @@
 #include "recording/ZMSaveVideoService.h"
 
-#include "camera-screen/ZMBundleLink.h"
-#include "platform/FileSystem.h"
-#include "platform/FileSystem_p.h"
-#include "platform/Log.h"
-#include "platform/VideoFrameConverter.h"
+#include "resources/ZMBundleLink.h"
+#include "base/FileSystem.h"
+#include "base/FileSystem_p.h"
+#include "base/Log.h"
+#include "media/VideoFrameConverter.h"
 #include "recording/ZMRecordingStorage.h"
 
 #include <QDir>

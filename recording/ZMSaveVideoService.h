@@ -6,8 +6,8 @@
 // Recording itself does no encoding, so the capture queue pays only for one
 // copy and one file write per frame; all encoding happens afterwards at
 // background priority.
-#include "platform/AssetWriter.h"
-#include "platform/DispatchQueue.h"
+#include "media/AssetWriter.h"
+#include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol.h"
 
 #include <QByteArray>

@@ -1,7 +1,7 @@
 #pragma once
 // The contract between the capture manager and a session-video recorder.
-#include "platform/Error.h"
-#include "platform/SampleBuffer.h"
+#include "base/Error.h"
+#include "media/SampleBuffer.h"
 
 #include <QUrl>
 #include <functional>

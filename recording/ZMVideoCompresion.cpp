@@ -1,7 +1,7 @@
 #include "recording/ZMVideoCompresion.h"
 
-#include "platform/DispatchQueue.h"
-#include "platform/ProcessInfo.h"
+#include "base/DispatchQueue.h"
+#include "base/ProcessInfo.h"
 
 #include <QFile>
 #include <QUrl>

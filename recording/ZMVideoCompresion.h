@@ -3,8 +3,8 @@
 // the place of the input file. Only the first video track survives; audio and
 // every other track are dropped. The output is 320x180 and keeps the source's
 // orientation as its transform rather than in its pixels.
-#include "platform/Asset.h"
-#include "platform/AssetWriter.h"
+#include "media/Asset.h"
+#include "media/AssetWriter.h"
 
 #include <QString>
 #include <functional>

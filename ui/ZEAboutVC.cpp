@@ -1,6 +1,6 @@
 #include "ui/ZEAboutVC.h"
 
-#include "platform/Bundle.h"
+#include "base/Bundle.h"
 #include "ui/ZavoFonts.h"
 
 #include <QEvent>

@@ -2,7 +2,7 @@
 // A screen a host can push onto its navigation stack to show which versions
 // are running: its own name and version, and the two SDK versions of the core
 // framework's configuration.
-#include "platform/ViewController.h"
+#include "shell/ViewController.h"
 #include "zavocore/ZCZavoConfiguration.h"
 
 #include <QSizeF>

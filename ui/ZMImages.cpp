@@ -1,6 +1,6 @@
 #include "ui/ZMImages.h"
 
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 
 namespace zavo {
 

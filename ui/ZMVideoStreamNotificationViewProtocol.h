@@ -1,7 +1,7 @@
 #pragma once
 // What the camera screen needs of the banner that tells the user what is wrong
 // with the video stream, so that a host customization can supply its own.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 class QWidget;
 

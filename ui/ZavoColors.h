@@ -2,7 +2,7 @@
 // The brand palette, colours from packed hexadecimal integers, and colours
 // formatted back as "#RRGGBB" strings. Everything here is stateless; each call
 // returns a new colour.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <QColor>
 #include <QHashFunctions>

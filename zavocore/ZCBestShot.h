@@ -1,6 +1,6 @@
 #pragma once
 // The best shot: the frame the detector chose, and why.
-#include "platform/MediaTime.h"
+#include "media/MediaTime.h"
 
 #include <QImage>
 #include <QRectF>

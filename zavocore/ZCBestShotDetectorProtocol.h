@@ -1,9 +1,9 @@
 #pragma once
 // The detector the camera screen feeds, the delegate it reports to, and the
 // factory that makes it.
-#include "platform/Error.h"
-#include "platform/Geometry.h"
-#include "platform/SampleBuffer.h"
+#include "base/Error.h"
+#include "base/Geometry.h"
+#include "media/SampleBuffer.h"
 #include "zavocore/ZCBestShot.h"
 #include "zavocore/ZCZavoConfiguration.h"
 

@@ -31,7 +31,7 @@
 // checker reported it (a web::NetworkingError passes through unchanged); the
 // detector then pauses, except after a quality complaint with a message
 // (the user can fix it), after which it looks for a new shot.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <QString>
 

@@ -2,7 +2,7 @@
 // The reference detector's eyes: finds faces in one frame and judges the
 // only face, if there is one, as material for a best shot. Not thread-safe;
 // the detector uses it from its own thread only.
-#include "platform/PixelBuffer.h"
+#include "media/PixelBuffer.h"
 #include "zavocore/ZCBestShot.h"
 #include "zavocore/ZCZavoConfiguration.h"
 

@@ -2,7 +2,7 @@
 // The face network: a small single-shot detector that sees a 128x128 square
 // and returns face boxes with six landmarks. FaceAnalyzer decides which
 // squares of a frame it looks at. Not thread-safe.
-#include "platform/PixelBuffer.h"
+#include "media/PixelBuffer.h"
 #include "zavocore/ZCFaceAnalyzer_p.h"
 
 #include <opencv2/core.hpp>

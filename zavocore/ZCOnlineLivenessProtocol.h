@@ -1,7 +1,7 @@
 #pragma once
 // The liveness check the detector runs on its chosen frame before handing it
 // over as the best shot.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <QImage>
 #include <functional>

@@ -10,7 +10,7 @@
 // Mirroring: the capture pipeline delivers front-camera frames already
 // mirrored, exactly as the preview paints them, so the mapping is a pure
 // aspect-fill mapping with no flip of its own.
-#include "platform/Geometry.h"
+#include "base/Geometry.h"
 
 #include <QPointF>
 #include <QRectF>

@@ -1,7 +1,7 @@
 #pragma once
 // Errors of the networking framework, as the camera screen receives them from
 // the liveness check.
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <optional>
 #include <variant>

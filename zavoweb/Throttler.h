@@ -1,7 +1,7 @@
 #pragma once
 // Collapses bursts of calls into few runs of an action, for messages that
 // would otherwise flash on every detector report.
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 
 #include <functional>
 #include <memory>

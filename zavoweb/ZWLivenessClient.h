@@ -22,7 +22,7 @@
 //   HTTP error status without a "code"      NetworkingError::zavoError(status, reason phrase)
 //   a body that is none of the above        NetworkingError::livenessConnectionError()
 //   "live"                                  the verdict, no error
-#include "platform/Error.h"
+#include "base/Error.h"
 
 #include <QImage>
 #include <QString>

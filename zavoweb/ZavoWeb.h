@@ -1,6 +1,6 @@
 #pragma once
 // The networking framework's bundle (its string table).
-#include "platform/Bundle.h"
+#include "base/Bundle.h"
 
 namespace zavo::web {
 const platform::Bundle& zavoWebBundle();

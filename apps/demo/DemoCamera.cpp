@@ -1,8 +1,8 @@
 #include "DemoCamera.h"
 
 #include "capture/ZMCameraDevices.h"
-#include "platform/file/FileCaptureDevice.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "camera/file/FileCaptureDevice.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,6 +1,6 @@
 #pragma once
 // Which camera the demo's sessions see as their front camera.
-#include "platform/CaptureDevice.h"
+#include "camera/CaptureDevice.h"
 
 #include <QString>
 #include <memory>

@@ -2,7 +2,7 @@
 // The demo's command line.
 #include "DemoCamera.h"
 
-#include "platform/CaptureTypes.h"
+#include "camera/CaptureTypes.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 
 #include <QCommandLineParser>

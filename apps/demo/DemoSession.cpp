@@ -1,6 +1,6 @@
 #include "DemoSession.h"
 
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 #include "ui/ZMFaceDetectionView.h"
 
 #include <QAbstractButton>

@@ -3,7 +3,7 @@
 #include "DemoSummary.h"
 #include "WindowPlacement.h"
 
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 
 #include <QJsonDocument>
 #include <QTextStream>

@@ -1,6 +1,6 @@
 #include "VideoReadback.h"
 
-#include "platform/Asset.h"
+#include "media/Asset.h"
 
 namespace zavo::demo {
 

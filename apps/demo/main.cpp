@@ -10,10 +10,10 @@
 #include "WindowPlacement.h"
 #include "capture/ZMCameraDevices.h"
 
-#include "platform/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization.h"
 #include "zavocore/ZCStepConfig.h"
-#include "platform/DeviceScreen.h"
-#include "platform/FileSystem.h"
+#include "shell/DeviceScreen.h"
+#include "base/FileSystem.h"
 
 #include <QApplication>
 #include <QDir>

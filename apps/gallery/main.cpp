@@ -6,8 +6,8 @@
 //
 // The camera scenes put the overlay views over a still photo where the live
 // preview would be, laid out the way the camera screen lays them out.
-#include "platform/Error.h"
-#include "platform/ViewController.h"
+#include "base/Error.h"
+#include "shell/ViewController.h"
 #include "ui/ZCRoundButton.h"
 #include "ui/ZEAboutVC.h"
 #include "ui/ZMFaceDetectionView.h"

@@ -1,7 +1,7 @@
 // zavo-compress INPUT: re-encodes a movie in place the way the recorder does
 // after a session (first video track only, 320x180 H.264, orientation kept),
 // with a progress bar when stderr is a terminal.
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 #include "recording/ZMVideoCompresion.h"
 
 #include <QCoreApplication>

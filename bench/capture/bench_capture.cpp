@@ -15,11 +15,11 @@
 //
 // Usage: bench_capture [--quick]   (--quick shortens the long session to 8 s)
 #include "capture/ZMCameraCaptureManager.h"
-#include "platform/DeviceScreen.h"
-#include "platform/file/FileCaptureDevice.h"
-#include "platform/FileSystem.h"
-#include "platform/ProcessInfo.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "shell/DeviceScreen.h"
+#include "camera/file/FileCaptureDevice.h"
+#include "base/FileSystem.h"
+#include "base/ProcessInfo.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 #include "recording/ZMSaveVideoExService.h"
 
 #include <QCoreApplication>

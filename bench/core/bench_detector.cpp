@@ -9,7 +9,7 @@
 //  3. time from the first good frame of clip A, fed in real time, to the
 //     best shot, against the steady spell the detector waits for.
 // Usage: bench_detector [clip]   (default: the test clip A)
-#include "platform/Asset.h"
+#include "media/Asset.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 #include "zavocore/ZCFaceAnalyzer_p.h"
 

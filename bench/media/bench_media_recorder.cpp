@@ -7,7 +7,7 @@
 //           place by hand, with nothing of the recorder around the write.
 // usage: bench_media_recorder FRAMES.raw WIDTH HEIGHT COUNT FPS WORKDIR
 // FRAMES.raw holds COUNT BGRA frames of WIDTH x HEIGHT, rows unpadded.
-#include "platform/FileSystem.h"
+#include "base/FileSystem.h"
 #include "recording/ZMSaveVideoService.h"
 
 #include <QCoreApplication>

@@ -3,9 +3,9 @@
 // recorder's frames; the compressor now reads scaled NV12 instead), converting
 // a frame into the encoder's picture, and encoding small pictures.
 // usage: bench_media_stages CLIP.mp4 WORKDIR
-#include "platform/Asset.h"
-#include "platform/AssetWriter.h"
-#include "platform/VideoFrameConverter.h"
+#include "media/Asset.h"
+#include "media/AssetWriter.h"
+#include "media/VideoFrameConverter.h"
 
 extern "C" {
 #include <libavutil/frame.h>

@@ -3,8 +3,8 @@
 // sample clip as the front camera, permission granted, a scratch Documents.
 #include "DemoCamera.h"
 
-#include "platform/CaptureAuthorization.h"
-#include "platform/FileSystem.h"
+#include "camera/CaptureAuthorization.h"
+#include "base/FileSystem.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>

@@ -13,11 +13,11 @@
 // Usage: bench_webcam [--quick]
 #include "FakeWebcams.h"
 #include "capture/ZMCameraCaptureManager.h"
-#include "platform/CaptureDevice_p.h"
-#include "platform/CaptureSession.h"
-#include "platform/DeviceScreen.h"
-#include "platform/FFmpeg_p.h"
-#include "platform/NotificationCenter.h"
+#include "camera/CaptureDevice_p.h"
+#include "camera/CaptureSession.h"
+#include "shell/DeviceScreen.h"
+#include "media/FFmpeg_p.h"
+#include "base/NotificationCenter.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -4,8 +4,8 @@
 // webcam; without one it lists the webcams it can use.
 #include <camera-screen/ZMCameraBuilder.h>
 #include <capture/ZMCameraDevices.h>
-#include <platform/DispatchQueue.h>
-#include <platform/file/FileCaptureDevice.h>
+#include <base/DispatchQueue.h>
+#include <camera/file/FileCaptureDevice.h>
 
 #include <QApplication>
 #include <cstdio>

@@ -1,6 +1,6 @@
 #pragma once
 // Small helpers shared by the camera and capture-manager suites.
-#include "platform/PixelBuffer.h"
+#include "media/PixelBuffer.h"
 
 #include <QDir>
 #include <QFile>

@@ -2,19 +2,19 @@
 // preview, permission and orientation, driven through synthetic cameras.
 #include "CameraTestSupport.h"
 
-#include "platform/CaptureAuthorization.h"
-#include "platform/CaptureDevice.h"
-#include "platform/CaptureSession.h"
-#include "platform/CaptureVideoDataOutput.h"
-#include "platform/CaptureVideoPreviewLayer.h"
-#include "platform/CaptureVideoPreviewView.h"
-#include "platform/DeviceScreen.h"
-#include "platform/DeviceScreen_p.h"
-#include "platform/DispatchQueue.h"
-#include "platform/NotificationCenter.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
-#include "platform/v4l2/Enumeration_p.h"
-#include "platform/v4l2/Provider_p.h"
+#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureDevice.h"
+#include "camera/CaptureSession.h"
+#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureVideoPreviewLayer.h"
+#include "shell/CaptureVideoPreviewView.h"
+#include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
+#include "base/DispatchQueue.h"
+#include "base/NotificationCenter.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
+#include "camera/v4l2/Enumeration_p.h"
+#include "camera/v4l2/Provider_p.h"
 
 #include <QApplication>
 #include <QtTest>

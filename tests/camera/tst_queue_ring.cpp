@@ -1,8 +1,8 @@
 // The list that every frame's block passes through: order across wrap-around
 // and growth, release of what a block holds, and the main queue's hand-off
 // when a block spins an event loop of its own.
-#include "platform/DispatchQueue.h"
-#include "platform/RingQueue_p.h"
+#include "base/DispatchQueue.h"
+#include "base/RingQueue_p.h"
 
 #include <QEventLoop>
 #include <QtTest>

@@ -4,13 +4,13 @@
 #include "FakeWebcams.h"
 #include "capture/ZMCameraCaptureManager.h"
 #include "capture/ZMCameraDevices.h"
-#include "platform/CaptureDevice_p.h"
-#include "platform/CaptureSession.h"
-#include "platform/DeviceScreen.h"
-#include "platform/NotificationCenter.h"
-#include "platform/v4l2/Enumeration_p.h"
-#include "platform/v4l2/Provider_p.h"
-#include "platform/v4l2/Stream_p.h"
+#include "camera/CaptureDevice_p.h"
+#include "camera/CaptureSession.h"
+#include "shell/DeviceScreen.h"
+#include "base/NotificationCenter.h"
+#include "camera/v4l2/Enumeration_p.h"
+#include "camera/v4l2/Provider_p.h"
+#include "camera/v4l2/Stream_p.h"
 
 #include <QTest>
 

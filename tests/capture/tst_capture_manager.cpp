@@ -4,12 +4,12 @@
 #include "../camera/CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
-#include "platform/CaptureAuthorization.h"
-#include "platform/CaptureVideoDataOutput.h"
-#include "platform/DeviceScreen.h"
-#include "platform/FileSystem.h"
-#include "platform/ProcessInfo.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureVideoDataOutput.h"
+#include "shell/DeviceScreen.h"
+#include "base/FileSystem.h"
+#include "base/ProcessInfo.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <QApplication>
 #include <QTemporaryDir>

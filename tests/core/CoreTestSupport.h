@@ -1,7 +1,7 @@
 #pragma once
 // Frames, clips and a recording delegate for the detector suites.
-#include "platform/Asset.h"
-#include "platform/SampleBuffer.h"
+#include "media/Asset.h"
+#include "media/SampleBuffer.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 #include "zavocore/ZCErrorCodes.h"
 

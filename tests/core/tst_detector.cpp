@@ -2,7 +2,7 @@
 // which terms it stops, with frames made from photos.
 #include "../web/CannedHttpServer.h"
 #include "CoreTestSupport.h"
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCHttpLiveness.h"
 #include "zavocore/ZCStepConfig.h"

@@ -7,8 +7,8 @@
 #include "DetectorTiming.h"
 #include "VideoReadback.h"
 
-#include "platform/CaptureAuthorization.h"
-#include "platform/file/FileCaptureDevice.h"
+#include "camera/CaptureAuthorization.h"
+#include "camera/file/FileCaptureDevice.h"
 #include "zavocore/ZavoCore.h"
 
 #include <QJsonArray>

@@ -5,8 +5,8 @@
 #include "DemoSession.h"
 #include "ProcessCounters.h"
 
-#include "platform/CaptureAuthorization.h"
-#include "platform/FileSystem.h"
+#include "camera/CaptureAuthorization.h"
+#include "base/FileSystem.h"
 
 #include <QTemporaryDir>
 #include <QWidget>

@@ -8,11 +8,11 @@
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "capture/ZMCameraCaptureProtocol.h"
-#include "platform/Asset.h"
-#include "platform/CaptureDevice.h"
-#include "platform/DispatchQueue.h"
-#include "platform/file/FileCaptureDevice.h"
-#include "platform/ProcessInfo.h"
+#include "media/Asset.h"
+#include "camera/CaptureDevice.h"
+#include "base/DispatchQueue.h"
+#include "camera/file/FileCaptureDevice.h"
+#include "base/ProcessInfo.h"
 #include "zavocore/ZavoCore.h"
 
 #include <opencv2/core/utility.hpp>

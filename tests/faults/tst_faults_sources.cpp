@@ -6,9 +6,9 @@
 #include "FaultTestSupport.h"
 
 #include "../web/CannedHttpServer.h"
-#include "platform/file/FileCaptureDevice.h"
-#include "platform/FileSystem.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "camera/file/FileCaptureDevice.h"
+#include "base/FileSystem.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 #include "zavocore/ZCHttpLiveness.h"
 
 #include <QApplication>

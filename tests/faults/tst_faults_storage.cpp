@@ -10,9 +10,9 @@
 // modes) and a full disk is a file size limit.
 #include "FaultTestSupport.h"
 
-#include "camera-screen/ZMBundleLink.h"
-#include "platform/file/FileCaptureDevice.h"
-#include "platform/FileSystem.h"
+#include "resources/ZMBundleLink.h"
+#include "camera/file/FileCaptureDevice.h"
+#include "base/FileSystem.h"
 #include "recording/ZMRecordingStorage.h"
 #include "recording/ZMVideoCompresion.h"
 

@@ -1,6 +1,6 @@
 // Every user-facing string has a German translation, and a German system
 // locale selects it.
-#include "camera-screen/ZMBundleLink.h"
+#include "resources/ZMBundleLink.h"
 #include "zavocore/ZavoCore.h"
 #include "zavoweb/ZavoWeb.h"
 

@@ -1,7 +1,7 @@
 // Reading media files: track lists, transforms, decoding, and every way a
 // file can be unusable.
 #include "MediaTestSupport.h"
-#include "platform/Asset.h"
+#include "media/Asset.h"
 
 #include <QCoreApplication>
 #include <QTemporaryDir>

@@ -1,8 +1,8 @@
 // Writing MP4 files: what ffprobe and the reader see in them, and how the
 // writer behaves when the file cannot be written.
 #include "MediaTestSupport.h"
-#include "platform/Asset.h"
-#include "platform/AssetWriter.h"
+#include "media/Asset.h"
+#include "media/AssetWriter.h"
 
 #include <QDir>
 #include <QTemporaryDir>

@@ -1,5 +1,5 @@
 // Scaling, format conversion, mirroring and turning of frames.
-#include "platform/VideoFrameConverter.h"
+#include "media/VideoFrameConverter.h"
 
 extern "C" {
 #include <libavutil/pixfmt.h>

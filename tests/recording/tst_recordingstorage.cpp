@@ -1,6 +1,6 @@
 // The recording folder, its names, and the recorders' error values.
-#include "camera-screen/ZMBundleLink.h"
-#include "platform/FileSystem.h"
+#include "resources/ZMBundleLink.h"
+#include "base/FileSystem.h"
 #include "recording/ZMRecordingStorage.h"
 #include "zavocore/ZavoCore.h"
 

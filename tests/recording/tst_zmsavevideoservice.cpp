@@ -1,9 +1,9 @@
 // The frame-dump recorder: frame files, assembly into the session video, the
 // delegate's calls and their threads, and the failures.
 #include "../media/MediaTestSupport.h"
-#include "camera-screen/ZMBundleLink.h"
-#include "platform/Asset.h"
-#include "platform/FileSystem.h"
+#include "resources/ZMBundleLink.h"
+#include "media/Asset.h"
+#include "base/FileSystem.h"
 #include "recording/ZMRecordingStorage.h"
 #include "recording/ZMSaveVideoService.h"
 

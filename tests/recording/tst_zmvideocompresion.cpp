@@ -1,8 +1,8 @@
 // The compressor: a portrait movie with sound becomes a small silent one that
 // keeps its orientation, in the input's place; and every way it can fail.
 #include "../media/MediaTestSupport.h"
-#include "platform/DispatchQueue.h"
-#include "platform/ProcessInfo.h"
+#include "base/DispatchQueue.h"
+#include "base/ProcessInfo.h"
 #include "recording/ZMVideoCompresion.h"
 
 #include <QTemporaryDir>

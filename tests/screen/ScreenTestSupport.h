@@ -3,9 +3,9 @@
 // outcome with the thread it arrived on, and a detector the test scripts.
 #include "camera-screen/ZMCameraBuilder.h"
 #include "camera-screen/ZMCameraViewController_p.h"
-#include "platform/Asset.h"
-#include "platform/CaptureAuthorization.h"
-#include "platform/DispatchQueue.h"
+#include "media/Asset.h"
+#include "camera/CaptureAuthorization.h"
+#include "base/DispatchQueue.h"
 
 #include <QCoreApplication>
 #include <QPointer>

@@ -1,10 +1,10 @@
 // The live preview under the camera screen: what it paints from the newest
 // frame (front camera mirrored, aspect-fill crop), drawn one to one or
 // scaled, and repaints of only part of it.
-#include "platform/CaptureSession.h"
-#include "platform/CaptureVideoPreviewLayer.h"
-#include "platform/CaptureVideoPreviewView.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "camera/CaptureSession.h"
+#include "camera/CaptureVideoPreviewLayer.h"
+#include "shell/CaptureVideoPreviewView.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <QPainter>
 #include <QtTest>

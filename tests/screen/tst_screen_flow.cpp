@@ -4,9 +4,9 @@
 // registered, so capture runs without frames unless a test adds one.
 #include "ScreenTestSupport.h"
 
-#include "platform/CaptureDevice.h"
-#include "platform/CaptureVideoPreviewView.h"
-#include "platform/synthetic/SyntheticCaptureDevice.h"
+#include "camera/CaptureDevice.h"
+#include "shell/CaptureVideoPreviewView.h"
+#include "camera/synthetic/SyntheticCaptureDevice.h"
 #include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMVideoStreamNotificationView.h"
 #include "zavocore/ZCErrorCodes.h"

@@ -3,8 +3,8 @@
 // delegate and the video file left behind.
 #include "ScreenTestSupport.h"
 
-#include "platform/Asset.h"
-#include "platform/file/FileCaptureDevice.h"
+#include "media/Asset.h"
+#include "camera/file/FileCaptureDevice.h"
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZCStepConfig.h"

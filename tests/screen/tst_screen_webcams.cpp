@@ -5,7 +5,7 @@
 #include "FakeWebcams.h"
 #include "ScreenTestSupport.h"
 
-#include "platform/DispatchQueue.h"
+#include "base/DispatchQueue.h"
 #include "zavocore/ZavoCore.h"
 
 #include <QApplication>

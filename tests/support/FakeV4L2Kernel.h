@@ -6,7 +6,7 @@
 // frames). Real descriptors (the stream's wake-up eventfd) pass through to
 // the machine's kernel.
 #include "V4L2FormatList.h"
-#include "platform/v4l2/Kernel_p.h"
+#include "camera/v4l2/Kernel_p.h"
 
 #include <QByteArray>
 #include <QSize>

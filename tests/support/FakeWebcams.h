@@ -2,8 +2,8 @@
 // Recorded webcams plugged into a fake kernel that the process's camera
 // registry lists instead of the machine's /dev.
 #include "FakeV4L2Kernel.h"
-#include "platform/CaptureDevice.h"
-#include "platform/v4l2/Provider_p.h"
+#include "camera/CaptureDevice.h"
+#include "camera/v4l2/Provider_p.h"
 
 namespace zavo::testing {
 

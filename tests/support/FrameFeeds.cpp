@@ -2,7 +2,7 @@
 // webcam would send it, or the JPEG frames of a real webcam recording.
 #include "FakeV4L2Kernel.h"
 
-#include "platform/FFmpeg_p.h"
+#include "media/FFmpeg_p.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

@@ -1,0 +1,61 @@
+#pragma once
+// Camera permission. Linux has no per-application camera permission, so the
+// default policy answers from what the process can actually do: authorized
+// when some camera can be opened (file and synthetic cameras always can),
+// denied when cameras exist but none can be opened (device permissions),
+// restricted when there is no camera at all. A host with its own consent
+// screen, or a test, installs a policy of its own.
+#include "camera/CaptureDevice.h"
+#include "camera/CaptureTypes.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+namespace zavo::platform {
+
+class CaptureAuthorizationPolicy {
+public:
+    virtual ~CaptureAuthorizationPolicy() = default;
+    virtual AuthorizationStatus authorizationStatus() = 0;
+    /// Asks the user (or whatever stands in for them). Must answer exactly
+    /// once, from any thread.
+    virtual void requestAccess(std::function<void(bool granted)> completion) = 0;
+};
+
+/// A policy with a set status and a set answer: a request made while the
+/// status is NotDetermined changes the status to Authorized or Denied by the
+/// answer and reports it; any other status is reported as it is. Thread-safe.
+class FixedCaptureAuthorizationPolicy final : public CaptureAuthorizationPolicy {
+public:
+    explicit FixedCaptureAuthorizationPolicy(AuthorizationStatus status, bool grantsRequests = true);
+
+    void setStatus(AuthorizationStatus status);
+    void setGrantsRequests(bool grants);
+    /// How many requests were made.
+    int requestCount() const;
+
+    AuthorizationStatus authorizationStatus() override;
+    void requestAccess(std::function<void(bool granted)> completion) override;
+
+private:
+    std::atomic<int> status_;
+    std::atomic<bool> grants_;
+    std::atomic<int> requests_{0};
+};
+
+class CaptureAuthorization {
+public:
+    /// Read synchronously, on any thread. Only video has a status; other
+    /// media are always authorized.
+    static AuthorizationStatus authorizationStatusForMediaType(MediaType mediaType);
+    /// The completion runs later, never inside this call, on a thread of the
+    /// platform's choosing.
+    static void requestAccessForMediaType(MediaType mediaType, std::function<void(bool granted)> completion);
+
+    /// Installs policy for the whole process; null restores the default.
+    static void setPolicy(std::shared_ptr<CaptureAuthorizationPolicy> policy);
+    static std::shared_ptr<CaptureAuthorizationPolicy> policy();
+};
+
+}  // namespace zavo::platform

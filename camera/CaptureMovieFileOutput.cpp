@@ -1,0 +1,380 @@
+#include "camera/CaptureMovieFileOutput.h"
+
+#include "media/AssetWriter.h"
+#include "base/Log.h"
+#include "media/VideoFrameConverter.h"
+
+#include <QStringList>
+
+#include <array>
+#include <map>
+#include <thread>
+
+#include <pthread.h>
+
+namespace zavo::platform {
+
+void CaptureFileOutputRecordingDelegate::captureOutputDidStartRecording(
+    CaptureMovieFileOutput&, const QUrl&, const std::vector<std::shared_ptr<CaptureConnection>>&)
+{
+}
+
+/// Everything the recording thread needs; shared with that thread so that it
+/// can outlive the output object for the last steps of a recording.
+struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder> {
+    static constexpr uint32_t kRingSize = 16;
+
+    std::weak_ptr<CaptureMovieFileOutput> owner;
+    std::shared_ptr<CaptureConnection> connection;
+
+    // Capture thread to recording thread: a single-producer ring. signal is
+    // bumped for every event (frame, command) and is what the thread sleeps on.
+    std::array<SampleBuffer, kRingSize> ring;
+    std::array<CaptureDevicePosition, kRingSize> positions{};
+    std::atomic<uint32_t> written{0};
+    std::atomic<uint32_t> read{0};
+    std::atomic<uint32_t> signal{0};
+    std::atomic<bool> accepting{false};
+    std::atomic<int64_t> offered{0};
+    std::atomic<int64_t> recorded{0};
+    std::atomic<int64_t> dropped{0};
+
+    // Commands from the owner's queue.
+    mutable std::mutex mutex;
+    bool startRequested = false;                                   // guarded by mutex
+    bool stopRequested = false;                                    // guarded by mutex
+    bool quitRequested = false;                                    // guarded by mutex
+    bool recording = false;                                        // guarded by mutex
+    QUrl url;                                                      // guarded by mutex
+    std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate;  // guarded by mutex
+    std::map<const CaptureConnection*, QVariantMap> settings;      // guarded by mutex
+    std::thread thread;                                            // guarded by mutex
+
+    // Recording thread only.
+    QUrl fileURL;
+    std::shared_ptr<CaptureFileOutputRecordingDelegate> fileDelegate;
+    bool active = false;
+    AssetWriterPtr writer;
+    AssetWriterInputPtr input;
+    AssetWriterInputPixelBufferAdaptorPtr adaptor;
+    VideoFrameConverter converter;
+    std::shared_ptr<PixelBufferPool> pool;
+
+    void wake()
+    {
+        signal.fetch_add(1, std::memory_order_release);
+        signal.notify_one();
+    }
+
+    void push(const SampleBuffer& frame, CaptureDevicePosition position)
+    {
+        if (!accepting.load(std::memory_order_acquire))
+            return;
+        offered.fetch_add(1, std::memory_order_relaxed);
+        const uint32_t w = written.load(std::memory_order_relaxed);
+        if (w - read.load(std::memory_order_acquire) >= kRingSize) {
+            dropped.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        ring[w % kRingSize] = frame;
+        positions[w % kRingSize] = position;
+        written.store(w + 1, std::memory_order_release);
+        wake();
+    }
+
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "MovieFileOutput");
+        for (;;) {
+            const uint32_t seen = signal.load(std::memory_order_acquire);
+            bool start = false;
+            bool stop = false;
+            bool quit = false;
+            {
+                std::lock_guard lock(mutex);
+                start = std::exchange(startRequested, false);
+                stop = std::exchange(stopRequested, false);
+                quit = quitRequested;
+                if (start) {
+                    fileURL = url;
+                    fileDelegate = delegate;
+                }
+            }
+            if (start) {
+                resetCounts();
+                active = true;
+                accepting.store(true, std::memory_order_release);
+            }
+            drainRing();
+            if (stop || quit)
+                finish(quit);
+            if (quit)
+                return;
+            if (!start && !stop)
+                signal.wait(seen, std::memory_order_acquire);
+        }
+    }
+
+    void resetCounts()
+    {
+        offered.store(0);
+        recorded.store(0);
+        dropped.store(0);
+    }
+
+    void drainRing()
+    {
+        uint32_t r = read.load(std::memory_order_relaxed);
+        while (r != written.load(std::memory_order_acquire)) {
+            SampleBuffer frame = std::move(ring[r % kRingSize]);
+            const auto position = positions[r % kRingSize];
+            read.store(++r, std::memory_order_release);
+            if (active)
+                write(frame, position);
+        }
+    }
+
+    std::shared_ptr<PixelBuffer> oriented(const SampleBuffer& frame, CaptureDevicePosition position)
+    {
+        const auto& source = frame.imageBuffer();
+        const int rotation = CaptureConnection::rotationDegreesFor(connection->videoOrientation());
+        const bool mirrored = connection->mirrorsFramesFrom(position);
+        if (rotation == 0 && !mirrored)
+            return source;
+        const bool turned = rotation == 90 || rotation == 270;
+        const int width = turned ? source->height() : source->width();
+        const int height = turned ? source->width() : source->height();
+        const auto format = planeCountOf(source->pixelFormat()) == 2 ? source->pixelFormat() : PixelFormat::BGRA32;
+        const auto& attributes = pool ? pool->attributes() : PixelBufferAttributes{};
+        if (!pool || attributes.width != width || attributes.height != height || attributes.pixelFormat != format)
+            pool = PixelBufferPool::create({format, width, height});
+        auto destination = pool ? pool->createPixelBuffer() : nullptr;
+        converter.setRotation(rotation);
+        converter.setMirrored(mirrored);
+        if (!destination || !converter.convert(*source, *destination))
+            return nullptr;
+        return destination;
+    }
+
+    bool openWriter(const PixelBuffer& firstFrame, MediaTime startTime)
+    {
+        ErrorPtr error;
+        writer = AssetWriter::create(fileURL, FileType::MPEG4, &error);
+        if (writer) {
+            input = AssetWriterInput::create(MediaType::Video,
+                                             {VideoCodec::H264, firstFrame.width() & ~1, firstFrame.height() & ~1});
+            if (input) {
+                input->setExpectsMediaDataInRealTime(true);
+                writer->addInput(input);
+                adaptor = AssetWriterInputPixelBufferAdaptor::create(input);
+            }
+            if (!input || !adaptor || !writer->startWriting())
+                error = writer->error() ? writer->error()
+                                        : makeMediaError(MediaErrorCode::EncoderNotFound,
+                                                         QStringLiteral("Cannot record %1x%2 frames")
+                                                             .arg(firstFrame.width())
+                                                             .arg(firstFrame.height()));
+        }
+        if (error) {
+            qCWarning(lcCamera, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
+                      qUtf8Printable(error->localizedDescription()));
+            fail(error);
+            return false;
+        }
+        writer->startSessionAtSourceTime(startTime);
+        if (auto output = owner.lock())
+            fileDelegate->captureOutputDidStartRecording(*output, fileURL, {connection});
+        return true;
+    }
+
+    void write(const SampleBuffer& frame, CaptureDevicePosition position)
+    {
+        auto pixels = oriented(frame, position);
+        if (!pixels) {
+            dropped.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        if (!writer && !openWriter(*pixels, frame.presentationTimeStamp()))
+            return;
+        // The adaptor waits while the encoder catches up; the capture thread
+        // never does, since it only ever touches the ring.
+        if (adaptor->appendPixelBuffer(pixels, frame.presentationTimeStamp())) {
+            recorded.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        dropped.fetch_add(1, std::memory_order_relaxed);
+        if (writer->status() == AssetWriter::Status::Failed) {
+            qCWarning(lcCamera, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
+                      qUtf8Printable(writer->error() ? writer->error()->localizedDescription() : QString()));
+            writer->cancelWriting();
+            fail(writer->error());
+        }
+    }
+
+    /// Ends the recording at once with error (recording thread).
+    void fail(ErrorPtr error)
+    {
+        active = false;
+        accepting.store(false);
+        auto delegateToTell = std::move(fileDelegate);
+        writer.reset();
+        input.reset();
+        adaptor.reset();
+        {
+            std::lock_guard lock(mutex);
+            recording = false;
+            delegate.reset();
+        }
+        auto output = owner.lock();
+        if (output && delegateToTell)
+            delegateToTell->captureOutputDidFinishRecording(*output, fileURL, {connection}, std::move(error));
+    }
+
+    /// Finishes the file of the recording under way. When the output is
+    /// going away (quitting) nobody is told.
+    void finish(bool quitting)
+    {
+        accepting.store(false);
+        drainRing();
+        if (!active)
+            return;
+        active = false;
+        if (!writer) {
+            if (quitting)
+                fileDelegate.reset();
+            fail(makeCaptureError(CaptureErrorCode::NoDataCaptured, QStringLiteral("No frames were captured")));
+            return;
+        }
+        input->markAsFinished();
+        auto finishedWriter = std::move(writer);
+        input.reset();
+        adaptor.reset();
+        auto delegateToTell = std::move(fileDelegate);
+        // The output is kept until the delegate has heard about the file,
+        // since the delegate is handed the output itself.
+        auto output = quitting ? nullptr : owner.lock();
+        finishedWriter->finishWriting([self = shared_from_this(), finishedWriter, delegateToTell, output,
+                                       url = fileURL] {
+            ErrorPtr error;
+            if (finishedWriter->status() != AssetWriter::Status::Completed)
+                error = finishedWriter->error() ? finishedWriter->error()
+                                                : makeMediaError(MediaErrorCode::CannotWrite,
+                                                                 QStringLiteral("The movie file was not finished"));
+            {
+                std::lock_guard lock(self->mutex);
+                self->recording = false;
+                self->delegate.reset();
+            }
+            if (output && delegateToTell)
+                delegateToTell->captureOutputDidFinishRecording(*output, url, {self->connection}, error);
+        });
+    }
+};
+
+std::shared_ptr<CaptureMovieFileOutput> CaptureMovieFileOutput::create()
+{
+    auto output = std::make_shared<CaptureMovieFileOutput>(ConstructionKey{});
+    output->recorder_->owner = output;
+    return output;
+}
+
+CaptureMovieFileOutput::CaptureMovieFileOutput(ConstructionKey) : recorder_(std::make_shared<Recorder>())
+{
+    recorder_->connection = connection();
+}
+
+CaptureMovieFileOutput::~CaptureMovieFileOutput()
+{
+    std::thread thread;
+    {
+        std::lock_guard lock(recorder_->mutex);
+        recorder_->quitRequested = true;
+        thread = std::move(recorder_->thread);
+    }
+    recorder_->wake();
+    if (!thread.joinable())
+        return;
+    // The last reference can be dropped by the recording thread itself (from
+    // a delegate call); it then ends on its own.
+    if (thread.get_id() == std::this_thread::get_id())
+        thread.detach();
+    else
+        thread.join();
+}
+
+QStringList CaptureMovieFileOutput::availableVideoCodecTypes() const { return {kVideoCodecTypeH264}; }
+
+QVariantMap CaptureMovieFileOutput::outputSettingsForConnection(const std::shared_ptr<CaptureConnection>& connection) const
+{
+    std::lock_guard lock(recorder_->mutex);
+    auto it = recorder_->settings.find(connection.get());
+    if (it != recorder_->settings.end())
+        return it->second;
+    return {{kVideoCodecKey, kVideoCodecTypeH264}};
+}
+
+void CaptureMovieFileOutput::setOutputSettings(const QVariantMap& settings,
+                                               const std::shared_ptr<CaptureConnection>& connection)
+{
+    const QString codec = settings.value(kVideoCodecKey, kVideoCodecTypeH264).toString();
+    if (codec != kVideoCodecTypeH264)
+        qCWarning(lcCamera) << "movie file output: codec" << codec << "is not available; recording H.264";
+    std::lock_guard lock(recorder_->mutex);
+    recorder_->settings[connection.get()] = settings;
+}
+
+void CaptureMovieFileOutput::startRecordingToOutputFileURL(const QUrl& url,
+                                                           std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate)
+{
+    {
+        std::lock_guard lock(recorder_->mutex);
+        if (recorder_->recording || !delegate)
+            return;
+        recorder_->recording = true;
+        recorder_->startRequested = true;
+        recorder_->url = url;
+        recorder_->delegate = std::move(delegate);
+        if (!recorder_->thread.joinable())
+            recorder_->thread = std::thread([recorder = recorder_] { recorder->run(); });
+    }
+    recorder_->wake();
+}
+
+void CaptureMovieFileOutput::stopRecording()
+{
+    {
+        std::lock_guard lock(recorder_->mutex);
+        if (!recorder_->recording)
+            return;
+        recorder_->stopRequested = true;
+    }
+    recorder_->accepting.store(false, std::memory_order_release);
+    recorder_->wake();
+}
+
+bool CaptureMovieFileOutput::isRecording() const
+{
+    std::lock_guard lock(recorder_->mutex);
+    return recorder_->recording;
+}
+
+QUrl CaptureMovieFileOutput::outputFileURL() const
+{
+    std::lock_guard lock(recorder_->mutex);
+    return recorder_->url;
+}
+
+int64_t CaptureMovieFileOutput::offeredFrameCount() const { return recorder_->offered.load(); }
+
+int64_t CaptureMovieFileOutput::recordedFrameCount() const { return recorder_->recorded.load(); }
+
+int64_t CaptureMovieFileOutput::droppedFrameCount() const { return recorder_->dropped.load(); }
+
+void CaptureMovieFileOutput::captureFrame(const SampleBuffer& frame, CaptureDevicePosition position)
+{
+    recorder_->push(frame, position);
+}
+
+void CaptureMovieFileOutput::sessionDidStopRunning() { stopRecording(); }
+
+}  // namespace zavo::platform

@@ -1,0 +1,158 @@
+#include "camera/CaptureVideoDataOutput.h"
+
+#include "base/Log.h"
+#include "media/VideoFrameConverter.h"
+
+#include <array>
+
+namespace zavo::platform {
+
+struct CaptureVideoDataOutput::Core {
+    static constexpr int kSlotCount = 4;
+
+    std::weak_ptr<CaptureVideoDataOutput> owner;  // set once, before the first frame
+
+    std::mutex mutex;
+    std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate> delegate;  // guarded by mutex
+    DispatchQueuePtr queue;                                               // guarded by mutex
+    QVariantMap settings;                                                 // guarded by mutex
+
+    // The delivery ring. The capture thread fills slots at head, the delegate
+    // queue empties them at tail; inFlight counts filled slots and orders the
+    // two sides. A slot's keepAlive holds the core while its delivery block
+    // waits, so the block itself captures a plain pointer and is small enough
+    // to be stored without an allocation.
+    std::array<SampleBuffer, kSlotCount> pending;
+    std::array<std::shared_ptr<Core>, kSlotCount> keepAlive;
+    std::atomic<int> inFlight{0};
+    int head = 0;  // capture thread only
+    int tail = 0;  // delegate queue only
+
+    // Conversion state, capture thread only.
+    VideoFrameConverter converter;
+    std::shared_ptr<PixelBufferPool> pool;
+    std::shared_ptr<const FormatDescription> description;
+
+    std::atomic<int64_t> delivered{0};
+    std::atomic<int64_t> dropped{0};
+
+    std::shared_ptr<PixelBuffer> convert(const PixelBuffer& source, const CaptureConnection& connection,
+                                         CaptureDevicePosition position)
+    {
+        const int rotation = CaptureConnection::rotationDegreesFor(connection.videoOrientation());
+        const bool turned = rotation == 90 || rotation == 270;
+        const int width = turned ? source.height() : source.width();
+        const int height = turned ? source.width() : source.height();
+        if (!pool || pool->attributes().width != width || pool->attributes().height != height) {
+            pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
+            description = std::make_shared<const FormatDescription>(PixelFormat::BGRA32, width, height);
+        }
+        if (!pool)
+            return nullptr;
+        auto destination = pool->createPixelBuffer();
+        if (!destination)
+            return nullptr;
+        converter.setRotation(rotation);
+        converter.setMirrored(connection.mirrorsFramesFrom(position));
+        // The converter locks both buffers; the source is only read.
+        if (!converter.convert(const_cast<PixelBuffer&>(source), *destination))
+            return nullptr;
+        return destination;
+    }
+
+    void deliver()
+    {
+        const int slot = tail;
+        tail = (tail + 1) % kSlotCount;
+        SampleBuffer frame = std::move(pending[size_t(slot)]);
+        std::shared_ptr<Core> self = std::move(keepAlive[size_t(slot)]);
+        std::shared_ptr<CaptureVideoDataOutputSampleBufferDelegate> target;
+        {
+            std::lock_guard lock(mutex);
+            target = delegate.lock();
+        }
+        auto output = owner.lock();
+        if (target && output) {
+            target->captureOutputDidOutputSampleBuffer(*output, frame, *output->connection());
+            delivered.fetch_add(1, std::memory_order_relaxed);
+        }
+        frame = SampleBuffer();
+        // The slot is free only once the delegate is done with the frame:
+        // that is what makes a frame arriving meanwhile late.
+        inFlight.fetch_sub(1, std::memory_order_acq_rel);
+    }
+};
+
+std::shared_ptr<CaptureVideoDataOutput> CaptureVideoDataOutput::create()
+{
+    auto output = std::make_shared<CaptureVideoDataOutput>(ConstructionKey{});
+    output->core_->owner = output;
+    return output;
+}
+
+CaptureVideoDataOutput::CaptureVideoDataOutput(ConstructionKey) : core_(std::make_shared<Core>()) {}
+
+CaptureVideoDataOutput::~CaptureVideoDataOutput() = default;
+
+QVariantMap CaptureVideoDataOutput::videoSettings() const
+{
+    std::lock_guard lock(core_->mutex);
+    return core_->settings;
+}
+
+void CaptureVideoDataOutput::setVideoSettings(const QVariantMap& settings)
+{
+    const auto format = settings.value(kPixelBufferPixelFormatTypeKey);
+    if (!settings.isEmpty() && format.isValid() && format.toUInt() != uint32_t(PixelFormat::BGRA32))
+        qCWarning(lcCamera) << "video data output: only BGRA frames are offered; pixel format"
+                            << Qt::hex << format.toUInt() << "ignored";
+    std::lock_guard lock(core_->mutex);
+    core_->settings = settings;
+}
+
+void CaptureVideoDataOutput::setSampleBufferDelegate(
+    const std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate>& delegate, const DispatchQueuePtr& queue)
+{
+    std::lock_guard lock(core_->mutex);
+    core_->delegate = delegate;
+    core_->queue = queue;
+}
+
+int64_t CaptureVideoDataOutput::deliveredFrameCount() const { return core_->delivered.load(); }
+
+int64_t CaptureVideoDataOutput::droppedFrameCount() const { return core_->dropped.load(); }
+
+void CaptureVideoDataOutput::captureFrame(const SampleBuffer& frame, CaptureDevicePosition position)
+{
+    Core& core = *core_;
+    // Only a weak look at the delegate here: the capture thread must never be
+    // the one that releases it (its owner may own this very session).
+    bool hasDelegate;
+    DispatchQueuePtr queue;
+    {
+        std::lock_guard lock(core.mutex);
+        hasDelegate = !core.delegate.expired();
+        queue = core.queue;
+    }
+    if (!hasDelegate || !queue || !frame.imageBuffer())
+        return;
+    const int capacity = discardsLateFrames_.load(std::memory_order_relaxed) ? 1 : Core::kSlotCount;
+    if (core.inFlight.load(std::memory_order_acquire) >= capacity) {
+        core.dropped.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    auto converted = core.convert(*frame.imageBuffer(), *connection(), position);
+    if (!converted) {
+        core.dropped.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    const auto slot = size_t(core.head);
+    core.head = (core.head + 1) % Core::kSlotCount;
+    core.pending[slot] = SampleBuffer(std::move(converted), frame.presentationTimeStamp(), core.description,
+                                    frame.duration());
+    core.keepAlive[slot] = core_;
+    core.inFlight.fetch_add(1, std::memory_order_acq_rel);
+    queue->async([corePointer = &core] { corePointer->deliver(); });
+}
+
+}  // namespace zavo::platform

@@ -1,0 +1,30 @@
+#pragma once
+// The V4L2 webcams of a kernel as capture devices. A provider lists the
+// capture nodes under /dev (through its Kernel, so tests can stand a fake
+// device in), keeps one device object per camera while it stays plugged in,
+// and rescans only when /dev changed.
+#include "camera/CaptureDevice.h"
+#include "camera/v4l2/Kernel_p.h"
+
+#include <mutex>
+
+namespace zavo::platform::v4l2 {
+
+class Provider final : public CaptureDeviceProvider {
+public:
+    explicit Provider(std::shared_ptr<Kernel> kernel);
+
+    std::vector<CaptureDevicePtr> devices() override;
+
+private:
+    const std::shared_ptr<Kernel> kernel_;
+    std::mutex mutex_;
+    std::vector<CaptureDevicePtr> devices_;  // guarded by mutex_
+    QStringList refused_;                    // guarded by mutex_; nodes already logged as forbidden
+};
+
+/// Front for a camera built into the machine, going by its card name;
+/// otherwise unspecified (the registry decides).
+CaptureDevicePosition positionForCard(const QString& card);
+
+}  // namespace zavo::platform::v4l2

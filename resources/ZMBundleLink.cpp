@@ -1,0 +1,12 @@
+#include "resources/ZMBundleLink.h"
+
+namespace zavo {
+
+const platform::Bundle& ZMBundleLink::bundle()
+{
+    static const platform::Bundle bundle(kZavoCameraBundleIdentifier, QStringLiteral(":/zavocamera"),
+                                         QStringLiteral("zavocamera"));
+    return bundle;
+}
+
+}  // namespace zavo

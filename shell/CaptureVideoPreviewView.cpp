@@ -1,0 +1,191 @@
+#include "shell/CaptureVideoPreviewView.h"
+
+#include "media/VideoFrameConverter.h"
+
+#include <QPaintEvent>
+#include <QPainter>
+#include <mutex>
+
+namespace zavo::platform {
+
+/// The state shared by the capture thread's listener, the convert queue and
+/// painting.
+struct CaptureVideoPreviewView::Conversion {
+    std::atomic<bool> pending{false};  // a conversion is queued and has not started
+
+    // Convert queue only.
+    VideoFrameConverter converter;
+    std::shared_ptr<PixelBufferPool> pool;
+
+    std::mutex mutex;
+    std::shared_ptr<PixelBuffer> ready;  // guarded by mutex: the newest BGRA frame
+
+    /// The frame turned and mirrored as the preview shows it, in BGRA; null
+    /// when it cannot be converted.
+    std::shared_ptr<PixelBuffer> turned(const CaptureVideoPreviewLayer& layer,
+                                        const CaptureVideoPreviewLayer::Frame& frame)
+    {
+        const auto& source = frame.sample.imageBuffer();
+        if (!source)
+            return nullptr;
+        const auto connection = layer.connection();
+        const int rotation = connection ? CaptureConnection::rotationDegreesFor(connection->videoOrientation()) : 0;
+        const bool mirrored = connection && connection->mirrorsFramesFrom(frame.position);
+        if (source->pixelFormat() == PixelFormat::BGRA32 && rotation == 0 && !mirrored)
+            return source;  // shown as delivered: no conversion at all
+        const bool sideways = rotation == 90 || rotation == 270;
+        const int width = sideways ? source->height() : source->width();
+        const int height = sideways ? source->width() : source->height();
+        if (!pool || pool->attributes().width != width || pool->attributes().height != height)
+            pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
+        // The pool takes a buffer back once painting has let go of it, so a
+        // steady stream of frames cycles through the same few buffers.
+        std::shared_ptr<PixelBuffer> converted = pool ? pool->createPixelBuffer() : nullptr;
+        converter.setRotation(rotation);
+        converter.setMirrored(mirrored);
+        if (!converted || !converter.convert(*source, *converted))
+            return nullptr;
+        return converted;
+    }
+};
+
+CaptureVideoPreviewView::CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPreviewLayer> layer, QWidget* parent)
+    : QWidget(parent), layer_(std::move(layer)), conversion_(std::make_unique<Conversion>())
+{
+    setAttribute(Qt::WA_OpaquePaintEvent);
+    setAttribute(Qt::WA_NoSystemBackground);
+    setAttribute(Qt::WA_TransparentForMouseEvents);
+    if (!layer_)
+        return;
+    if (const QRectF frame = layer_->frame(); frame.isValid())
+        setGeometry(frame.toAlignedRect());
+    convertQueue_ = DispatchQueue::create(QStringLiteral("CaptureVideoPreviewView.convert"),
+                                          QualityOfService::UserInteractive);
+    listenerToken_ = layer_->addListener([this](CaptureVideoPreviewLayer::Change change) {
+        if (change == CaptureVideoPreviewLayer::Change::Geometry)
+            requestUpdate();
+        else if (!conversion_->pending.exchange(true))
+            convertQueue_->async([this] { convertNewest(); });
+    });
+}
+
+CaptureVideoPreviewView::~CaptureVideoPreviewView()
+{
+    if (!layer_)
+        return;
+    // No new conversion is queued once the listener is gone; the one that may
+    // be under way uses this view, so it must be over before the view is.
+    layer_->removeListener(listenerToken_);
+    convertQueue_->sync([] {});
+}
+
+/// Any thread.
+void CaptureVideoPreviewView::requestUpdate()
+{
+    if (updatePending_.exchange(true))
+        return;
+    // By name, so that the queued call is built and freed inside Qt: a functor
+    // queued from the conversion thread would be our memory handed over
+    // through Qt's event-queue locks, which a thread checker cannot see.
+    QMetaObject::invokeMethod(this, "layerChanged", Qt::QueuedConnection);
+}
+
+void CaptureVideoPreviewView::convertNewest()
+{
+    // Cleared first: a frame that arrives from now on needs a conversion of
+    // its own, and gets one after this.
+    conversion_->pending.store(false);
+    std::shared_ptr<PixelBuffer> converted = conversion_->turned(*layer_, layer_->newestFrame());
+    if (!converted)
+        return;
+    {
+        std::lock_guard lock(conversion_->mutex);
+        std::swap(conversion_->ready, converted);
+    }
+    converted.reset();  // an unpainted frame goes back to its pool outside the lock
+    requestUpdate();
+}
+
+void CaptureVideoPreviewView::layerChanged()
+{
+    updatePending_.store(false);
+    if (const QRectF frame = layer_->frame(); frame.isValid() && frame.toAlignedRect() != geometry())
+        setGeometry(frame.toAlignedRect());
+    update();
+}
+
+void CaptureVideoPreviewView::placeImage(const QSizeF& imageSize, const QRectF& bounds,
+                                         CaptureVideoPreviewLayer::VideoGravity gravity, QRectF& source, QRectF& target)
+{
+    source = QRectF(QPointF(0, 0), imageSize);
+    target = bounds;
+    if (imageSize.isEmpty() || bounds.isEmpty() || gravity == CaptureVideoPreviewLayer::VideoGravity::Resize)
+        return;
+    const double scaleX = bounds.width() / imageSize.width();
+    const double scaleY = bounds.height() / imageSize.height();
+    if (gravity == CaptureVideoPreviewLayer::VideoGravity::ResizeAspectFill) {
+        // Scale to cover, then show the centre part of the image.
+        const double scale = std::max(scaleX, scaleY);
+        const QSizeF visible(bounds.width() / scale, bounds.height() / scale);
+        source = QRectF(QPointF((imageSize.width() - visible.width()) / 2, (imageSize.height() - visible.height()) / 2),
+                        visible);
+        return;
+    }
+    const double scale = std::min(scaleX, scaleY);
+    const QSizeF drawn(imageSize.width() * scale, imageSize.height() * scale);
+    target = QRectF(QPointF(bounds.x() + (bounds.width() - drawn.width()) / 2,
+                            bounds.y() + (bounds.height() - drawn.height()) / 2),
+                    drawn);
+}
+
+/// Picks up the newest converted frame; false while there is none.
+bool CaptureVideoPreviewView::takeConverted()
+{
+    std::shared_ptr<PixelBuffer> ready;
+    {
+        std::lock_guard lock(conversion_->mutex);
+        ready = conversion_->ready;
+    }
+    if (ready && ready != shown_) {
+        // BGRA bytes are Qt's 32-bit xRGB on a little-endian machine; the
+        // image only points at the buffer.
+        image_ = QImage(ready->baseAddress(), ready->width(), ready->height(), qsizetype(ready->bytesPerRow()),
+                        QImage::Format_RGB32);
+        shown_ = std::move(ready);
+        ++paintedFrames_;
+    }
+    return !image_.isNull();
+}
+
+void CaptureVideoPreviewView::paintEvent(QPaintEvent* event)
+{
+    QPainter painter(this);
+    if (!layer_ || !takeConverted()) {
+        painter.fillRect(rect(), Qt::black);
+        return;
+    }
+    QRectF source;
+    QRectF target;
+    placeImage(image_.size(), QRectF(rect()), layer_->videoGravity(), source, target);
+    if (!target.contains(QRectF(rect())))
+        painter.fillRect(rect(), Qt::black);
+    // One image pixel to one device pixel is a copy: filtering would only
+    // cost time. The overlay's small moving views repaint small parts, so
+    // only those are drawn.
+    const double ratio = devicePixelRatioF();
+    const bool oneToOne = qFuzzyCompare(target.width() * ratio, source.width())
+        && qFuzzyCompare(target.height() * ratio, source.height());
+    painter.setRenderHint(QPainter::SmoothPixmapTransform, !oneToOne);
+    const double scaleX = source.width() / target.width();
+    const double scaleY = source.height() / target.height();
+    for (const QRect& dirty : event->region()) {
+        const QRectF part = QRectF(dirty) & target;
+        if (part.isEmpty())
+            continue;
+        const QRectF from(source.x() + (part.x() - target.x()) * scaleX, source.y() + (part.y() - target.y()) * scaleY,
+                          part.width() * scaleX, part.height() * scaleY);
+        painter.drawImage(part, image_, from);
+    }
+}
+
+}  // namespace zavo::platform
