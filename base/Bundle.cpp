@@ -1,6 +1,6 @@
-#include "base/Bundle.h"
+#include "base/Bundle_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 #include <QCoreApplication>
 #include <QFile>

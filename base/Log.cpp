@@ -1,4 +1,4 @@
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 namespace zavo::platform {
 Q_LOGGING_CATEGORY(lcPlatform, "zavo.platform")

@@ -1,4 +1,4 @@
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 
 #include <atomic>
 #include <tuple>

@@ -1,9 +1,9 @@
 #include "camera-screen/ZMCameraBuilder.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 #include "camera-screen/ZMStoryboard_p.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 namespace zavo {
 

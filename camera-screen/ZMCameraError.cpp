@@ -1,8 +1,8 @@
 #include "camera-screen/ZMCameraError.h"
 #include "camera-screen/ZMCameraError_p.h"
 
-#include "resources/ZMBundleLink.h"
-#include "zavocore/ZavoCore.h"
+#include "resources/ZMBundleLink_p.h"
+#include "zavocore/ZavoCore_p.h"
 
 namespace zavo {
 

@@ -3,15 +3,15 @@
 // does with the detector's reports is in ZMCameraViewControllerResults.cpp.
 #include "camera-screen/ZMCameraViewController_p.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 
-#include "shell/CaptureVideoPreviewView.h"
+#include "shell/CaptureVideoPreviewView_p.h"
 #include "shell/DeviceScreen.h"
 #include "base/DispatchQueue.h"
-#include "base/Log.h"
-#include "ui/ZMFaceDetectionView.h"
-#include "ui/ZMImages.h"
-#include "ui/ZMVideoStreamNotificationView.h"
+#include "base/Log_p.h"
+#include "ui/ZMFaceDetectionView_p.h"
+#include "ui/ZMImages_p.h"
+#include "ui/ZMVideoStreamNotificationView_p.h"
 
 #include "ui_UI.h"
 

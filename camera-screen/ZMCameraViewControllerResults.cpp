@@ -6,9 +6,9 @@
 #include "camera-screen/ZMCameraViewController_p.h"
 
 #include "base/DispatchQueue.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "zavocore/ZCErrorCodes.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 
 namespace zavo {

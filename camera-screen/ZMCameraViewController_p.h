@@ -21,7 +21,7 @@
 #include "camera-screen/ZMUICustomizerProtocol.h"
 #include "capture/ZMCameraCaptureManager.h"
 #include "zavocore/ZCOnlineLivenessProtocol.h"
-#include "zavoweb/Throttler.h"
+#include "zavoweb/Throttler_p.h"
 
 #include <QPointer>
 #include <QPushButton>

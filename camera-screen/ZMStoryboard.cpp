@@ -1,6 +1,6 @@
 #include "camera-screen/ZMStoryboard_p.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 
 #include <algorithm>

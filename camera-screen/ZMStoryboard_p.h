@@ -2,7 +2,7 @@
 // Scenes of the component's Designer forms, looked up by form name and scene
 // identifier the way the builder asks for them. A scene's controller is made
 // here; its view is built from the compiled form only when first shown.
-#include "base/Bundle.h"
+#include "base/Bundle_p.h"
 #include "shell/ViewController.h"
 
 #include <QString>

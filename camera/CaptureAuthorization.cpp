@@ -1,4 +1,4 @@
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 
 #include "base/DispatchQueue.h"
 

@@ -1,7 +1,7 @@
 #include "camera/CaptureDevice.h"
 
 #include "camera/CaptureDevice_p.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 #include <algorithm>
 #include <cmath>

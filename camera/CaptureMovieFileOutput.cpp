@@ -1,8 +1,8 @@
-#include "camera/CaptureMovieFileOutput.h"
+#include "camera/CaptureMovieFileOutput_p.h"
 
-#include "media/AssetWriter.h"
-#include "base/Log.h"
-#include "media/VideoFrameConverter.h"
+#include "media/AssetWriter_p.h"
+#include "base/Log_p.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <QStringList>
 

@@ -2,7 +2,7 @@
 
 #include "camera/CaptureDevice_p.h"
 #include "camera/CaptureVideoPreviewLayer.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "base/NotificationCenter.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
-#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureVideoDataOutput_p.h"
 
-#include "base/Log.h"
-#include "media/VideoFrameConverter.h"
+#include "base/Log_p.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <array>
 

@@ -1,11 +1,11 @@
 #include "capture/ZMCameraCaptureManager.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "shell/DeviceScreen.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "base/NotificationCenter.h"
-#include "base/ProcessInfo.h"
-#include "recording/ZMRecordingStorage.h"
+#include "base/ProcessInfo_p.h"
+#include "recording/ZMRecordingStorage_p.h"
 #include "recording/ZMSaveVideoExService.h"
 #include "recording/ZMSaveVideoService.h"
 

@@ -14,13 +14,13 @@
 // Lifetime: held by std::shared_ptr; queued tasks keep the manager alive
 // until they have run. Once the last holder lets go, the session stops, the
 // camera closes and both queue threads end.
-#include "capture/ZMCameraCaptureProtocol.h"
+#include "capture/ZMCameraCaptureProtocol_p.h"
 #include "camera/CaptureDevice.h"
 #include "camera/CaptureSession.h"
-#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureVideoDataOutput_p.h"
 #include "camera/CaptureVideoPreviewLayer.h"
 #include "base/DispatchQueue.h"
-#include "recording/ZMSaveVideoServiceProtocol.h"
+#include "recording/ZMSaveVideoServiceProtocol_p.h"
 
 #include <QPointF>
 #include <QString>

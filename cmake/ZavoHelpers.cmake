@@ -21,7 +21,7 @@ endif()
 
 set(ZAVO_TEST_DATA_DIR "${PROJECT_SOURCE_DIR}/tests/data")
 
-# Every folder is reached by its name ("base/Log.h"), but only from targets
+# Every folder is reached by its name ("base/Error.h"), but only from targets
 # that link the folder's target: each target sees an include root of its own
 # holding links to its folder and to the folders of what it links. An upward
 # include (recording/ reaching into camera-screen/) therefore fails to build.
@@ -57,28 +57,24 @@ function(zavo_add_library name)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET default)
-  if(ARG_PUBLIC_HEADERS)
-    install(FILES ${ARG_PUBLIC_HEADERS}
-      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${ARG_SUBSYSTEM})
-  endif()
+  zavo_install_headers(${ARG_SUBSYSTEM} ${ARG_PUBLIC_HEADERS})
   install(TARGETS ${name} EXPORT ZavoCameraTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
-# zavo_add_part(<name> FOLDER <folder> LIBS ...): one folder of the component
-# as an object library, with the layers and parts it may use declared in LIBS;
-# the component library links every part.
+# zavo_add_part(<name> FOLDER <folder> LIBS ... PUBLIC_HEADERS ...): one
+# folder of the component as an object library, with the layers and parts it
+# may use declared in LIBS; the component library links every part. Only the
+# headers named in PUBLIC_HEADERS are installed.
 function(zavo_add_part name)
-  cmake_parse_arguments(ARG "" "FOLDER" "LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "FOLDER" "LIBS;PUBLIC_HEADERS" ${ARGN})
   zavo_glob_sources(sources headers)
   add_library(${name} OBJECT ${sources} ${headers})
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   zavo_include_root(${name} ${ARG_FOLDER})
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags)
-  if(headers)
-    install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${ARG_FOLDER})
-  endif()
+  zavo_install_headers(${ARG_FOLDER} ${ARG_PUBLIC_HEADERS})
 endfunction()
 
 # zavo_add_sources(<target> <subsystem> SOURCES ... PUBLIC_HEADERS ...):
@@ -86,10 +82,27 @@ endfunction()
 function(zavo_add_sources target subsystem)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_HEADERS" ${ARGN})
   target_sources(${target} PRIVATE ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})
-  if(ARG_PUBLIC_HEADERS)
-    install(FILES ${ARG_PUBLIC_HEADERS}
-      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${subsystem})
-  endif()
+  zavo_install_headers(${subsystem} ${ARG_PUBLIC_HEADERS})
+endfunction()
+
+# zavo_install_headers(<folder> <header>...): install headers of <folder>
+# (named relative to the current source folder) under
+# include/ZavoCamera/<folder>/, where hosts include them by the same name as
+# the tree does. Installing is deliberate: a header is part of the surface
+# hosts build against only when it is named here, and a private one (*_p.h)
+# never is.
+function(zavo_install_headers folder)
+  foreach(header ${ARGN})
+    get_filename_component(path ${header} ABSOLUTE BASE_DIR ${CMAKE_CURRENT_SOURCE_DIR})
+    if(path MATCHES "_p\\.h$")
+      message(FATAL_ERROR "${path}: a private header is never installed")
+    endif()
+    if(NOT EXISTS ${path})
+      message(FATAL_ERROR "${path}: no such public header")
+    endif()
+    install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${folder})
+    set_property(GLOBAL APPEND PROPERTY ZAVO_PUBLIC_HEADERS "${folder}|${path}")
+  endforeach()
 endfunction()
 
 # zavo_add_test(<name> SOURCES ... LIBS ...): one Qt Test executable, run
@@ -114,13 +127,12 @@ function(zavo_add_test name)
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_LOGGING_RULES=qt.qpa.*=false;HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name};XDG_CONFIG_HOME=${CMAKE_CURRENT_BINARY_DIR}/home-${name}/.config;ASAN_OPTIONS=detect_leaks=1:abort_on_error=0;LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp;UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1;TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=${PROJECT_SOURCE_DIR}/tests/tsan.supp")
 endfunction()
 
-# zavo_glob_sources(<out-sources> <out-public-headers>): the .cpp files of the
-# current folder, and its headers except the private ones (*_p.h), which are
-# never installed.
+# zavo_glob_sources(<out-sources> <out-headers>): the .cpp files and all the
+# headers of the current folder, for the target's sources (moc and IDEs see
+# them); which headers are installed is listed by name in PUBLIC_HEADERS.
 function(zavo_glob_sources out_sources out_headers)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
-  list(FILTER headers EXCLUDE REGEX "_p\\.h$")
   set(${out_sources} ${sources} PARENT_SCOPE)
   set(${out_headers} ${headers} PARENT_SCOPE)
 endfunction()

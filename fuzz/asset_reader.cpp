@@ -4,7 +4,7 @@
 #include "FuzzSupport_p.h"
 
 #include "media/Asset.h"
-#include "recording/ZMVideoCompresion.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include <QCryptographicHash>
 #include <chrono>

@@ -6,7 +6,7 @@
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "shell/DeviceScreen.h"
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <fuzzer/FuzzedDataProvider.h>

@@ -3,7 +3,7 @@
 #include "base/DispatchQueue.h"
 #include "media/FFmpeg_p.h"
 #include "media/Asset_p.h"
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <QFileInfo>
 #include <deque>

@@ -1,9 +1,9 @@
-#include "media/AssetWriter.h"
+#include "media/AssetWriter_p.h"
 
 #include "media/Asset_p.h"
 #include "media/FFmpeg_p.h"
-#include "base/Log.h"
-#include "media/VideoFrameConverter.h"
+#include "base/Log_p.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <QDir>
 #include <QFile>

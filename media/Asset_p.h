@@ -3,7 +3,7 @@
 // by the reader and the writer.
 #include "media/FFmpeg_p.h"
 #include "media/MediaTime.h"
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 extern "C" {
 #include <libavutil/display.h>

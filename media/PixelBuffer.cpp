@@ -1,6 +1,6 @@
 #include "media/PixelBuffer.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 #include <cstdlib>
 #include <mutex>

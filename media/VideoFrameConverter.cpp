@@ -1,7 +1,7 @@
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include "media/FFmpeg_p.h"
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

@@ -1,10 +1,10 @@
-#include "recording/ZMRecordingStorage.h"
+#include "recording/ZMRecordingStorage_p.h"
 
-#include "resources/ZMBundleLink.h"
-#include "base/Bundle.h"
+#include "resources/ZMBundleLink_p.h"
+#include "base/Bundle_p.h"
 #include "base/FileSystem.h"
-#include "base/Log.h"
-#include "zavocore/ZavoCore.h"
+#include "base/Log_p.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,7 +1,7 @@
 #include "recording/ZMSaveVideoExService.h"
 
-#include "resources/ZMBundleLink.h"
-#include "recording/ZMRecordingStorage.h"
+#include "resources/ZMBundleLink_p.h"
+#include "recording/ZMRecordingStorage_p.h"
 
 #include <QFile>
 

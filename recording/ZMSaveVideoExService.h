@@ -9,11 +9,11 @@
 // compressor (nil, or the 1001 "bad quality" error). Frames handed to
 // appendStorageWithSampleBuffer are ignored: the output takes them from the
 // session itself.
-#include "camera/CaptureMovieFileOutput.h"
+#include "camera/CaptureMovieFileOutput_p.h"
 #include "camera/CaptureSession.h"
 #include "base/DispatchQueue.h"
-#include "recording/ZMSaveVideoServiceProtocol.h"
-#include "recording/ZMVideoCompresion.h"
+#include "recording/ZMSaveVideoServiceProtocol_p.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include <atomic>
 #include <memory>

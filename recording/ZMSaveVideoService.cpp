@@ -1,11 +1,11 @@
 #include "recording/ZMSaveVideoService.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "base/FileSystem.h"
 #include "base/FileSystem_p.h"
-#include "base/Log.h"
-#include "media/VideoFrameConverter.h"
-#include "recording/ZMRecordingStorage.h"
+#include "base/Log_p.h"
+#include "media/VideoFrameConverter_p.h"
+#include "recording/ZMRecordingStorage_p.h"
 
 #include <QDir>
 #include <QFile>

@@ -6,9 +6,9 @@
 // Recording itself does no encoding, so the capture queue pays only for one
 // copy and one file write per frame; all encoding happens afterwards at
 // background priority.
-#include "media/AssetWriter.h"
+#include "media/AssetWriter_p.h"
 #include "base/DispatchQueue.h"
-#include "recording/ZMSaveVideoServiceProtocol.h"
+#include "recording/ZMSaveVideoServiceProtocol_p.h"
 
 #include <QByteArray>
 #include <QSize>

@@ -1,7 +1,7 @@
-#include "recording/ZMVideoCompresion.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include "base/DispatchQueue.h"
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 
 #include <QFile>
 #include <QUrl>

@@ -1,4 +1,4 @@
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 
 namespace zavo {
 

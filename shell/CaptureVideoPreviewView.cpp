@@ -1,6 +1,6 @@
-#include "shell/CaptureVideoPreviewView.h"
+#include "shell/CaptureVideoPreviewView_p.h"
 
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <QPaintEvent>
 #include <QPainter>

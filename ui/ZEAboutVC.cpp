@@ -1,7 +1,7 @@
-#include "ui/ZEAboutVC.h"
+#include "ui/ZEAboutVC_p.h"
 
-#include "base/Bundle.h"
-#include "ui/ZavoFonts.h"
+#include "base/Bundle_p.h"
+#include "ui/ZavoFonts_p.h"
 
 #include <QEvent>
 #include <QLabel>

@@ -1,6 +1,6 @@
-#include "ui/ZMImages.h"
+#include "ui/ZMImages_p.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 
 namespace zavo {
 

@@ -1,4 +1,4 @@
-#include "ui/ZavoColors.h"
+#include "ui/ZavoColors_p.h"
 
 #include <QRgba64>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "ui/ZavoFonts.h"
+#include "ui/ZavoFonts_p.h"
 
 #include <QFontDatabase>
 

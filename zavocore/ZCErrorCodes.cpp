@@ -1,6 +1,6 @@
 #include "zavocore/ZCErrorCodes.h"
 
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 namespace zavo::core {
 

@@ -1,6 +1,6 @@
 #include "zavocore/ZCFaceAnalyzer_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "zavocore/ZCFaceNetwork_p.h"
 
 #include <opencv2/core.hpp>

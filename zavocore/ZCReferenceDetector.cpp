@@ -1,6 +1,6 @@
 #include "zavocore/ZCReferenceDetector_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZCFaceAnalyzer_p.h"

@@ -1,4 +1,4 @@
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include "zavocore/ZCZavoConfiguration.h"
 

@@ -1,6 +1,6 @@
 #include "zavoweb/NetworkingError.h"
 
-#include "zavoweb/ZavoWeb.h"
+#include "zavoweb/ZavoWeb_p.h"
 
 namespace zavo::web {
 

@@ -1,4 +1,4 @@
-#include "zavoweb/Throttler.h"
+#include "zavoweb/Throttler_p.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "zavoweb/ZWLivenessClient.h"
 #include "zavoweb/ZWLivenessClient_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "zavoweb/NetworkingError.h"
 
 #include <QBuffer>

@@ -1,4 +1,4 @@
-#include "zavoweb/ZavoWeb.h"
+#include "zavoweb/ZavoWeb_p.h"
 
 namespace zavo::web {
 const platform::Bundle& zavoWebBundle()

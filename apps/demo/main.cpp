@@ -10,7 +10,7 @@
 #include "WindowPlacement.h"
 #include "capture/ZMCameraDevices.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "zavocore/ZCStepConfig.h"
 #include "shell/DeviceScreen.h"
 #include "base/FileSystem.h"

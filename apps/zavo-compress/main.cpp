@@ -2,7 +2,7 @@
 // after a session (first video track only, 320x180 H.264, orientation kept),
 // with a progress bar when stderr is a terminal.
 #include "base/DispatchQueue.h"
-#include "recording/ZMVideoCompresion.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include <QCoreApplication>
 #include <QDir>

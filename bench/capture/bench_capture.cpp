@@ -18,7 +18,7 @@
 #include "shell/DeviceScreen.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "base/FileSystem.h"
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 #include "recording/ZMSaveVideoExService.h"
 

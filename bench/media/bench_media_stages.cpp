@@ -4,8 +4,8 @@
 // a frame into the encoder's picture, and encoding small pictures.
 // usage: bench_media_stages CLIP.mp4 WORKDIR
 #include "media/Asset.h"
-#include "media/AssetWriter.h"
-#include "media/VideoFrameConverter.h"
+#include "media/AssetWriter_p.h"
+#include "media/VideoFrameConverter_p.h"
 
 extern "C" {
 #include <libavutil/frame.h>

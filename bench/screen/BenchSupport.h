@@ -3,7 +3,7 @@
 // sample clip as the front camera, permission granted, a scratch Documents.
 #include "DemoCamera.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "base/FileSystem.h"
 
 #include <QCoreApplication>

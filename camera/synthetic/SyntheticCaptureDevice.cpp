@@ -1,8 +1,8 @@
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include "camera/CaptureDevice_p.h"
-#include "camera/CaptureMovieFileOutput.h"
-#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureMovieFileOutput_p.h"
+#include "camera/CaptureVideoDataOutput_p.h"
 
 #include <chrono>
 #include <cmath>

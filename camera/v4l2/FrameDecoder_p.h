@@ -8,7 +8,7 @@
 // half grey.
 #include "media/FFmpeg_p.h"
 #include "media/PixelBuffer.h"
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 #include <cstdint>
 #include <memory>

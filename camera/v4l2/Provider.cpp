@@ -1,6 +1,6 @@
 #include "camera/v4l2/Provider_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 #include "camera/v4l2/Enumeration_p.h"
 #include "camera/v4l2/Stream_p.h"
 

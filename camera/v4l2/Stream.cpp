@@ -1,6 +1,6 @@
 #include "camera/v4l2/Stream_p.h"
 
-#include "base/Log.h"
+#include "base/Log_p.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,9 +1,9 @@
 // Error bridging, the camera error's codes and messages, and networking
 // errors' descriptions.
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "camera-screen/ZMCameraError.h"
 #include "camera-screen/ZMCameraError_p.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 #include "zavoweb/NetworkingError.h"
 
 #include <QtTest>

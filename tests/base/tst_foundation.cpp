@@ -1,11 +1,11 @@
 // Notification centre, platform version, bundles and string tables, files,
 // and pixel-buffer pools.
-#include "resources/ZMBundleLink.h"
-#include "base/Bundle.h"
+#include "resources/ZMBundleLink_p.h"
+#include "base/Bundle_p.h"
 #include "base/FileSystem.h"
 #include "base/NotificationCenter.h"
 #include "media/PixelBuffer.h"
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 #include "media/SampleBuffer.h"
 
 #include <QApplication>

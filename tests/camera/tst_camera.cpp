@@ -2,12 +2,12 @@
 // preview, permission and orientation, driven through synthetic cameras.
 #include "CameraTestSupport.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "camera/CaptureDevice.h"
 #include "camera/CaptureSession.h"
-#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureVideoDataOutput_p.h"
 #include "camera/CaptureVideoPreviewLayer.h"
-#include "shell/CaptureVideoPreviewView.h"
+#include "shell/CaptureVideoPreviewView_p.h"
 #include "shell/DeviceScreen.h"
 #include "shell/DeviceScreen_p.h"
 #include "base/DispatchQueue.h"

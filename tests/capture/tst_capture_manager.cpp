@@ -4,11 +4,11 @@
 #include "../camera/CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
-#include "camera/CaptureAuthorization.h"
-#include "camera/CaptureVideoDataOutput.h"
+#include "camera/CaptureAuthorization_p.h"
+#include "camera/CaptureVideoDataOutput_p.h"
 #include "shell/DeviceScreen.h"
 #include "base/FileSystem.h"
-#include "base/ProcessInfo.h"
+#include "base/ProcessInfo_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <QApplication>

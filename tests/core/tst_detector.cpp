@@ -6,7 +6,7 @@
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCHttpLiveness.h"
 #include "zavocore/ZCStepConfig.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 #include "zavoweb/NetworkingError.h"
 
 #include <QDir>

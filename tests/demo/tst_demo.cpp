@@ -7,9 +7,9 @@
 #include "DetectorTiming.h"
 #include "VideoReadback.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "camera/file/FileCaptureDevice.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <QJsonArray>
 #include <QTemporaryDir>

@@ -5,7 +5,7 @@
 #include "DemoSession.h"
 #include "ProcessCounters.h"
 
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "base/FileSystem.h"
 
 #include <QTemporaryDir>

@@ -7,13 +7,13 @@
 #include "ProcessCounters.h"
 
 #include "capture/ZMCameraCaptureManager.h"
-#include "capture/ZMCameraCaptureProtocol.h"
+#include "capture/ZMCameraCaptureProtocol_p.h"
 #include "media/Asset.h"
 #include "camera/CaptureDevice.h"
 #include "base/DispatchQueue.h"
 #include "camera/file/FileCaptureDevice.h"
-#include "base/ProcessInfo.h"
-#include "zavocore/ZavoCore.h"
+#include "base/ProcessInfo_p.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <opencv2/core/utility.hpp>
 

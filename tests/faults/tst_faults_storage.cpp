@@ -10,11 +10,11 @@
 // modes) and a full disk is a file size limit.
 #include "FaultTestSupport.h"
 
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "base/FileSystem.h"
-#include "recording/ZMRecordingStorage.h"
-#include "recording/ZMVideoCompresion.h"
+#include "recording/ZMRecordingStorage_p.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include <QApplication>
 #include <QProcess>

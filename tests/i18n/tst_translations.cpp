@@ -1,8 +1,8 @@
 // Every user-facing string has a German translation, and a German system
 // locale selects it.
-#include "resources/ZMBundleLink.h"
-#include "zavocore/ZavoCore.h"
-#include "zavoweb/ZavoWeb.h"
+#include "resources/ZMBundleLink_p.h"
+#include "zavocore/ZavoCore_p.h"
+#include "zavoweb/ZavoWeb_p.h"
 
 #include <QCoreApplication>
 #include <QFile>

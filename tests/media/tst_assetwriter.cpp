@@ -2,7 +2,7 @@
 // writer behaves when the file cannot be written.
 #include "MediaTestSupport.h"
 #include "media/Asset.h"
-#include "media/AssetWriter.h"
+#include "media/AssetWriter_p.h"
 
 #include <QDir>
 #include <QTemporaryDir>

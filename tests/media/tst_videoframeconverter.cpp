@@ -1,5 +1,5 @@
 // Scaling, format conversion, mirroring and turning of frames.
-#include "media/VideoFrameConverter.h"
+#include "media/VideoFrameConverter_p.h"
 
 extern "C" {
 #include <libavutil/pixfmt.h>

@@ -1,8 +1,8 @@
 // The recording folder, its names, and the recorders' error values.
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "base/FileSystem.h"
-#include "recording/ZMRecordingStorage.h"
-#include "zavocore/ZavoCore.h"
+#include "recording/ZMRecordingStorage_p.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <QDir>
 #include <QTemporaryDir>

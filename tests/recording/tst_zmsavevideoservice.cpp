@@ -1,10 +1,10 @@
 // The frame-dump recorder: frame files, assembly into the session video, the
 // delegate's calls and their threads, and the failures.
 #include "../media/MediaTestSupport.h"
-#include "resources/ZMBundleLink.h"
+#include "resources/ZMBundleLink_p.h"
 #include "media/Asset.h"
 #include "base/FileSystem.h"
-#include "recording/ZMRecordingStorage.h"
+#include "recording/ZMRecordingStorage_p.h"
 #include "recording/ZMSaveVideoService.h"
 
 #include <QDir>

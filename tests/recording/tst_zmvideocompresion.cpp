@@ -2,8 +2,8 @@
 // keeps its orientation, in the input's place; and every way it can fail.
 #include "../media/MediaTestSupport.h"
 #include "base/DispatchQueue.h"
-#include "base/ProcessInfo.h"
-#include "recording/ZMVideoCompresion.h"
+#include "base/ProcessInfo_p.h"
+#include "recording/ZMVideoCompresion_p.h"
 
 #include <QTemporaryDir>
 #include <QtTest>

@@ -4,7 +4,7 @@
 #include "camera-screen/ZMCameraBuilder.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 #include "media/Asset.h"
-#include "camera/CaptureAuthorization.h"
+#include "camera/CaptureAuthorization_p.h"
 #include "base/DispatchQueue.h"
 
 #include <QCoreApplication>

@@ -3,7 +3,7 @@
 // scaled, and repaints of only part of it.
 #include "camera/CaptureSession.h"
 #include "camera/CaptureVideoPreviewLayer.h"
-#include "shell/CaptureVideoPreviewView.h"
+#include "shell/CaptureVideoPreviewView_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 
 #include <QPainter>

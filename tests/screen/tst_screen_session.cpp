@@ -8,7 +8,7 @@
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZCStepConfig.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <QApplication>
 #include <QFile>

@@ -6,7 +6,7 @@
 #include "ScreenTestSupport.h"
 
 #include "base/DispatchQueue.h"
-#include "zavocore/ZavoCore.h"
+#include "zavocore/ZavoCore_p.h"
 
 #include <QApplication>
 #include <QElapsedTimer>

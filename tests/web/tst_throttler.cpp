@@ -1,5 +1,5 @@
 // Throttler: bursts collapse, the action runs on the queue it was given.
-#include "zavoweb/Throttler.h"
+#include "zavoweb/Throttler_p.h"
 
 #include <QElapsedTimer>
 #include <QMutex>

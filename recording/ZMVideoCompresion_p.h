@@ -4,7 +4,7 @@
 // every other track are dropped. The output is 320x180 and keeps the source's
 // orientation as its transform rather than in its pixels.
 #include "media/Asset.h"
-#include "media/AssetWriter.h"
+#include "media/AssetWriter_p.h"
 
 #include <QString>
 #include <functional>

@@ -1,6 +1,6 @@
 #pragma once
 // The core framework's error domain and string lookup.
-#include "base/Bundle.h"
+#include "base/Bundle_p.h"
 
 #include <QString>
 

@@ -1,7 +1,7 @@
 #pragma once
 // The component's own resource bundle: images, the screen's form and the
 // string table, all under ":/zavocamera".
-#include "base/Bundle.h"
+#include "base/Bundle_p.h"
 
 namespace zavo {
 

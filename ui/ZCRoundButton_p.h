@@ -2,7 +2,7 @@
 // The component's styled push button: a rounded, bordered fill in the brand
 // blue with a centred, wrapping white title in the brand typeface. The fill
 // darkens while pressed and turns grey when disabled, with short animations.
-#include "ui/ZavoColors.h"
+#include "ui/ZavoColors_p.h"
 
 #include <QPointer>
 #include <QPushButton>
