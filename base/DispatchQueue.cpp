@@ -1,6 +1,7 @@
 #include "base/DispatchQueue.h"
 
 #include "base/RingQueue_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QCoreApplication>
 #include <QPointer>
@@ -60,24 +61,24 @@ struct DispatchQueue::State {
     QualityOfService qos = QualityOfService::Unspecified;
     int relativePriority = 0;
 
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable wake;
-    RingQueue<Block> ready;                           // guarded by mutex; keeps its slots
-    std::multimap<Clock::time_point, Block> timers;   // guarded by mutex; multimap keeps FIFO among equal times
-    bool released = false;                            // guarded by mutex
+    RingQueue<Block> ready ZAVO_GUARDED_BY(mutex);  // keeps its slots
+    std::multimap<Clock::time_point, Block> timers ZAVO_GUARDED_BY(mutex);  // multimap keeps FIFO among equal times
+    bool released ZAVO_GUARDED_BY(mutex) = false;
 
     // Signalled under the lock: once the lock is released, a queue that was
     // let go may end its thread and destroy this state at any moment.
     void enqueue(Block block)
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         ready.push(std::move(block));
         wake.notify_one();
     }
 
     void enqueueAt(Clock::time_point when, Block block)
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         timers.emplace(when, std::move(block));
         wake.notify_one();
     }
@@ -101,7 +102,7 @@ void DispatchQueue::State::run(std::shared_ptr<State> self)
         setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice);
     tlsCurrentQueue = self.get();
 
-    std::unique_lock lock(self->mutex);
+    MutexLocker lock(self->mutex);
     for (;;) {
         const auto now = Clock::now();
         while (!self->timers.empty() && self->timers.begin()->first <= now) {
@@ -119,9 +120,9 @@ void DispatchQueue::State::run(std::shared_ptr<State> self)
         if (self->released && self->timers.empty())
             break;
         if (self->timers.empty())
-            self->wake.wait(lock);
+            self->mutex.wait(self->wake);
         else
-            self->wake.wait_until(lock, self->timers.begin()->first);
+            self->mutex.waitUntil(self->wake, self->timers.begin()->first);
     }
     lock.unlock();
     tlsCurrentQueue = nullptr;
@@ -145,7 +146,7 @@ DispatchQueue::~DispatchQueue()
 {
     if (!state_)
         return;
-    std::lock_guard lock(state_->mutex);
+    MutexLocker lock(state_->mutex);
     state_->released = true;
     state_->wake.notify_one();
 }
@@ -154,8 +155,8 @@ int DispatchQueue::liveThreadCount() { return gLiveThreads.load(); }
 
 // --------------------------------------------------------------- main queue
 //
-// Blocks for the GUI thread travel through a list of our own, guarded by a
-// std::mutex; the Qt event loop only gets a wake-up through an eventfd that a
+// Blocks for the GUI thread travel through a list of our own, under a plain
+// mutex; the Qt event loop only gets a wake-up through an eventfd that a
 // QSocketNotifier watches. Handing the blocks themselves to Qt's queued events
 // would work too, but then the hand-off happens inside Qt's own locks, which
 // the thread sanitizer cannot see, and every block crossing threads would be
@@ -163,8 +164,8 @@ int DispatchQueue::liveThreadCount() { return gLiveThreads.load(); }
 
 namespace {
 struct MainQueueState {
-    std::mutex mutex;
-    RingQueue<std::function<void()>> ready;  // guarded by mutex
+    Mutex mutex;
+    RingQueue<std::function<void()>> ready ZAVO_GUARDED_BY(mutex);
     int wakeFd = -1;
     QPointer<QSocketNotifier> notifier;       // GUI thread only
     std::atomic<bool> applicationSeen{false};
@@ -174,7 +175,7 @@ struct MainQueueState {
     void enqueue(std::function<void()> block)
     {
         {
-            std::lock_guard lock(mutex);
+            MutexLocker lock(mutex);
             ready.push(std::move(block));
         }
         const uint64_t one = 1;
@@ -191,13 +192,13 @@ struct MainQueueState {
         // may spin a nested event loop that drains the list meanwhile.
         size_t queuedNow = 0;
         {
-            std::lock_guard lock(mutex);
+            MutexLocker lock(mutex);
             queuedNow = ready.size();
         }
         for (; queuedNow > 0; --queuedNow) {
             std::function<void()> block;
             {
-                std::lock_guard lock(mutex);
+                MutexLocker lock(mutex);
                 if (ready.empty())
                     return;
                 block = ready.pop();

@@ -1,5 +1,6 @@
 #include "base/FileSystem.h"
 #include "base/FileSystem_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QFile>
 
@@ -7,7 +8,6 @@
 #include <QStandardPaths>
 #include <atomic>
 #include <cerrno>
-#include <mutex>
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -16,24 +16,19 @@
 namespace zavo::platform {
 
 namespace {
-std::mutex gDocumentsMutex;
-QString gDocumentsOverride;  // guarded by gDocumentsMutex
+Guarded<QString> gDocumentsOverride;
 }  // namespace
 
 QString documentsDirectory()
 {
-    {
-        std::lock_guard lock(gDocumentsMutex);
-        if (!gDocumentsOverride.isEmpty())
-            return gDocumentsOverride;
-    }
+    if (QString path = gDocumentsOverride.get(); !path.isEmpty())
+        return path;
     return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
 }
 
 void setDocumentsDirectory(const QString& path)
 {
-    std::lock_guard lock(gDocumentsMutex);
-    gDocumentsOverride = path;
+    gDocumentsOverride.set(path);
 }
 
 bool writeFileAtomically(const QString& path, const char* data, qint64 size)

@@ -12,19 +12,19 @@ NotificationCenter& NotificationCenter::defaultCenter()
 
 void NotificationCenter::addObserver(const void* observer, const QString& name, const void* sender, Handler handler)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     registrations_.push_back({observer, name, sender, std::make_shared<const Handler>(std::move(handler))});
 }
 
 void NotificationCenter::removeObserver(const void* observer)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     std::erase_if(registrations_, [&](const Registration& r) { return r.observer == observer; });
 }
 
 void NotificationCenter::removeObserver(const void* observer, const QString& name)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     std::erase_if(registrations_, [&](const Registration& r) { return r.observer == observer && r.name == name; });
 }
 
@@ -33,7 +33,7 @@ void NotificationCenter::post(const Notification& notification)
     // Handlers run outside the lock so that they may add or remove observers.
     std::vector<std::shared_ptr<const Handler>> matching;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         for (const auto& r : registrations_) {
             if ((r.name.isEmpty() || r.name == notification.name) && (!r.sender || r.sender == notification.sender))
                 matching.push_back(r.handler);

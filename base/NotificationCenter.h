@@ -1,11 +1,12 @@
 #pragma once
 // Broadcast of named notifications inside the process. Observers run
 // synchronously on the thread that posts, in the order they were added.
+#include "base/ThreadSafety.h"
+
 #include <QString>
 #include <QVariantMap>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace zavo::platform {
@@ -45,8 +46,8 @@ private:
         const void* sender;
         std::shared_ptr<const Handler> handler;
     };
-    std::mutex mutex_;
-    std::vector<Registration> registrations_;  // guarded by mutex_
+    Mutex mutex_;
+    std::vector<Registration> registrations_ ZAVO_GUARDED_BY(mutex_);
 };
 
 }  // namespace zavo::platform
