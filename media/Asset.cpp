@@ -4,10 +4,10 @@
 #include "media/FFmpeg_p.h"
 #include "media/Asset_p.h"
 #include "media/VideoFrameConverter_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QFileInfo>
 #include <deque>
-#include <mutex>
 
 namespace zavo::platform {
 
@@ -94,10 +94,10 @@ AssetTrack::Info trackInfoOf(const AVFormatContext* format, const AVStream* stre
 }  // namespace
 
 struct Asset::Private {
-    std::mutex mutex;
-    bool loaded = false;                // guarded by mutex
-    std::vector<AssetTrackPtr> tracks;  // guarded by mutex
-    ErrorPtr error;                     // guarded by mutex
+    Mutex mutex;
+    bool loaded ZAVO_GUARDED_BY(mutex) = false;
+    std::vector<AssetTrackPtr> tracks ZAVO_GUARDED_BY(mutex);
+    ErrorPtr error ZAVO_GUARDED_BY(mutex);
 };
 
 Asset::Asset(QString path) : path_(std::move(path)), d(std::make_shared<Private>()) {}
@@ -116,7 +116,7 @@ std::shared_ptr<Asset> Asset::assetWithPath(const QString& path)
 
 std::vector<AssetTrackPtr> Asset::tracksWithMediaType(MediaType mediaType, ErrorPtr* error) const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     if (!d->loaded) {
         d->loaded = true;
         ErrorPtr openError;
@@ -176,23 +176,29 @@ struct AssetReaderTrackOutput::Private {
 
 struct AssetReader::Private {
     AssetPtr asset;
-    mutable std::mutex mutex;
-    ffmpeg::InputFormatContextUPtr format;                             // guarded by mutex
-    std::vector<std::shared_ptr<AssetReaderTrackOutput::Private>> outputs;  // guarded by mutex
-    std::vector<AssetReaderTrackOutputPtr> outputHandles;              // guarded by mutex
-    ffmpeg::AVPacketUPtr packet;                                       // guarded by mutex
-    bool demuxEnded = false;                                           // guarded by mutex
-    Status status = Status::Unknown;                                   // guarded by mutex
-    ErrorPtr error;                                                    // guarded by mutex
+    mutable Mutex mutex;
+    ffmpeg::InputFormatContextUPtr format ZAVO_GUARDED_BY(mutex);
+    std::vector<std::shared_ptr<AssetReaderTrackOutput::Private>> outputs ZAVO_GUARDED_BY(mutex);
+    std::vector<AssetReaderTrackOutputPtr> outputHandles ZAVO_GUARDED_BY(mutex);
+    ffmpeg::AVPacketUPtr packet ZAVO_GUARDED_BY(mutex);
+    bool demuxEnded ZAVO_GUARDED_BY(mutex) = false;
+    Status status ZAVO_GUARDED_BY(mutex) = Status::Unknown;
+    ErrorPtr error ZAVO_GUARDED_BY(mutex);
 
-    void fail(MediaErrorCode code, const QString& what, int ffmpegError = 0)
+    // Filled before the reader is shared, so without the lock.
+    Private(AssetPtr openedAsset, ffmpeg::InputFormatContextUPtr openedFormat)
+        : asset(std::move(openedAsset)), format(std::move(openedFormat)), packet(ffmpeg::makeAVPacket())
+    {
+    }
+
+    void fail(MediaErrorCode code, const QString& what, int ffmpegError = 0) ZAVO_REQUIRES(mutex)
     {
         status = Status::Failed;
         error = makeMediaError(code, QStringLiteral("%1: %2").arg(what, ffmpeg::errorString(ffmpegError)), ffmpegError);
     }
-    AVPacket* nextPacketFor(AssetReaderTrackOutput::Private& output);
-    SampleBuffer nextSample(AssetReaderTrackOutput::Private& output);
-    void releaseDecoding();
+    AVPacket* nextPacketFor(AssetReaderTrackOutput::Private& output) ZAVO_REQUIRES(mutex);
+    SampleBuffer nextSample(AssetReaderTrackOutput::Private& output) ZAVO_REQUIRES(mutex);
+    void releaseDecoding() ZAVO_REQUIRES(mutex);
 };
 
 std::shared_ptr<AssetReader> AssetReader::create(AssetPtr asset, ErrorPtr* error)
@@ -206,10 +212,7 @@ std::shared_ptr<AssetReader> AssetReader::create(AssetPtr asset, ErrorPtr* error
         return nullptr;
     }
     std::shared_ptr<AssetReader> reader(new AssetReader());
-    reader->d = std::make_shared<Private>();
-    reader->d->asset = std::move(asset);
-    reader->d->format = std::move(format);
-    reader->d->packet = ffmpeg::makeAVPacket();
+    reader->d = std::make_shared<Private>(std::move(asset), std::move(format));
     return reader;
 }
 
@@ -221,7 +224,7 @@ bool AssetReader::canAddOutput(const std::shared_ptr<AssetReaderTrackOutput>& ou
 {
     if (!output)
         return false;
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     const auto trackAsset = output->d->track->asset();
     return d->status == Status::Unknown && output->d->reader.expired() && trackAsset
         && trackAsset->path() == d->asset->path() && output->d->track->trackID() < int(d->format->nb_streams);
@@ -231,7 +234,7 @@ void AssetReader::addOutput(std::shared_ptr<AssetReaderTrackOutput> output)
 {
     if (!canAddOutput(output))
         return;
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     output->d->reader = d;
     d->outputs.push_back(output->d);
     d->outputHandles.push_back(std::move(output));
@@ -239,7 +242,7 @@ void AssetReader::addOutput(std::shared_ptr<AssetReaderTrackOutput> output)
 
 bool AssetReader::startReading()
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     if (d->status != Status::Unknown)
         return false;
     std::vector<bool> used(d->format->nb_streams, false);
@@ -291,7 +294,7 @@ void AssetReader::Private::releaseDecoding()
 
 void AssetReader::cancelReading()
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     if (d->status == Status::Unknown || d->status == Status::Reading)
         d->status = Status::Cancelled;
     d->releaseDecoding();
@@ -299,13 +302,13 @@ void AssetReader::cancelReading()
 
 AssetReader::Status AssetReader::status() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->status;
 }
 
 ErrorPtr AssetReader::error() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->error;
 }
 
@@ -412,7 +415,7 @@ SampleBuffer AssetReaderTrackOutput::copyNextSampleBuffer()
     auto reader = d->reader.lock();
     if (!reader)
         return {};
-    std::lock_guard lock(reader->mutex);
+    MutexLocker lock(reader->mutex);
     if (reader->status != AssetReader::Status::Reading || !d->decoder)
         return {};
     return reader->nextSample(*d);

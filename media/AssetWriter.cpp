@@ -4,6 +4,7 @@
 #include "media/FFmpeg_p.h"
 #include "base/Log_p.h"
 #include "media/VideoFrameConverter_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QDir>
 #include <QFile>
@@ -54,13 +55,13 @@ struct AssetWriterInput::Private {
     VideoOutputSettings settings;
     std::weak_ptr<AssetWriter::Private> writer;  // set by addInput
 
-    mutable std::mutex mutex;
-    QTransform transform;                                   // guarded by mutex
-    bool realTime = false;                                  // guarded by mutex
-    std::optional<PixelBufferAttributes> sourceAttributes;  // guarded by mutex
-    std::shared_ptr<PixelBufferPool> pool;                  // guarded by mutex
-    DispatchQueuePtr requestQueue;                          // guarded by mutex
-    std::function<void()> requestBlock;                     // guarded by mutex
+    mutable Mutex mutex;
+    QTransform transform ZAVO_GUARDED_BY(mutex);
+    bool realTime ZAVO_GUARDED_BY(mutex) = false;
+    std::optional<PixelBufferAttributes> sourceAttributes ZAVO_GUARDED_BY(mutex);
+    std::shared_ptr<PixelBufferPool> pool ZAVO_GUARDED_BY(mutex);
+    DispatchQueuePtr requestQueue ZAVO_GUARDED_BY(mutex);
+    std::function<void()> requestBlock ZAVO_GUARDED_BY(mutex);
 
     // Owned by whichever thread appends (appends are serialised by appendMutex).
     std::mutex appendMutex;
@@ -78,22 +79,25 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
     QString partPath;
     DispatchQueuePtr encodeQueue;
 
-    mutable std::mutex mutex;
+    mutable Mutex mutex;
     std::condition_variable slotFreed;
-    Status status = Status::Unknown;                // guarded by mutex
-    ErrorPtr error;                                 // guarded by mutex
-    bool faststart = false;                         // guarded by mutex
-    std::shared_ptr<AssetWriterInput::Private> input;  // guarded by mutex
-    bool inputFinished = false;                     // guarded by mutex
-    MediaTime sessionStart = MediaTime::invalid();  // guarded by mutex
-    AVRational timeBase{0, 1};                      // guarded by mutex; from the first frame
-    std::vector<int> freeSlots;                     // guarded by mutex
-    bool partFileExists = false;                    // guarded by mutex
-    bool starting = false;                          // guarded by mutex
-    bool finishRequested = false;                   // guarded by mutex
+    Status status ZAVO_GUARDED_BY(mutex) = Status::Unknown;
+    ErrorPtr error ZAVO_GUARDED_BY(mutex);
+    bool faststart ZAVO_GUARDED_BY(mutex) = false;
+    // Set under the lock by addInput, which only succeeds before writing
+    // starts; from then on it never changes, and the encode queue and the
+    // appenders read it without the lock.
+    std::shared_ptr<AssetWriterInput::Private> input;
+    bool inputFinished ZAVO_GUARDED_BY(mutex) = false;
+    MediaTime sessionStart ZAVO_GUARDED_BY(mutex) = MediaTime::invalid();
+    AVRational timeBase ZAVO_GUARDED_BY(mutex){0, 1};  // from the first frame
+    std::vector<int> freeSlots ZAVO_GUARDED_BY(mutex);
+    bool partFileExists ZAVO_GUARDED_BY(mutex) = false;
+    bool starting ZAVO_GUARDED_BY(mutex) = false;
+    bool finishRequested ZAVO_GUARDED_BY(mutex) = false;
     // How the first frame went into the encoded picture; the stream's aspect
     // and display matrix are made from it when the encoder opens.
-    media::PictureFit fit;                          // guarded by mutex
+    media::PictureFit fit ZAVO_GUARDED_BY(mutex);
 
     // Pictures: a slot belongs to the appender while it is off freeSlots and
     // before its encode block is queued, to the encode queue afterwards.
@@ -118,7 +122,7 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
 
     bool isWriting() const
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         return status == Status::Writing;
     }
     void fail(MediaErrorCode code, const QString& what, int ffmpegError = 0);
@@ -135,7 +139,7 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
 void AssetWriter::Private::fail(MediaErrorCode code, const QString& what, int ffmpegError)
 {
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         if (status != Status::Writing && !(status == Status::Unknown && starting))
             return;
         status = Status::Failed;
@@ -151,7 +155,7 @@ void AssetWriter::Private::fail(MediaErrorCode code, const QString& what, int ff
 void AssetWriter::Private::releaseSlot(int slot)
 {
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         freeSlots.push_back(slot);
     }
     slotFreed.notify_all();
@@ -162,7 +166,7 @@ void AssetWriter::Private::discardPartFile()
     output.reset();  // closes the file first
     bool exists = false;
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         std::swap(exists, partFileExists);
     }
     if (exists)
@@ -186,13 +190,13 @@ bool AssetWriter::Private::openEncoder()
     bool optimizeForNetwork;
     media::PictureFit pictureFit;
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         base = timeBase.num > 0 ? timeBase : AVRational{1, 600};
         optimizeForNetwork = faststart;
         pictureFit = fit;
     }
     {
-        std::lock_guard lock(input->mutex);
+        MutexLocker lock(input->mutex);
         transform = input->transform;
         realTime = input->realTime;
     }
@@ -347,7 +351,7 @@ void AssetWriter::Private::finish(const std::function<void()>& completion)
     }
     encoder.reset();
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         if (status == Status::Writing) {
             status = Status::Completed;
             partFileExists = false;
@@ -384,25 +388,25 @@ const VideoOutputSettings& AssetWriterInput::outputSettings() const { return d->
 
 QTransform AssetWriterInput::transform() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->transform;
 }
 
 void AssetWriterInput::setTransform(const QTransform& transform)
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     d->transform = transform;
 }
 
 bool AssetWriterInput::expectsMediaDataInRealTime() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->realTime;
 }
 
 void AssetWriterInput::setExpectsMediaDataInRealTime(bool realTime)
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     d->realTime = realTime;
 }
 
@@ -411,7 +415,7 @@ bool AssetWriterInput::isReadyForMoreMediaData() const
     auto writer = d->writer.lock();
     if (!writer)
         return false;
-    std::lock_guard lock(writer->mutex);
+    MutexLocker lock(writer->mutex);
     return writer->status == AssetWriter::Status::Writing && !writer->inputFinished;
 }
 
@@ -420,13 +424,13 @@ void AssetWriterInput::requestMediaDataWhenReady(DispatchQueuePtr queue, std::fu
     if (!queue || !block)
         return;
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         d->requestQueue = std::move(queue);
         d->requestBlock = std::move(block);
     }
     bool over = false;
     if (auto writer = d->writer.lock()) {
-        std::lock_guard lock(writer->mutex);
+        MutexLocker lock(writer->mutex);
         over = writer->inputFinished
             || (writer->status != AssetWriter::Status::Unknown && writer->status != AssetWriter::Status::Writing);
     }
@@ -447,7 +451,7 @@ void AssetWriterInput::Private::dispatchRequest()
     DispatchQueuePtr queue;
     std::function<void()> block;
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         queue = std::move(requestQueue);
         block = std::move(requestBlock);
     }
@@ -460,7 +464,7 @@ void AssetWriterInput::Private::dropRequest()
     DispatchQueuePtr queue;
     std::function<void()> block;
     {
-        std::lock_guard lock(mutex);
+        MutexLocker lock(mutex);
         queue = std::move(requestQueue);
         block = std::move(requestBlock);
     }
@@ -476,7 +480,7 @@ bool AssetWriterInput::appendSampleBuffer(const SampleBuffer& sample)
 void AssetWriterInput::markAsFinished()
 {
     if (auto writer = d->writer.lock()) {
-        std::lock_guard lock(writer->mutex);
+        MutexLocker lock(writer->mutex);
         writer->inputFinished = true;
     }
     d->dropRequest();
@@ -491,7 +495,7 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
     int slot = -1;
     int64_t ticks = 0;
     {
-        std::unique_lock lock(core->mutex);
+        MutexLocker lock(core->mutex);
         if (core->status != AssetWriter::Status::Writing || core->inputFinished || !core->sessionStart.isValid())
             return false;
         if (core->timeBase.num == 0)
@@ -501,9 +505,8 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
             return true;  // before the session: trimmed, as asked
         if (ticks <= lastTicks)
             return false;  // the file's timeline only goes forward
-        core->slotFreed.wait(lock, [&] {
-            return !core->freeSlots.empty() || core->status != AssetWriter::Status::Writing;
-        });
+        while (core->freeSlots.empty() && core->status == AssetWriter::Status::Writing)
+            core->mutex.wait(core->slotFreed);
         if (core->status != AssetWriter::Status::Writing)
             return false;
         slot = core->freeSlots.back();
@@ -516,7 +519,7 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
         const auto fit = media::fitPicture(QSize(buffer->width(), buffer->height()),
                                            QSize(settings.width, settings.height));
         converter.setRotation(fit.rotation);
-        std::lock_guard lock(core->mutex);
+        MutexLocker lock(core->mutex);
         core->fit = fit;
     }
     AVFrame* picture = core->pictures[slot].get();
@@ -551,14 +554,14 @@ std::shared_ptr<AssetWriterInputPixelBufferAdaptor> AssetWriterInputPixelBufferA
     std::shared_ptr<AssetWriterInputPixelBufferAdaptor> adaptor(new AssetWriterInputPixelBufferAdaptor());
     adaptor->input_ = std::move(input);
     adaptor->attributes_ = sourcePixelBufferAttributes;
-    std::lock_guard lock(adaptor->input_->d->mutex);
+    MutexLocker lock(adaptor->input_->d->mutex);
     adaptor->input_->d->sourceAttributes = sourcePixelBufferAttributes;
     return adaptor;
 }
 
 std::shared_ptr<PixelBufferPool> AssetWriterInputPixelBufferAdaptor::pixelBufferPool() const
 {
-    std::lock_guard lock(input_->d->mutex);
+    MutexLocker lock(input_->d->mutex);
     return input_->d->pool;
 }
 
@@ -596,7 +599,7 @@ AssetWriter::~AssetWriter()
 {
     // A writer dropped while writing stops; queued blocks still hold the
     // state and let it go (removing the partial file) when they are done.
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     if (d->status == Status::Writing && !d->finishRequested) {
         d->status = Status::Cancelled;
         d->slotFreed.notify_all();
@@ -608,19 +611,19 @@ FileType AssetWriter::outputFileType() const { return FileType::MPEG4; }
 
 bool AssetWriter::shouldOptimizeForNetworkUse() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->faststart;
 }
 
 void AssetWriter::setShouldOptimizeForNetworkUse(bool optimize)
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     d->faststart = optimize;
 }
 
 bool AssetWriter::canAddInput(const AssetWriterInputPtr& input) const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return input && d->status == Status::Unknown && !d->input && input->d->writer.expired();
 }
 
@@ -628,7 +631,7 @@ void AssetWriter::addInput(AssetWriterInputPtr input)
 {
     if (!canAddInput(input))
         return;
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     input->d->writer = d;
     d->input = input->d;
 }
@@ -637,7 +640,7 @@ bool AssetWriter::startWriting()
 {
     std::shared_ptr<AssetWriterInput::Private> input;
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         if (d->status != Status::Unknown || d->starting)
             return false;
         d->starting = true;  // Writing only once everything an append touches exists
@@ -662,7 +665,7 @@ bool AssetWriter::startWriting()
         return false;
     }
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         d->partFileExists = true;
     }
     const VideoOutputSettings& settings = input->settings;
@@ -684,7 +687,7 @@ bool AssetWriter::startWriting()
     d->queuedSlotOwners.resize(d->pictures.size());
     d->encodeQueue = DispatchQueue::create(QStringLiteral("zavo.platform.AssetWriter.encode"));
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         if (d->status != Status::Unknown)
             return false;  // cancelled meanwhile
         d->status = Status::Writing;
@@ -692,7 +695,7 @@ bool AssetWriter::startWriting()
             d->freeSlots.push_back(i);
     }
     {
-        std::lock_guard lock(input->mutex);
+        MutexLocker lock(input->mutex);
         if (input->sourceAttributes && input->sourceAttributes->width > 0 && input->sourceAttributes->height > 0)
             input->pool = PixelBufferPool::create(*input->sourceAttributes);
     }
@@ -702,7 +705,7 @@ bool AssetWriter::startWriting()
 
 void AssetWriter::startSessionAtSourceTime(MediaTime startTime)
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     if (!d->sessionStart.isValid())
         d->sessionStart = startTime;
 }
@@ -710,7 +713,7 @@ void AssetWriter::startSessionAtSourceTime(MediaTime startTime)
 void AssetWriter::finishWriting(std::function<void()> completion)
 {
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         d->inputFinished = true;
         d->finishRequested = true;
     }
@@ -730,7 +733,7 @@ void AssetWriter::finishWriting(std::function<void()> completion)
 void AssetWriter::cancelWriting()
 {
     {
-        std::lock_guard lock(d->mutex);
+        MutexLocker lock(d->mutex);
         if (d->status != Status::Writing && d->status != Status::Unknown)
             return;
         d->status = Status::Cancelled;
@@ -744,13 +747,13 @@ void AssetWriter::cancelWriting()
 
 AssetWriter::Status AssetWriter::status() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->status;
 }
 
 ErrorPtr AssetWriter::error() const
 {
-    std::lock_guard lock(d->mutex);
+    MutexLocker lock(d->mutex);
     return d->error;
 }
 

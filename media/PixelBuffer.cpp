@@ -1,9 +1,9 @@
 #include "media/PixelBuffer.h"
 
 #include "base/Log_p.h"
+#include "base/ThreadSafety.h"
 
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -57,11 +57,11 @@ void PixelBuffer::AlignedFree::operator()(uint8_t* p) const { std::free(p); }
 // shared_ptr control block (the buffer object itself lives in it), so that a
 // steady stream of frames makes no heap allocation at all.
 struct PixelBufferPool::Recycler {
-    std::mutex mutex;
-    std::vector<std::unique_ptr<uint8_t, PixelBuffer::AlignedFree>> freeStorage;  // guarded by mutex
-    std::vector<void*> freeBlocks;                                                  // guarded by mutex
-    size_t blockSize = 0;                                                           // guarded by mutex
-    int allocatedCount = 0;                                                         // guarded by mutex
+    Mutex mutex;
+    std::vector<std::unique_ptr<uint8_t, PixelBuffer::AlignedFree>> freeStorage ZAVO_GUARDED_BY(mutex);
+    std::vector<void*> freeBlocks ZAVO_GUARDED_BY(mutex);
+    size_t blockSize ZAVO_GUARDED_BY(mutex) = 0;
+    int allocatedCount ZAVO_GUARDED_BY(mutex) = 0;
 
     ~Recycler()
     {
@@ -83,7 +83,7 @@ struct RecyclingAllocator {
     T* allocate(size_t n)
     {
         if (n == 1) {
-            std::lock_guard lock(recycler->mutex);
+            MutexLocker lock(recycler->mutex);
             if (recycler->blockSize == sizeof(T) && !recycler->freeBlocks.empty()) {
                 void* block = recycler->freeBlocks.back();
                 recycler->freeBlocks.pop_back();
@@ -95,7 +95,7 @@ struct RecyclingAllocator {
     void deallocate(T* p, size_t n)
     {
         if (n == 1) {
-            std::lock_guard lock(recycler->mutex);
+            MutexLocker lock(recycler->mutex);
             if (recycler->blockSize == 0)
                 recycler->blockSize = sizeof(T);
             if (recycler->blockSize == sizeof(T)) {
@@ -200,7 +200,7 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::createPixelBuffer()
 {
     std::unique_ptr<uint8_t, PixelBuffer::AlignedFree> storage;
     {
-        std::lock_guard lock(recycler_->mutex);
+        MutexLocker lock(recycler_->mutex);
         if (!recycler_->freeStorage.empty()) {
             storage = std::move(recycler_->freeStorage.back());
             recycler_->freeStorage.pop_back();
@@ -230,13 +230,13 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::createPixelBuffer()
 
 int PixelBufferPool::allocatedBufferCount() const
 {
-    std::lock_guard lock(recycler_->mutex);
+    MutexLocker lock(recycler_->mutex);
     return recycler_->allocatedCount;
 }
 
 void PixelBufferPool::recycle(std::unique_ptr<uint8_t, PixelBuffer::AlignedFree> storage)
 {
-    std::lock_guard lock(recycler_->mutex);
+    MutexLocker lock(recycler_->mutex);
     recycler_->freeStorage.push_back(std::move(storage));
 }
 
