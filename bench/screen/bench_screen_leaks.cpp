@@ -23,6 +23,7 @@
 
 using namespace zavo;
 using namespace zavo::demo;
+using zavo::testing::ProcessCounters;
 
 namespace {
 

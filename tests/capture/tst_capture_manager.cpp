@@ -1,7 +1,7 @@
 // The capture manager against synthetic cameras: permission, configuration,
 // format choice, frames, switching, preview layer, orientation, recorder
 // callbacks, and a clean end.
-#include "../camera/CameraTestSupport.h"
+#include "CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "camera/CaptureAuthorization_p.h"

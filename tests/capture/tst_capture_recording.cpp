@@ -1,7 +1,7 @@
 // Whole capture sessions with a file camera and recording on, through each
 // recorder, checked with FFmpeg's own prober; and the bad inputs: corrupt
 // files, an unwritable Documents folder.
-#include "../camera/CameraTestSupport.h"
+#include "CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "media/AssetWriter_p.h"

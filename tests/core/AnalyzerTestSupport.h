@@ -6,7 +6,7 @@
 #include <QPainter>
 #include <QTransform>
 
-namespace zavo::test {
+namespace zavo::testing {
 
 /// The analysis of one image with what the analyzer learnt from earlier
 /// frames kept, as in a session.
@@ -47,4 +47,4 @@ inline QImage turnedAway(const QImage& image, double squeeze)
     return turned;
 }
 
-}  // namespace zavo::test
+}  // namespace zavo::testing

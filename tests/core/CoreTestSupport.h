@@ -12,7 +12,7 @@
 #include <cstring>
 #include <functional>
 
-namespace zavo::test {
+namespace zavo::testing {
 
 inline QString dataPath(const QString& name) { return QStringLiteral(ZAVO_TEST_DATA_DIR "/") + name; }
 
@@ -191,4 +191,4 @@ struct DetectorRig {
     }
 };
 
-}  // namespace zavo::test
+}  // namespace zavo::testing

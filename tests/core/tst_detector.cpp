@@ -1,6 +1,6 @@
 // The reference detector's public behaviour: what it reports, when, and on
 // which terms it stops, with frames made from photos.
-#include "../web/CannedHttpServer.h"
+#include "CannedHttpServer.h"
 #include "CoreTestSupport.h"
 #include "base/DispatchQueue.h"
 #include "zavocore/ZCDetectorClock_p.h"
@@ -20,7 +20,7 @@ using platform::MediaTime;
 
 namespace {
 
-using test::photo;
+using testing::photo;
 
 QImage cameraFrame(const QImage& face)
 {
@@ -65,7 +65,7 @@ private:
     platform::DispatchQueuePtr queue_ = platform::DispatchQueue::create(QStringLiteral("test.liveness"));
 };
 
-struct Rig : test::DetectorRig {
+struct Rig : testing::DetectorRig {
     explicit Rig(core::ZCDetectorSettings settings = testSettings(),
                  std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness = nullptr)
         : DetectorRig(settings, std::move(liveness))
@@ -206,7 +206,7 @@ private slots:
         settings.stepTimeout = 1;
         Rig rig(settings);
         rig.detector->launchWizard();
-        const platform::SampleBuffer frame = test::frameFromImage(photo("gpl/kphotoalbum__snow.jpg"), MediaTime::zero());
+        const platform::SampleBuffer frame = testing::frameFromImage(photo("gpl/kphotoalbum__snow.jpg"), MediaTime::zero());
         QElapsedTimer wall;
         wall.start();
         bool advanced = false;
@@ -334,7 +334,7 @@ private slots:
 
     void httpLivenessEndToEnd()
     {
-        test::CannedHttpServer server;
+        testing::CannedHttpServer server;
         server.answer(200, R"({"live": true})");
         auto liveness = std::make_shared<core::ZCHttpLiveness>(web::ZWLivenessClient::Settings{server.url()});
         Rig rig(testSettings(), liveness);
@@ -398,7 +398,7 @@ private slots:
         std::weak_ptr<core::ZCBestShotDetectorProtocol> detector = owner->detector;
         owner->detector->launchWizard();
         const platform::SampleBuffer frame =
-            test::frameFromImage(cameraFrame(photo("matplotlib__grace_hopper.jpg")), MediaTime::zero());
+            testing::frameFromImage(cameraFrame(photo("matplotlib__grace_hopper.jpg")), MediaTime::zero());
         // Frames come from the event loop, like a camera's would.
         int number = 0;
         QTimer camera;
@@ -423,7 +423,7 @@ private slots:
         };
         auto stub = std::make_shared<Stub>();
         core::ZCBestShotBuilder::setFactory([stub](auto, auto, auto) { return stub; });
-        auto delegate = std::make_shared<test::RecordingDelegate>();
+        auto delegate = std::make_shared<testing::RecordingDelegate>();
         QCOMPARE(core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, nullptr), core::ZCBestShotDetectorPtr(stub));
         core::ZCBestShotBuilder::setFactory({});
         auto reference = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, nullptr);

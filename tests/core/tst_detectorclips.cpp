@@ -10,19 +10,19 @@ using namespace zavo;
 namespace {
 
 // Feeds a whole clip through a freshly launched detector.
-std::shared_ptr<test::RecordingDelegate> runClip(const QString& file, core::ZCDetectorSettings settings = {})
+std::shared_ptr<testing::RecordingDelegate> runClip(const QString& file, core::ZCDetectorSettings settings = {})
 {
     settings.synchronousProcessing = true;
     // Time stands still while the clip is fed: however slowly this machine
     // analyses it, no step limit or frame watchdog runs out half way.
     const core::detail::HeldDetectorClock clock;
-    auto delegate = std::make_shared<test::RecordingDelegate>();
+    auto delegate = std::make_shared<testing::RecordingDelegate>();
     auto configuration = std::make_shared<core::ZCZavoConfiguration>();
     configuration->detector = settings;
     auto detector = core::ZCBestShotBuilder::buildWithDelegate(delegate, nullptr, configuration);
     detector->screenSize(QSizeF(360, 640), {});
     detector->launchWizard();
-    const bool read = test::forEachFrame(test::dataPath(file), [&](const platform::SampleBuffer& frame) {
+    const bool read = testing::forEachFrame(testing::dataPath(file), [&](const platform::SampleBuffer& frame) {
         detector->pushFrame(frame);
     });
     if (!read)

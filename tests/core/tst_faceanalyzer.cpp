@@ -7,8 +7,8 @@
 #include <QTest>
 
 using namespace zavo;
-using test::analyse;
-using test::photo;
+using testing::analyse;
+using testing::photo;
 using core::detail::FaceAnalysis;
 using core::detail::FaceAnalyzer;
 using core::detail::FrameView;

@@ -12,10 +12,10 @@
 #include <QTransform>
 
 using namespace zavo;
-using test::analyse;
-using test::analyseNext;
-using test::photo;
-using test::turnedAway;
+using testing::analyse;
+using testing::analyseNext;
+using testing::photo;
+using testing::turnedAway;
 using core::detail::FaceAnalysis;
 using core::detail::FaceAnalyzer;
 using core::detail::FrameView;
@@ -26,7 +26,7 @@ namespace {
 // Ground-truth boxes: "detection_<n>" then four "row column" corners.
 QList<QRectF> solvayFaces()
 {
-    QFile file(test::dataPath("gpl/visp__Solvay_ground_truth_detection.txt"));
+    QFile file(testing::dataPath("gpl/visp__Solvay_ground_truth_detection.txt"));
     if (!file.open(QIODevice::ReadOnly))
         qFatal("missing Solvay ground truth");
     QList<QRectF> faces;
@@ -98,7 +98,7 @@ private slots:
         QVERIFY(analyzer.usesNetwork());
         QImage image;
         if (file == "E_no_face") {
-            test::forEachFrame(test::dataPath("E_no_face.mp4"), [&](const platform::SampleBuffer& frame) {
+            testing::forEachFrame(testing::dataPath("E_no_face.mp4"), [&](const platform::SampleBuffer& frame) {
                 auto& buffer = *frame.imageBuffer();
                 buffer.lockBaseAddress(platform::PixelBuffer::ReadOnly);
                 if (image.isNull())
@@ -131,7 +131,7 @@ private slots:
         QFETCH(int, faces);
         FaceAnalyzer analyzer(settings);
         QMap<int, int> frames;  // faces found -> frames
-        QVERIFY(test::forEachFrame(test::dataPath(clip), [&](const platform::SampleBuffer& frame) {
+        QVERIFY(testing::forEachFrame(testing::dataPath(clip), [&](const platform::SampleBuffer& frame) {
             auto& buffer = *frame.imageBuffer();
             buffer.lockBaseAddress(platform::PixelBuffer::ReadOnly);
             const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(),

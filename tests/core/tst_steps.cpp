@@ -60,7 +60,7 @@ QImage framed(const QImage& photo, int width = 720)
     return frame;
 }
 
-using test::photo;
+using testing::photo;
 
 core::ZCDetectorSettings wizardSettings(bool shuffle)
 {
@@ -72,7 +72,7 @@ core::ZCDetectorSettings wizardSettings(bool shuffle)
 
 /// A detector running the given steps, fed one stretch of frames after
 /// another.
-struct Wizard : test::DetectorRig {
+struct Wizard : testing::DetectorRig {
     double time = 0;
 
     explicit Wizard(std::vector<core::ZCStepConfigPtr> steps, bool shuffle = false)
@@ -194,8 +194,8 @@ private slots:
         const QImage print = photo("matplotlib__grace_hopper.jpg");
         Wizard wizard({std::make_shared<ZCStepConfig>(ZCStepKind::TurnHeadRight, 3)});
         wizard.feed(framed(print), 0.5);
-        wizard.feed(framed(test::turnedAway(print, 0.5)), 1.0);
-        wizard.feed(framed(test::turnedAway(print.mirrored(true, false), 0.5).mirrored(true, false)), 1.0);
+        wizard.feed(framed(testing::turnedAway(print, 0.5)), 1.0);
+        wizard.feed(framed(testing::turnedAway(print.mirrored(true, false), 0.5).mirrored(true, false)), 1.0);
         QVERIFY(!wizard.delegate->codes().contains(1000));
         clock->advance(std::chrono::milliseconds(3100));
         QTRY_COMPARE(wizard.delegate->codes().count(1000), 1);

@@ -14,6 +14,7 @@
 
 using namespace zavo;
 using namespace zavo::demo;
+using zavo::testing::ProcessCounters;
 
 namespace {
 

@@ -3,7 +3,7 @@
 // builder, a record of every log line, the recorder's reports as the screen
 // receives them, and the process's threads, descriptors and stray files
 // before and after a fault.
-#include "../screen/ScreenTestSupport.h"
+#include "ScreenTestSupport.h"
 #include "ProcessCounters.h"
 
 #include "capture/ZMCameraCaptureManager.h"
@@ -27,7 +27,6 @@
 
 namespace zavo::testing {
 
-using demo::ProcessCounters;
 
 /// Every message logged while installed, passed on to Qt Test's own handler.
 /// Recorded rather than matched with QTest::ignoreMessage because the lines

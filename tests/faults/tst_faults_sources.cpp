@@ -5,7 +5,7 @@
 // captured, releases the camera and leaves no thread, descriptor or file.
 #include "FaultTestSupport.h"
 
-#include "../web/CannedHttpServer.h"
+#include "CannedHttpServer.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "base/FileSystem.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
@@ -66,7 +66,7 @@ class TstFaultsSources : public QObject {
     QString videoPath;
     std::shared_ptr<core::ZCZavoConfiguration> configuration;
     std::unique_ptr<PermissionScope> permission;
-    std::unique_ptr<test::CannedHttpServer> server;
+    std::unique_ptr<testing::CannedHttpServer> server;
     std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness;
     std::shared_ptr<platform::CaptureDevice> camera;  // null when the file was refused
     QString clipCopy;                                 // the file camera's own copy
@@ -130,7 +130,7 @@ class TstFaultsSources : public QObject {
         case Source::FileEmpty:
             return useFileCamera("A_zoom_blur_dark.mp4", 0);
         case Source::LivenessSlow:
-            server = std::make_unique<test::CannedHttpServer>();
+            server = std::make_unique<testing::CannedHttpServer>();
             server->stayMute();
             useLiveness(server->url());
             break;
@@ -143,7 +143,7 @@ class TstFaultsSources : public QObject {
             break;
         }
         case Source::LivenessGarbage:
-            server = std::make_unique<test::CannedHttpServer>();
+            server = std::make_unique<testing::CannedHttpServer>();
             server->answer(200, "<html>it works</html>");
             useLiveness(server->url());
             break;

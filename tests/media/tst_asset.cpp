@@ -10,7 +10,7 @@
 #include <future>
 
 using namespace zavo::platform;
-using namespace zavo::test;
+using namespace zavo::testing;
 
 namespace {
 

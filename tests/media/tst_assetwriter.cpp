@@ -14,7 +14,7 @@
 #include <sys/resource.h>
 
 using namespace zavo::platform;
-using namespace zavo::test;
+using namespace zavo::testing;
 
 namespace {
 

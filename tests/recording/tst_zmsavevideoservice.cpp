@@ -1,6 +1,6 @@
 // The frame-dump recorder: frame files, assembly into the session video, the
 // delegate's calls and their threads, and the failures.
-#include "../media/MediaTestSupport.h"
+#include "MediaTestSupport.h"
 #include "resources/ZMBundleLink_p.h"
 #include "media/Asset.h"
 #include "base/FileSystem.h"
@@ -20,7 +20,7 @@
 
 using namespace zavo;
 using namespace zavo::platform;
-using namespace zavo::test;
+using namespace zavo::testing;
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The compressor: a portrait movie with sound becomes a small silent one that
 // keeps its orientation, in the input's place; and every way it can fail.
-#include "../media/MediaTestSupport.h"
+#include "MediaTestSupport.h"
 #include "base/DispatchQueue.h"
 #include "base/ProcessInfo_p.h"
 #include "recording/ZMVideoCompresion_p.h"
@@ -12,7 +12,7 @@
 
 using namespace zavo;
 using namespace zavo::platform;
-using namespace zavo::test;
+using namespace zavo::testing;
 
 namespace {
 

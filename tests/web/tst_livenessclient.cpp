@@ -59,7 +59,7 @@ class TestLivenessClient : public QObject {
 private slots:
     void sendsTheFaceAsJpeg()
     {
-        test::CannedHttpServer server;
+        testing::CannedHttpServer server;
         server.answer(200, R"({"live": true})");
         ZWLivenessClient client({server.url(), std::chrono::seconds(5)});
         auto check = start(client);
@@ -107,7 +107,7 @@ private slots:
         QFETCH(bool, live);
         QFETCH(int, serverCode);
         QFETCH(QString, text);
-        test::CannedHttpServer server;
+        testing::CannedHttpServer server;
         server.answer(status, body, status == 503 ? "Service Unavailable" : status == 422 ? "Unprocessable" : "OK");
         if (kind == int(NetworkingError::Kind::LivenessConnectionError))
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression("liveness server sent an answer without a verdict"));
@@ -133,7 +133,7 @@ private slots:
 
     void aSilentServerTimesOut()
     {
-        test::CannedHttpServer server;
+        testing::CannedHttpServer server;
         server.stayMute();
         ZWLivenessClient client({server.url(), std::chrono::milliseconds(300)});
         auto check = start(client);
@@ -148,7 +148,7 @@ private slots:
     {
         QUrl url;
         {
-            test::CannedHttpServer closed;
+            testing::CannedHttpServer closed;
             url = closed.url();
         }
         ZWLivenessClient client({url, std::chrono::seconds(5)});
@@ -162,7 +162,7 @@ private slots:
 
     void destroyingAbortsQuietly()
     {
-        test::CannedHttpServer server;
+        testing::CannedHttpServer server;
         server.stayMute();
         std::shared_ptr<Check> check;
         {

@@ -7,7 +7,7 @@
 #include <QStringList>
 #include <unistd.h>
 
-namespace zavo::demo {
+namespace zavo::testing {
 
 struct ProcessCounters {
     int threads = 0;       // excluding Qt's pooled threads, which expire on their own
@@ -70,4 +70,4 @@ struct ProcessCounters {
     }
 };
 
-}  // namespace zavo::demo
+}  // namespace zavo::testing

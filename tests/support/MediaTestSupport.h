@@ -12,7 +12,7 @@
 #include <QStandardPaths>
 #include <QStringList>
 
-namespace zavo::test {
+namespace zavo::testing {
 
 inline bool haveFfmpegTools()
 {
@@ -84,4 +84,4 @@ inline QImage shownFirstFrame(const QString& path, const QString& scratchFolder)
     return image.convertToFormat(QImage::Format_RGB32);
 }
 
-}  // namespace zavo::test
+}  // namespace zavo::testing

@@ -9,7 +9,7 @@
 #include <QTcpSocket>
 #include <QUrl>
 
-namespace zavo::test {
+namespace zavo::testing {
 
 class CannedHttpServer : public QObject {
 public:
@@ -71,4 +71,4 @@ private:
     QList<Request> requests_;
 };
 
-}  // namespace zavo::test
+}  // namespace zavo::testing
