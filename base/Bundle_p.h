@@ -6,6 +6,7 @@
 // English as the fallback. The main bundle is the host application: its info
 // dictionary comes from the application object and its strings from the
 // translators the host installed.
+#include "base/ZavoExport.h"
 #include <QPixmap>
 #include <QString>
 #include <QVariantMap>
@@ -16,7 +17,7 @@ class QTranslator;
 
 namespace zavo::platform {
 
-class Bundle {
+class ZAVO_EXPORT Bundle {
 public:
     /// A framework bundle. Keep one instance per framework (a function-local
     /// static is the usual place); lookups are thread-safe.

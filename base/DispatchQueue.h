@@ -8,6 +8,7 @@
 // need); the thread then ends by itself. Releasing a queue never blocks, so a
 // queue whose block is waiting on the main queue can be released from the main
 // thread without a deadlock.
+#include "base/ZavoExport.h"
 #include <QString>
 #include <atomic>
 #include <chrono>
@@ -19,7 +20,7 @@ namespace zavo::platform {
 enum class QualityOfService { Unspecified, Background, Utility, Default, UserInitiated, UserInteractive };
 
 /// A block that can be cancelled before it runs. Thread-safe.
-class DispatchWorkItem {
+class ZAVO_EXPORT DispatchWorkItem {
 public:
     explicit DispatchWorkItem(std::function<void()> block);
     /// Runs the block on the calling thread unless the item was cancelled.
@@ -33,7 +34,7 @@ private:
     std::atomic<bool> cancelled_{false};
 };
 
-class DispatchQueue {
+class ZAVO_EXPORT DispatchQueue {
 public:
     using Block = std::function<void()>;
     using Duration = std::chrono::nanoseconds;

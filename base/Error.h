@@ -3,6 +3,7 @@
 // error"), and ErrorObject, the domain/code/user-info record that every error
 // can be bridged to. Errors are immutable once built and are shared as
 // std::shared_ptr<const Error>.
+#include "base/ZavoExport.h"
 #include <QString>
 #include <QVariantMap>
 #include <memory>
@@ -15,7 +16,7 @@ inline constexpr const char* kLocalizedDescriptionKey = "NSLocalizedDescription"
 
 /// Base of every error type. Value types (such as ZMCameraError) derive from it
 /// and stay copyable; box one with std::make_shared<T>(value) to share it.
-class Error {
+class ZAVO_EXPORT Error {
 public:
     virtual ~Error() = default;
 
@@ -38,12 +39,12 @@ protected:
 using ErrorPtr = std::shared_ptr<const Error>;
 
 /// The generic description used for errors without a message of their own.
-QString genericErrorDescription(const QString& domain, long code);
+ZAVO_EXPORT QString genericErrorDescription(const QString& domain, long code);
 
 /// A domain, an integer code and a user-info map. When an ErrorObject was
 /// bridged from another error, underlying() is that error, so the original
 /// type can be recovered with errorCast.
-class ErrorObject final : public Error {
+class ZAVO_EXPORT ErrorObject final : public Error {
 public:
     ErrorObject(QString domain, long code, QVariantMap userInfo = {});
 

@@ -1,5 +1,6 @@
 #pragma once
 // File writes for the component's own scratch files.
+#include "base/ZavoExport.h"
 #include <QString>
 
 namespace zavo::platform {
@@ -12,6 +13,6 @@ namespace zavo::platform {
 /// cost more than the write. Returns false on any failure (full disk, folder
 /// missing or unwritable), and then leaves nothing behind under either name.
 /// Callable from any thread.
-bool writeScratchFileAtomically(const QString& path, const char* data, qint64 size);
+ZAVO_EXPORT bool writeScratchFileAtomically(const QString& path, const char* data, qint64 size);
 
 }  // namespace zavo::platform

@@ -1,12 +1,13 @@
 #pragma once
 // Geometry in points (device-independent pixels, as Qt widgets use them).
+#include "base/ZavoExport.h"
 #include <QRectF>
 #include <QSizeF>
 
 namespace zavo::platform {
 
 /// Safe-area insets, in the order the component passes them around.
-struct EdgeInsets {
+struct ZAVO_EXPORT EdgeInsets {
     double top = 0;
     double left = 0;
     double bottom = 0;

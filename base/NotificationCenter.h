@@ -1,6 +1,7 @@
 #pragma once
 // Broadcast of named notifications inside the process. Observers run
 // synchronously on the thread that posts, in the order they were added.
+#include "base/ZavoExport.h"
 #include "base/ThreadSafety.h"
 
 #include <QString>
@@ -11,7 +12,7 @@
 
 namespace zavo::platform {
 
-struct Notification {
+struct ZAVO_EXPORT Notification {
     QString name;
     const void* sender = nullptr;
     QVariantMap userInfo;
@@ -22,7 +23,7 @@ struct Notification {
 inline const QString kDeviceOrientationDidChangeNotification =
     QStringLiteral("UIDeviceOrientationDidChangeNotification");
 
-class NotificationCenter {
+class ZAVO_EXPORT NotificationCenter {
 public:
     using Handler = std::function<void(const Notification&)>;
 

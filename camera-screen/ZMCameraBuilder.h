@@ -1,12 +1,13 @@
 #pragma once
 // The component's one entry point.
+#include "base/ZavoExport.h"
 #include "camera-screen/ZMCameraViewControllerProtocol.h"
 #include "camera-screen/ZMUICustomizerProtocol.h"
 #include "zavocore/ZCOnlineLivenessProtocol.h"
 
 namespace zavo {
 
-struct ZMCameraBuilder {
+struct ZAVO_EXPORT ZMCameraBuilder {
     /// A camera screen that nothing has started yet: capture begins when the
     /// host shows its view, and the session ends with one call on delegate.
     /// livenessAPI and zavoCustomization may be null; recordVideo turns the

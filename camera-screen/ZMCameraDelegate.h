@@ -1,5 +1,6 @@
 #pragma once
 // How a host hears how a camera session ended.
+#include "base/ZavoExport.h"
 #include "camera-screen/ZMCameraError.h"
 #include "zavocore/ZCBestShot.h"
 
@@ -22,7 +23,7 @@ namespace zavo {
 /// file at that path from an earlier session is never named. When the
 /// outcome arrives the video may still be being finished (assembled or
 /// recompressed): videoFinished says when it is final.
-class ZMCameraDelegate {
+class ZAVO_EXPORT ZMCameraDelegate {
 public:
     virtual ~ZMCameraDelegate() = default;
     virtual void bestShot(core::ZCBestShotPtr bestShot, std::optional<QString> videoFile) = 0;

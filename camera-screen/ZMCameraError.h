@@ -1,5 +1,6 @@
 #pragma once
 // The one error type the component hands to its host.
+#include "base/ZavoExport.h"
 #include "camera/CaptureTypes.h"
 #include "base/Error.h"
 #include "zavoweb/NetworkingError.h"
@@ -10,7 +11,7 @@ namespace zavo {
 
 inline const QString kZMCameraErrorDomain = QStringLiteral("ZavoCamera.ZMCameraError");
 
-class ZMCameraError final : public platform::Error {
+class ZAVO_EXPORT ZMCameraError final : public platform::Error {
 public:
     /// The cases in declaration order; the order is the error's code.
     enum class Case { accessStatus = 0, networkingError = 1, bestShotError = 2, error = 3, canceled = 4 };

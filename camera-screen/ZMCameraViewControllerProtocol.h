@@ -1,5 +1,6 @@
 #pragma once
 // The camera screen as its host sees it.
+#include "base/ZavoExport.h"
 #include "camera-screen/ZMCameraDelegate.h"
 #include "shell/ViewController.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
@@ -12,7 +13,7 @@
 namespace zavo {
 
 /// Main thread only.
-class ZMCameraViewControllerProtocol {
+class ZAVO_EXPORT ZMCameraViewControllerProtocol {
 public:
     virtual ~ZMCameraViewControllerProtocol() = default;
 

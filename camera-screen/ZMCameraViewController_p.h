@@ -16,6 +16,7 @@
 // session hold the screen weakly, closures that only update views hold it
 // strongly. Whichever thread lets go last, the screen is destroyed on the
 // main queue, because it owns widgets.
+#include "base/ZavoExport.h"
 #include "camera-screen/ZMCameraError.h"
 #include "camera-screen/ZMCameraViewControllerProtocol.h"
 #include "camera-screen/ZMUICustomizerProtocol.h"
@@ -80,7 +81,7 @@ private:
 
 }  // namespace detail
 
-class ZMCameraViewController final : public platform::ViewController,
+class ZAVO_EXPORT ZMCameraViewController final : public platform::ViewController,
                                      public ZMCameraViewControllerProtocol,
                                      public core::ZCBestShotDelegate,
                                      public ZMCameraCaptureManagerDelegate {

@@ -1,5 +1,6 @@
 #pragma once
 // Replacing the look of the face frame and the message banner.
+#include "base/ZavoExport.h"
 #include "ui/ZMFaceDetectionViewProtocol.h"
 #include "ui/ZMVideoStreamNotificationViewProtocol.h"
 
@@ -12,7 +13,7 @@ namespace zavo {
 /// most once per screen; returning null keeps the built-in view. The screen
 /// puts a returned view's widget() into its overlay, whose Qt parent then
 /// owns it; widget() must therefore be the view object itself or owned by it.
-class ZMUICustomizerProtocol {
+class ZAVO_EXPORT ZMUICustomizerProtocol {
 public:
     virtual ~ZMUICustomizerProtocol() = default;
     /// The frame drawn around the face. It is placed by frame, never by
@@ -23,13 +24,13 @@ public:
 };
 
 /// Keeps both built-in views.
-class ZMDefaultUICustomizer final : public ZMUICustomizerProtocol {
+class ZAVO_EXPORT ZMDefaultUICustomizer final : public ZMUICustomizerProtocol {
 public:
     ZMDefaultUICustomizer() = default;
 };
 
 /// What a host may change about the screen's look.
-class ZMCustomization final {
+class ZAVO_EXPORT ZMCustomization final {
 public:
     /// uiCustomizer must not be null: the builder refuses a customization
     /// without one (ZMDefaultUICustomizer keeps both built-in views).

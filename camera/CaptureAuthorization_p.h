@@ -5,6 +5,7 @@
 // denied when cameras exist but none can be opened (device permissions),
 // restricted when there is no camera at all. A host with its own consent
 // screen, or a test, installs a policy of its own.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "camera/CaptureTypes.h"
 
@@ -14,7 +15,7 @@
 
 namespace zavo::platform {
 
-class CaptureAuthorizationPolicy {
+class ZAVO_EXPORT CaptureAuthorizationPolicy {
 public:
     virtual ~CaptureAuthorizationPolicy() = default;
     virtual AuthorizationStatus authorizationStatus() = 0;
@@ -26,7 +27,7 @@ public:
 /// A policy with a set status and a set answer: a request made while the
 /// status is NotDetermined changes the status to Authorized or Denied by the
 /// answer and reports it; any other status is reported as it is. Thread-safe.
-class FixedCaptureAuthorizationPolicy final : public CaptureAuthorizationPolicy {
+class ZAVO_EXPORT FixedCaptureAuthorizationPolicy final : public CaptureAuthorizationPolicy {
 public:
     explicit FixedCaptureAuthorizationPolicy(AuthorizationStatus status, bool grantsRequests = true);
 
@@ -44,7 +45,7 @@ private:
     std::atomic<int> requests_{0};
 };
 
-class CaptureAuthorization {
+class ZAVO_EXPORT CaptureAuthorization {
 public:
     /// Read synchronously, on any thread. Only video has a status; other
     /// media are always authorized.

@@ -14,6 +14,7 @@
 // focus) take effect only between lockForConfiguration and
 // unlockForConfiguration, as on the phone platform; a running capture picks a
 // new active format up when its session is next configured or started.
+#include "base/ZavoExport.h"
 #include "media/Asset.h"  // MediaType
 #include "camera/CaptureTypes.h"
 #include "base/Error.h"
@@ -54,16 +55,16 @@ enum class CaptureErrorCode : long {
     AccessDenied = 7,        // the user may not open the camera
     FormatRefused = 8,       // the camera listed a format and then gave another
 };
-ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
+ZAVO_EXPORT ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
 
-struct FrameRateRange {
+struct ZAVO_EXPORT FrameRateRange {
     double minFrameRate = 0;
     double maxFrameRate = 0;
 };
 
 /// One way a device can deliver frames: pixel format (four-character code),
 /// size and frame rates. Immutable.
-class CaptureDeviceFormat {
+class ZAVO_EXPORT CaptureDeviceFormat {
 public:
     CaptureDeviceFormat(uint32_t mediaSubType, int width, int height, std::vector<FrameRateRange> frameRateRanges);
 
@@ -94,7 +95,7 @@ constexpr uint32_t fourCharCode(const char (&code)[5])
 class CaptureDeviceStream;
 class CaptureOutput;
 
-class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
+class ZAVO_EXPORT CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
 public:
     virtual ~CaptureDevice();
     CaptureDevice(const CaptureDevice&) = delete;
@@ -193,7 +194,7 @@ private:
 using CaptureDevicePtr = std::shared_ptr<CaptureDevice>;
 
 /// A source of cameras that come and go (the V4L2 webcams of a kernel).
-class CaptureDeviceProvider {
+class ZAVO_EXPORT CaptureDeviceProvider {
 public:
     virtual ~CaptureDeviceProvider() = default;
     /// The cameras present now, in a stable order; the same object for the
@@ -205,7 +206,7 @@ public:
 using CaptureDeviceProviderPtr = std::shared_ptr<CaptureDeviceProvider>;
 
 /// The providers built into the platform: the machine's V4L2 webcams.
-std::vector<CaptureDeviceProviderPtr> defaultCaptureDeviceProviders();
+ZAVO_EXPORT std::vector<CaptureDeviceProviderPtr> defaultCaptureDeviceProviders();
 
 /// Where file and synthetic cameras are made known to discovery, where the
 /// providers of other cameras are listed, and where cameras get their place.
@@ -217,7 +218,7 @@ std::vector<CaptureDeviceProviderPtr> defaultCaptureDeviceProviders();
 /// others serve as back cameras, so that switching reaches them. A preferred
 /// camera (setPreferredDevice) is listed first and faces front; the
 /// provider's other front cameras then serve as back cameras.
-class CaptureDeviceRegistry {
+class ZAVO_EXPORT CaptureDeviceRegistry {
 public:
     static CaptureDeviceRegistry& shared();
 
@@ -263,7 +264,7 @@ private:
 
 /// The cameras of some types, media type and position (Unspecified: any
 /// position), in the registry's stable order.
-class CaptureDeviceDiscoverySession {
+class ZAVO_EXPORT CaptureDeviceDiscoverySession {
 public:
     static CaptureDeviceDiscoverySession discoverySession(const QStringList& deviceTypes, MediaType mediaType,
                                                           CaptureDevicePosition position);

@@ -2,6 +2,7 @@
 // The frame source behind a running capture: one open camera. The session's
 // capture thread owns the stream and is the only caller of read(); stop
 // requests come from other threads through interrupt().
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "media/SampleBuffer.h"
 
@@ -16,15 +17,15 @@ namespace zavo::platform {
 /// smallest size that covers it, else the largest smaller one; then
 /// uncompressed over compressed, "420v" over other raw formats; then the
 /// faster; then the camera's own order.
-std::vector<CaptureDeviceFormatPtr> rankCaptureFormats(const std::vector<CaptureDeviceFormatPtr>& formats, int width,
+ZAVO_EXPORT std::vector<CaptureDeviceFormatPtr> rankCaptureFormats(const std::vector<CaptureDeviceFormatPtr>& formats, int width,
                                                        int height);
 /// Why the first of ranked (formatsForSessionPreset(preset)) was chosen, in
 /// words for the log.
-QString captureFormatChoiceReason(const std::vector<CaptureDeviceFormatPtr>& ranked, const QString& preset);
+ZAVO_EXPORT QString captureFormatChoiceReason(const std::vector<CaptureDeviceFormatPtr>& ranked, const QString& preset);
 /// A four-character code as text, most significant byte first ("420v").
-QString fourCharCodeText(uint32_t code);
+ZAVO_EXPORT QString fourCharCodeText(uint32_t code);
 
-class CaptureDeviceStream {
+class ZAVO_EXPORT CaptureDeviceStream {
 public:
     enum class ReadResult {
         Frame,        // frame holds the next frame

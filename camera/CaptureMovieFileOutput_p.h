@@ -12,6 +12,7 @@
 // delegate then hears about the finished file (or the error that stopped it:
 // an unwritable folder, a full disk, no frames at all) on the writer's queue.
 // The delegate is held until then.
+#include "base/ZavoExport.h"
 #include "camera/CaptureSession.h"
 
 #include <QUrl>
@@ -27,7 +28,7 @@ inline const QString kVideoCodecTypeH264 = QStringLiteral("avc1");
 
 class CaptureMovieFileOutput;
 
-class CaptureFileOutputRecordingDelegate {
+class ZAVO_EXPORT CaptureFileOutputRecordingDelegate {
 public:
     virtual ~CaptureFileOutputRecordingDelegate() = default;
     /// The first frame went into the file (recording thread).
@@ -40,7 +41,7 @@ public:
                                                  ErrorPtr error) = 0;
 };
 
-class CaptureMovieFileOutput final : public CaptureOutput {
+class ZAVO_EXPORT CaptureMovieFileOutput final : public CaptureOutput {
 public:
     static std::shared_ptr<CaptureMovieFileOutput> create();
     /// A recording under way is finished (without telling anyone if the

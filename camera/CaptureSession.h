@@ -19,6 +19,7 @@
 // Frame times are session times in nanoseconds: they start at 0 and keep
 // growing across restarts of the capture (a camera switch), so recorders
 // never see time go backwards.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "media/SampleBuffer.h"
 
@@ -41,7 +42,7 @@ class CaptureVideoPreviewLayer;
 
 /// How frames travel from a camera to one consumer: mirroring and turning.
 /// Thread-safe; the consumer reads the settings for every frame.
-class CaptureConnection {
+class ZAVO_EXPORT CaptureConnection {
 public:
     CaptureConnection() = default;
     CaptureConnection(const CaptureConnection&) = delete;
@@ -79,7 +80,7 @@ private:
 
 // ------------------------------------------------------------------ inputs
 
-class CaptureInput {
+class ZAVO_EXPORT CaptureInput {
 public:
     virtual ~CaptureInput() = default;
 
@@ -91,7 +92,7 @@ private:
     std::weak_ptr<CaptureSession> session_;  // guarded by the session's mutex
 };
 
-class CaptureDeviceInput final : public CaptureInput {
+class ZAVO_EXPORT CaptureDeviceInput final : public CaptureInput {
 public:
     /// Null with an error when the device is missing, gone or refuses.
     static std::shared_ptr<CaptureDeviceInput> deviceInputWithDevice(const CaptureDevicePtr& device, ErrorPtr* error);
@@ -107,7 +108,7 @@ private:
 // ----------------------------------------------------------------- outputs
 
 /// Base of everything that consumes a session's frames.
-class CaptureOutput : public std::enable_shared_from_this<CaptureOutput> {
+class ZAVO_EXPORT CaptureOutput : public std::enable_shared_from_this<CaptureOutput> {
 public:
     virtual ~CaptureOutput();
     CaptureOutput(const CaptureOutput&) = delete;
@@ -143,7 +144,7 @@ private:
 
 // ----------------------------------------------------------------- session
 
-class CaptureSession : public std::enable_shared_from_this<CaptureSession> {
+class ZAVO_EXPORT CaptureSession : public std::enable_shared_from_this<CaptureSession> {
 public:
     static std::shared_ptr<CaptureSession> create();
     /// Stops a running session: the capture thread ends and the camera closes.

@@ -10,6 +10,7 @@
 // dropped, never queued; without it a few frames may wait. Buffers come from
 // a pool, and the hand-over allocates nothing, so steady capture makes no
 // heap allocation here.
+#include "base/ZavoExport.h"
 #include "camera/CaptureSession.h"
 #include "base/DispatchQueue.h"
 
@@ -25,7 +26,7 @@ inline const QString kPixelBufferPixelFormatTypeKey = QStringLiteral("PixelForma
 
 class CaptureVideoDataOutput;
 
-class CaptureVideoDataOutputSampleBufferDelegate {
+class ZAVO_EXPORT CaptureVideoDataOutputSampleBufferDelegate {
 public:
     virtual ~CaptureVideoDataOutputSampleBufferDelegate() = default;
     /// On the delegate queue, in capture order. The frame's buffer goes back
@@ -34,7 +35,7 @@ public:
                                                     CaptureConnection& connection) = 0;
 };
 
-class CaptureVideoDataOutput final : public CaptureOutput {
+class ZAVO_EXPORT CaptureVideoDataOutput final : public CaptureOutput {
 public:
     static std::shared_ptr<CaptureVideoDataOutput> create();
     ~CaptureVideoDataOutput() override;

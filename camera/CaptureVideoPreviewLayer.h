@@ -13,6 +13,7 @@
 // Ownership: whoever shows the preview holds the layer strongly; the capture
 // manager holds it weakly, and the layer holds its session weakly, so a
 // preview left on screen never keeps a camera open.
+#include "base/ZavoExport.h"
 #include "camera/CaptureSession.h"
 #include "media/SampleBuffer.h"
 
@@ -24,7 +25,7 @@
 
 namespace zavo::platform {
 
-class CaptureVideoPreviewLayer : public std::enable_shared_from_this<CaptureVideoPreviewLayer> {
+class ZAVO_EXPORT CaptureVideoPreviewLayer : public std::enable_shared_from_this<CaptureVideoPreviewLayer> {
 public:
     enum class VideoGravity {
         ResizeAspectFill,  // fills the frame, cropping the overflow (the default)

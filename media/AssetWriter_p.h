@@ -15,6 +15,7 @@
 // Threads: all members may be called from any thread; appends to one input
 // must come from one thread at a time. finishWriting's completion runs on the
 // writer's encode queue.
+#include "base/ZavoExport.h"
 #include "media/Asset.h"
 #include "base/DispatchQueue.h"
 #include "base/Error.h"
@@ -40,7 +41,7 @@ enum class VideoCodec { H264 };
 /// which sample aspect ratio gives the shown picture that frame's aspect. The
 /// turn is undone in the track's display matrix, before the input's own
 /// transform, so players show the frames as they came, at their aspect.
-struct VideoOutputSettings {
+struct ZAVO_EXPORT VideoOutputSettings {
     VideoCodec codec = VideoCodec::H264;
     int width = 0;
     int height = 0;
@@ -53,7 +54,7 @@ struct VideoOutputSettings {
 
 class AssetWriter;
 
-class AssetWriterInput {
+class ZAVO_EXPORT AssetWriterInput {
 public:
     /// Null unless mediaType is Video and the size is positive and even
     /// (4:2:0 pictures need even sizes).
@@ -101,7 +102,7 @@ using AssetWriterInputPtr = std::shared_ptr<AssetWriterInput>;
 
 /// Appends pixel buffers to an input, and offers a pool of buffers of the
 /// source size and format to fill.
-class AssetWriterInputPixelBufferAdaptor {
+class ZAVO_EXPORT AssetWriterInputPixelBufferAdaptor {
 public:
     /// sourcePixelBufferAttributes describes the frames the caller will
     /// append; with a positive size it also makes the pool.
@@ -126,7 +127,7 @@ private:
 
 using AssetWriterInputPixelBufferAdaptorPtr = std::shared_ptr<AssetWriterInputPixelBufferAdaptor>;
 
-class AssetWriter {
+class ZAVO_EXPORT AssetWriter {
 public:
     enum class Status { Unknown, Writing, Completed, Failed, Cancelled };
 

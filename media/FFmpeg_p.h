@@ -6,6 +6,7 @@
 // Private to the platform layer (and its tests and benchmarks): it pulls in
 // FFmpeg's headers, which the public headers never do.
 extern "C" {
+#include "base/ZavoExport.h"
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/avutil.h>
@@ -26,7 +27,7 @@ namespace zavo::platform::ffmpeg {
 
 /// A demuxer context from avformat_open_input(). "avformat_close_input: Close
 /// an opened input AVFormatContext. Free it and all its contents."
-struct InputFormatContextDeleter {
+struct ZAVO_EXPORT InputFormatContextDeleter {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
 
@@ -34,7 +35,7 @@ struct InputFormatContextDeleter {
 /// own its AVIOContext ("the user must close it after avformat_free_context"
 /// unless AVFMT_NOFILE), so the deleter closes the file first, then frees the
 /// context and its streams.
-struct OutputFormatContextDeleter {
+struct ZAVO_EXPORT OutputFormatContextDeleter {
     void operator()(AVFormatContext* context) const
     {
         if (context->oformat && !(context->oformat->flags & AVFMT_NOFILE))
@@ -43,28 +44,28 @@ struct OutputFormatContextDeleter {
     }
 };
 
-struct CodecContextDeleter {
+struct ZAVO_EXPORT CodecContextDeleter {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
 };
 
 /// Frees the frame and drops its references to the underlying buffers.
-struct FrameDeleter {
+struct ZAVO_EXPORT FrameDeleter {
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
 };
 
-struct PacketDeleter {
+struct ZAVO_EXPORT PacketDeleter {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 
-struct SwsContextDeleter {
+struct ZAVO_EXPORT SwsContextDeleter {
     void operator()(SwsContext* context) const { sws_freeContext(context); }
 };
 
-struct BufferRefDeleter {
+struct ZAVO_EXPORT BufferRefDeleter {
     void operator()(AVBufferRef* buffer) const { av_buffer_unref(&buffer); }
 };
 
-struct DictionaryDeleter {
+struct ZAVO_EXPORT DictionaryDeleter {
     void operator()(AVDictionary* dictionary) const { av_dict_free(&dictionary); }
 };
 

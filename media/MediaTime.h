@@ -2,13 +2,14 @@
 // A rational media time: value / timescale seconds. make() behaves like the
 // phone platform's time constructor: nothing is normalised, and a timescale
 // of 0 or less makes an invalid time.
+#include "base/ZavoExport.h"
 #include <cmath>
 #include <compare>
 #include <cstdint>
 
 namespace zavo::platform {
 
-struct MediaTime {
+struct ZAVO_EXPORT MediaTime {
     int64_t value = 0;
     int32_t timescale = 0;
 

@@ -2,6 +2,7 @@
 // Pixel buffers and their pools. A buffer is shared (std::shared_ptr) by
 // whoever holds the frame; a pooled buffer goes back to its pool when the
 // last holder lets go, so a steady stream of frames allocates nothing.
+#include "base/ZavoExport.h"
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -18,12 +19,12 @@ enum class PixelFormat : uint32_t {
 };
 
 /// Bytes per pixel of the first plane.
-int bytesPerPixel(PixelFormat format);
-int planeCountOf(PixelFormat format);
+ZAVO_EXPORT int bytesPerPixel(PixelFormat format);
+ZAVO_EXPORT int planeCountOf(PixelFormat format);
 
 class PixelBufferPool;
 
-class PixelBuffer {
+class ZAVO_EXPORT PixelBuffer {
 public:
     enum LockFlags : uint32_t { ReadWrite = 0, ReadOnly = 1 };
 
@@ -82,7 +83,7 @@ public:
     explicit PixelBuffer(ConstructionKey) {}
 };
 
-struct PixelBufferAttributes {
+struct ZAVO_EXPORT PixelBufferAttributes {
     PixelFormat pixelFormat = PixelFormat::BGRA32;
     int width = 0;
     int height = 0;
@@ -90,7 +91,7 @@ struct PixelBufferAttributes {
 
 /// Hands out buffers of one size and format and takes them back. Thread-safe:
 /// buffers may be created on one thread and released on another.
-class PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
+class ZAVO_EXPORT PixelBufferPool : public std::enable_shared_from_this<PixelBufferPool> {
 public:
     /// Null when the attributes do not describe a buffer.
     static std::shared_ptr<PixelBufferPool> create(const PixelBufferAttributes& attributes);

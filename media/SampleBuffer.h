@@ -1,6 +1,7 @@
 #pragma once
 // One media sample: a video frame (pixel buffer) with its presentation time
 // and format. SampleBuffer is a cheap handle: copying it shares the frame.
+#include "base/ZavoExport.h"
 #include "media/MediaTime.h"
 #include "media/PixelBuffer.h"
 
@@ -8,7 +9,7 @@
 
 namespace zavo::platform {
 
-class FormatDescription {
+class ZAVO_EXPORT FormatDescription {
 public:
     enum class MediaType { Video };
 
@@ -31,7 +32,7 @@ private:
     int height_;
 };
 
-class SampleBuffer {
+class ZAVO_EXPORT SampleBuffer {
 public:
     SampleBuffer() = default;
     SampleBuffer(std::shared_ptr<PixelBuffer> imageBuffer, MediaTime presentationTime,

@@ -3,6 +3,7 @@
 // libswscale. Used wherever a frame has to change size or format: camera
 // frames into BGRA, decoded frames into ARGB, capture-size frames into the
 // encoder's small YUV pictures.
+#include "base/ZavoExport.h"
 #include "media/PixelBuffer.h"
 
 #include <cstdint>
@@ -13,7 +14,7 @@ namespace zavo::platform {
 /// The planes of one image as FFmpeg describes them. Lets callers that hold
 /// raw planes (a decoder's frame, a mapped V4L2 buffer, an encoder's picture)
 /// use the converter without wrapping them in a PixelBuffer.
-struct ImagePlanes {
+struct ZAVO_EXPORT ImagePlanes {
     /// An AVPixelFormat value (for example AV_PIX_FMT_YUYV422 or
     /// AV_PIX_FMT_YUV420P); kept as int so that this header needs no FFmpeg.
     int avPixelFormat = -1;
@@ -31,7 +32,7 @@ struct ImagePlanes {
 
 /// The AVPixelFormat value of a pixel buffer format: BGRA32 is AV_PIX_FMT_BGRA,
 /// ARGB32 is AV_PIX_FMT_ARGB, both NV12 kinds are AV_PIX_FMT_NV12.
-int avPixelFormatOf(PixelFormat format);
+ZAVO_EXPORT int avPixelFormatOf(PixelFormat format);
 
 /// Converts frames from one size and pixel format into another, optionally
 /// mirrored and turned. The scaler set-up is cached and rebuilt only when the
@@ -40,7 +41,7 @@ int avPixelFormatOf(PixelFormat format);
 /// one shape makes no heap allocation.
 ///
 /// Not thread-safe: use one converter per queue.
-class VideoFrameConverter {
+class ZAVO_EXPORT VideoFrameConverter {
 public:
     enum class Scaling {
         FastBilinear,  // cheapest; aliases when shrinking a lot

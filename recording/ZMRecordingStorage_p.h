@@ -1,6 +1,7 @@
 #pragma once
 // Where session videos live: the recording folder under Documents, the names
 // of the files in it, and the errors the recorders report.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <QString>
@@ -12,12 +13,12 @@ namespace zavo {
 /// The app's Documents folder as a URL made from its path, not a file URL:
 /// only its path() is ever used. Invalid when the platform knows no Documents
 /// folder.
-QUrl zavocamera_documentsFolder();
+ZAVO_EXPORT QUrl zavocamera_documentsFolder();
 
 /// The recording folder's layout and the operations on it that both recorders
 /// share. Paths are built as strings from the Documents path, so an unknown
 /// Documents folder is not guarded against: the paths just start at "/".
-struct ZMRecordingStorage {
+struct ZAVO_EXPORT ZMRecordingStorage {
     /// The recording folder under Documents.
     static inline const QString kFolderName = QStringLiteral("bright_fold");
     /// The session video, named by the capture manager.
@@ -49,6 +50,6 @@ struct ZMRecordingStorage {
 };
 
 /// An error as a log line shows it: `Error Domain=<domain> Code=<code> "<description>"`.
-QString describeError(const platform::Error& error);
+ZAVO_EXPORT QString describeError(const platform::Error& error);
 
 }  // namespace zavo

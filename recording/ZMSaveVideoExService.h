@@ -9,6 +9,7 @@
 // compressor (nil, or the 1001 "bad quality" error). Frames handed to
 // appendStorageWithSampleBuffer are ignored: the output takes them from the
 // session itself.
+#include "base/ZavoExport.h"
 #include "camera/CaptureMovieFileOutput_p.h"
 #include "camera/CaptureSession.h"
 #include "base/DispatchQueue.h"
@@ -22,7 +23,7 @@
 
 namespace zavo {
 
-class ZMSaveVideoExService final : public ZMSaveVideoServiceProtocol,
+class ZAVO_EXPORT ZMSaveVideoExService final : public ZMSaveVideoServiceProtocol,
                                    public platform::CaptureFileOutputRecordingDelegate,
                                    public std::enable_shared_from_this<ZMSaveVideoExService> {
 public:

@@ -6,6 +6,7 @@
 // Recording itself does no encoding, so the capture queue pays only for one
 // copy and one file write per frame; all encoding happens afterwards at
 // background priority.
+#include "base/ZavoExport.h"
 #include "media/AssetWriter_p.h"
 #include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol_p.h"
@@ -19,7 +20,7 @@
 
 namespace zavo {
 
-class ZMSaveVideoService : public ZMSaveVideoServiceProtocol,
+class ZAVO_EXPORT ZMSaveVideoService : public ZMSaveVideoServiceProtocol,
                            public std::enable_shared_from_this<ZMSaveVideoService> {
 public:
     /// The shared factory: the initializer, then the delegate (held weakly).

@@ -3,6 +3,7 @@
 // the place of the input file. Only the first video track survives; audio and
 // every other track are dropped. The output is 320x180 and keeps the source's
 // orientation as its transform rather than in its pixels.
+#include "base/ZavoExport.h"
 #include "media/Asset.h"
 #include "media/AssetWriter_p.h"
 
@@ -20,7 +21,7 @@ enum class CompressionResult : int {
 };
 
 /// The result for a raw value: only 0 and 1 are results.
-std::optional<CompressionResult> compressionResultFromRawValue(int rawValue);
+ZAVO_EXPORT std::optional<CompressionResult> compressionResultFromRawValue(int rawValue);
 constexpr int rawValue(CompressionResult result) { return static_cast<int>(result); }
 
 /// One compression at a time per object: the reader and writer of the
@@ -31,7 +32,7 @@ constexpr int rawValue(CompressionResult result) { return static_cast<int>(resul
 /// are pumped on a serial queue "videoQueue" of the compression's own; the
 /// final report comes from the writer's completion. Pump and finish hold the
 /// object weakly, so releasing it stops the work and nothing more is reported.
-class ZMVideoCompresion : public std::enable_shared_from_this<ZMVideoCompresion> {
+class ZAVO_EXPORT ZMVideoCompresion : public std::enable_shared_from_this<ZMVideoCompresion> {
 public:
     static std::shared_ptr<ZMVideoCompresion> create();
 

@@ -1,11 +1,12 @@
 #pragma once
 // The component's own resource bundle: images, the screen's form and the
 // string table, all under ":/zavocamera".
+#include "base/ZavoExport.h"
 #include "base/Bundle_p.h"
 
 namespace zavo {
 
-class ZMBundleLink {
+class ZAVO_EXPORT ZMBundleLink {
 public:
     static const platform::Bundle& bundle();
 };

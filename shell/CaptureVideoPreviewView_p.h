@@ -11,6 +11,7 @@
 // Repaints are coalesced the same way: however fast frames arrive, at most one
 // repaint is waiting on the GUI thread. Painting only draws, and only the
 // parts that need it.
+#include "base/ZavoExport.h"
 #include "camera/CaptureVideoPreviewLayer.h"
 #include "base/DispatchQueue.h"
 
@@ -21,7 +22,7 @@
 
 namespace zavo::platform {
 
-class CaptureVideoPreviewView : public QWidget {
+class ZAVO_EXPORT CaptureVideoPreviewView : public QWidget {
     Q_OBJECT
 
 public:

@@ -19,6 +19,7 @@
 //
 // Changes are posted as kDeviceOrientationDidChangeNotification on the main
 // thread (userInfo "orientation" holds the DeviceOrientation value).
+#include "base/ZavoExport.h"
 #include "camera/CaptureTypes.h"
 
 #include <QRectF>
@@ -28,7 +29,7 @@ class QScreen;
 
 namespace zavo::platform {
 
-class Device {
+class ZAVO_EXPORT Device {
 public:
     /// The pinned orientation if a host set one, else the one last measured
     /// (Unknown before the first measurement). Thread-safe.
@@ -52,7 +53,7 @@ public:
     static void followScreen(QScreen* screen);
 };
 
-class MainScreen {
+class ZAVO_EXPORT MainScreen {
 public:
     /// The followed screen's geometry in points, as last seen on the GUI
     /// thread, or the override. Empty when there is no screen. Thread-safe.

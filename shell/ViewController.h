@@ -3,6 +3,7 @@
 // owns a root widget built on first use of view(), and gets the load, layout
 // and appearance hooks from that widget's events. A host shows view() as a
 // window or puts it in its own layout.
+#include "base/ZavoExport.h"
 #include <QPointer>
 #include <QString>
 #include <QWidget>
@@ -18,7 +19,7 @@ namespace zavo::platform {
 
 class NavigationController;
 
-class ViewController : public std::enable_shared_from_this<ViewController> {
+class ZAVO_EXPORT ViewController : public std::enable_shared_from_this<ViewController> {
 public:
     ViewController();
     virtual ~ViewController();
@@ -69,7 +70,7 @@ private:
 };
 
 /// A stack of screens under a navigation bar with a back button.
-class NavigationController : public ViewController {
+class ZAVO_EXPORT NavigationController : public ViewController {
 public:
     explicit NavigationController(std::shared_ptr<ViewController> root);
     static std::shared_ptr<NavigationController> create(std::shared_ptr<ViewController> root);

@@ -2,6 +2,7 @@
 // The component's styled push button: a rounded, bordered fill in the brand
 // blue with a centred, wrapping white title in the brand typeface. The fill
 // darkens while pressed and turns grey when disabled, with short animations.
+#include "base/ZavoExport.h"
 #include "ui/ZavoColors_p.h"
 
 #include <QPointer>
@@ -11,7 +12,7 @@
 
 namespace zavo {
 
-class ZCRoundButton : public QPushButton {
+class ZAVO_EXPORT ZCRoundButton : public QPushButton {
     Q_OBJECT
     Q_PROPERTY(QColor bgColor MEMBER bgColor)
     Q_PROPERTY(double fontSize MEMBER fontSize)

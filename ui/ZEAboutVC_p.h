@@ -2,6 +2,7 @@
 // A screen a host can push onto its navigation stack to show which versions
 // are running: its own name and version, and the two SDK versions of the core
 // framework's configuration.
+#include "base/ZavoExport.h"
 #include "shell/ViewController.h"
 #include "zavocore/ZCZavoConfiguration.h"
 
@@ -10,7 +11,7 @@
 
 namespace zavo {
 
-class ZEAboutVC : public platform::ViewController {
+class ZAVO_EXPORT ZEAboutVC : public platform::ViewController {
 public:
     /// zavoConfig must not be null.
     explicit ZEAboutVC(std::shared_ptr<core::ZCZavoConfiguration> zavoConfig);

@@ -1,11 +1,12 @@
 #pragma once
+#include "base/ZavoExport.h"
 // What the camera screen needs of the frame it draws around the face, so that
 // a host customization can supply a view of its own.
 class QWidget;
 
 namespace zavo {
 
-class ZMFaceDetectionViewProtocol {
+class ZAVO_EXPORT ZMFaceDetectionViewProtocol {
 public:
     virtual ~ZMFaceDetectionViewProtocol() = default;
 

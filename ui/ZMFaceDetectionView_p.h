@@ -2,6 +2,7 @@
 // The rectangle drawn around the face: a transparent widget with a thin
 // rounded border whose colour says whether the detection is good. The camera
 // screen positions it and flips its state; the view only draws.
+#include "base/ZavoExport.h"
 #include "ui/ZMFaceDetectionViewProtocol.h"
 
 #include <QColor>
@@ -9,7 +10,7 @@
 
 namespace zavo {
 
-class ZMFaceDetectionView : public QWidget, public ZMFaceDetectionViewProtocol {
+class ZAVO_EXPORT ZMFaceDetectionView : public QWidget, public ZMFaceDetectionViewProtocol {
     Q_OBJECT
 public:
     /// Starts in the positive state: a 1-point border of radius 8 in the

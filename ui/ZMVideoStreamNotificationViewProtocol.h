@@ -1,13 +1,14 @@
 #pragma once
 // What the camera screen needs of the banner that tells the user what is wrong
 // with the video stream, so that a host customization can supply its own.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 class QWidget;
 
 namespace zavo {
 
-class ZMVideoStreamNotificationViewProtocol {
+class ZAVO_EXPORT ZMVideoStreamNotificationViewProtocol {
 public:
     virtual ~ZMVideoStreamNotificationViewProtocol() = default;
 

@@ -2,6 +2,7 @@
 // The banner laid over the video preview to tell the user what is wrong: a
 // warning icon and a wrapping message on a translucent dark rounded card. It
 // decides nothing itself; the camera screen shows, hides and positions it.
+#include "base/ZavoExport.h"
 #include "ui/ZMVideoStreamNotificationViewProtocol.h"
 
 #include <QWidget>
@@ -10,7 +11,7 @@ class QLabel;
 
 namespace zavo {
 
-class ZMVideoStreamNotificationView : public QWidget, public ZMVideoStreamNotificationViewProtocol {
+class ZAVO_EXPORT ZMVideoStreamNotificationView : public QWidget, public ZMVideoStreamNotificationViewProtocol {
     Q_OBJECT
 public:
     explicit ZMVideoStreamNotificationView(QWidget* parent = nullptr);

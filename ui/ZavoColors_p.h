@@ -2,6 +2,7 @@
 // The brand palette, colours from packed hexadecimal integers, and colours
 // formatted back as "#RRGGBB" strings. Everything here is stateless; each call
 // returns a new colour.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <QColor>
@@ -13,27 +14,27 @@
 namespace zavo {
 
 /// \#2782FF, the brand blue.
-QColor zavoBlue();
+ZAVO_EXPORT QColor zavoBlue();
 /// \#E0E0E0.
-QColor zavoAlto();
+ZAVO_EXPORT QColor zavoAlto();
 /// \#757575.
-QColor zavoGray();
+ZAVO_EXPORT QColor zavoGray();
 /// \#C6C6C8.
-QColor zavoLightGray();
+ZAVO_EXPORT QColor zavoLightGray();
 /// #404040.
-QColor zavoBlack();
+ZAVO_EXPORT QColor zavoBlack();
 
 /// 0xRGB, one nibble per channel (n/15); bits 15..12 are ignored. alpha goes
 /// to QColor unchanged, which rejects values outside 0..1 with an invalid
 /// colour.
-QColor colorWithHex3(uint16_t hex3, double alpha);
+ZAVO_EXPORT QColor colorWithHex3(uint16_t hex3, double alpha);
 /// 0xRGBA, one nibble per channel including alpha.
-QColor colorWithHex4(uint16_t hex4);
+ZAVO_EXPORT QColor colorWithHex4(uint16_t hex4);
 /// 0xRRGGBB, one byte per channel (b/255); bits 31..24 are ignored. alpha as
 /// for colorWithHex3.
-QColor colorWithHex6(uint32_t hex6, double alpha);
+ZAVO_EXPORT QColor colorWithHex6(uint32_t hex6, double alpha);
 /// 0xRRGGBBAA, one byte per channel including alpha.
-QColor colorWithHex8(uint32_t hex8);
+ZAVO_EXPORT QColor colorWithHex8(uint32_t hex8);
 
 /// "#RRGGBB", or "#RRGGBBAA" with includeAlpha: each channel times 255,
 /// truncated toward zero, in upper-case hexadecimal. QColor stores channels
@@ -44,12 +45,12 @@ QColor colorWithHex8(uint32_t hex8);
 /// complement, as printf's %X would. An invalid colour gives "#000000".
 /// A non-finite channel stops the program: QColor never makes one from valid
 /// input, so it means memory corruption upstream.
-QString hexString(const QColor& color, bool includeAlpha);
+ZAVO_EXPORT QString hexString(const QColor& color, bool includeAlpha);
 
 /// Errors of reading a colour from text. No operation of the component makes
 /// them (there is no text parser yet); they are public so that hosts and a
 /// future parser agree on their meaning and codes.
-class UIColorInputError final : public platform::Error {
+class ZAVO_EXPORT UIColorInputError final : public platform::Error {
 public:
     /// The order is the error's code.
     enum class Case {

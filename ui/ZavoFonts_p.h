@@ -8,6 +8,7 @@
 // screen, whatever its dots per inch, and twice as sharp at a device pixel
 // ratio of 2. Qt's own point sizes would follow the screen's dots per inch
 // instead (a third larger at the usual 96), and outgrow the layouts.
+#include "base/ZavoExport.h"
 #include <QFont>
 #include <QString>
 #include <optional>
@@ -20,14 +21,14 @@ inline const QString kEtelkaFontFamily = QStringLiteral("EtelkaMediumPro");
 /// The font of that family at size layout points (rounded to a whole
 /// number), or nothing when the font database does not have the family.
 /// Unlike QFont(family), this never silently substitutes another face.
-std::optional<QFont> fontNamed(const QString& family, double size);
+ZAVO_EXPORT std::optional<QFont> fontNamed(const QString& family, double size);
 
 /// The brand typeface at size layout points; the system's general font at
 /// the same size when the brand face is not installed.
-QFont etelka(double size);
+ZAVO_EXPORT QFont etelka(double size);
 
 /// font at size layout points: its pixel size, which Qt keeps in
 /// device-independent pixels.
-void setLayoutPointSize(QFont& font, double size);
+ZAVO_EXPORT void setLayoutPointSize(QFont& font, double size);
 
 }  // namespace zavo

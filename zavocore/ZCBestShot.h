@@ -1,5 +1,6 @@
 #pragma once
 // The best shot: the frame the detector chose, and why.
+#include "base/ZavoExport.h"
 #include "media/MediaTime.h"
 
 #include <QImage>
@@ -8,7 +9,7 @@
 
 namespace zavo::core {
 
-struct ZCQualityScore {
+struct ZAVO_EXPORT ZCQualityScore {
     double total = 0;       // 0..1, the score the shot was chosen by
     double sharpness = 0;   // 0..1 each
     double exposure = 0;
@@ -17,7 +18,7 @@ struct ZCQualityScore {
     double pose = 0;
 };
 
-class ZCBestShot {
+class ZAVO_EXPORT ZCBestShot {
 public:
     ZCBestShot(QImage image, QRectF faceRect, ZCQualityScore quality, platform::MediaTime frameTime)
         : image_(std::move(image)), faceRect_(faceRect), quality_(quality), frameTime_(frameTime)

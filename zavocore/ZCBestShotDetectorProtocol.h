@@ -1,6 +1,7 @@
 #pragma once
 // The detector the camera screen feeds, the delegate it reports to, and the
 // factory that makes it.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 #include "base/Geometry.h"
 #include "media/SampleBuffer.h"
@@ -25,7 +26,7 @@ enum class ZCStepKind {
 };
 
 /// One step of the detector's interaction wizard.
-class ZCStepConfigProtocol {
+class ZAVO_EXPORT ZCStepConfigProtocol {
 public:
     virtual ~ZCStepConfigProtocol() = default;
     /// Seconds the user has for this step.
@@ -40,7 +41,7 @@ using ZCStepConfigPtr = std::shared_ptr<ZCStepConfigProtocol>;
 class ZCOnlineLivenessProtocol;
 
 /// What the detector reports. May be called on any thread.
-class ZCBestShotDelegate {
+class ZAVO_EXPORT ZCBestShotDelegate {
 public:
     virtual ~ZCBestShotDelegate() = default;
     /// The face box in the screen's coordinates (a zero rectangle: no face);
@@ -57,7 +58,7 @@ public:
 
 /// The detector. The camera screen calls it on the main thread, except
 /// faceFound(), which a recorder thread asks too: it must be thread-safe.
-class ZCBestShotDetectorProtocol {
+class ZAVO_EXPORT ZCBestShotDetectorProtocol {
 public:
     virtual ~ZCBestShotDetectorProtocol() = default;
     /// Offers one frame; must return at once (detection runs elsewhere).
@@ -74,7 +75,7 @@ public:
 };
 using ZCBestShotDetectorPtr = std::shared_ptr<ZCBestShotDetectorProtocol>;
 
-class ZCBestShotBuilder {
+class ZAVO_EXPORT ZCBestShotBuilder {
 public:
     using Factory = std::function<ZCBestShotDetectorPtr(std::weak_ptr<ZCBestShotDelegate> delegate,
                                                         std::shared_ptr<ZCOnlineLivenessProtocol> livenessAPI,

@@ -3,11 +3,12 @@
 // time, unless a test holds it: then it moves only when the test says so,
 // and an outcome that hangs on a time limit no longer hangs on how fast the
 // machine happens to be.
+#include "base/ZavoExport.h"
 #include <chrono>
 
 namespace zavo::core::detail {
 
-class DetectorClock {
+class ZAVO_EXPORT DetectorClock {
 public:
     using time_point = std::chrono::steady_clock::time_point;
     using duration = std::chrono::steady_clock::duration;
@@ -23,7 +24,7 @@ public:
 /// Holds the detector's clock while it lives: time stands still from the
 /// moment it is made, for every detector in the process, until advance().
 /// One at a time; for tests.
-class HeldDetectorClock {
+class ZAVO_EXPORT HeldDetectorClock {
 public:
     HeldDetectorClock();
     ~HeldDetectorClock();

@@ -31,6 +31,7 @@
 // checker reported it (a web::NetworkingError passes through unchanged); the
 // detector then pauses, except after a quality complaint with a message
 // (the user can fix it), after which it looks for a new shot.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <QString>
@@ -53,6 +54,6 @@ enum class ZCErrorCode : long {
 inline constexpr const char* kZCMessageKeyInfoKey = "ZCMessageKey";
 
 /// An error in kZCErrorDomain with the localized text of messageKey.
-platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey);
+ZAVO_EXPORT platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey);
 
 }  // namespace zavo::core

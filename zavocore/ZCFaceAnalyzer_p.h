@@ -2,6 +2,7 @@
 // The reference detector's eyes: finds faces in one frame and judges the
 // only face, if there is one, as material for a best shot. Not thread-safe;
 // the detector uses it from its own thread only.
+#include "base/ZavoExport.h"
 #include "media/PixelBuffer.h"
 #include "zavocore/ZCBestShot.h"
 #include "zavocore/ZCZavoConfiguration.h"
@@ -17,7 +18,7 @@
 namespace zavo::core::detail {
 
 /// A frame's pixels, borrowed: 4 bytes a pixel, BGRA32 or ARGB32.
-struct FrameView {
+struct ZAVO_EXPORT FrameView {
     const uint8_t* data = nullptr;
     int width = 0;
     int height = 0;
@@ -32,7 +33,7 @@ enum class Guidance { None, NoFace, MultipleFaces, TooFar, TooClose, TooDark, To
 /// Six points on a face, in frame pixels. Right and left are the person's
 /// own: in an unmirrored frame of someone facing the camera the right eye is
 /// on the image's left.
-struct FaceLandmarks {
+struct ZAVO_EXPORT FaceLandmarks {
     QPointF rightEye, leftEye, noseTip, mouth, rightEar, leftEar;
 };
 
@@ -41,13 +42,13 @@ struct FaceLandmarks {
 /// edge; pitch > 0: chin up; roll > 0: tilted clockwise as seen in the frame.
 /// Pitch is the roughest of the three (the nose's height between eyes and
 /// mouth, which also varies from face to face).
-struct FacePose {
+struct ZAVO_EXPORT FacePose {
     double yaw = 0;
     double pitch = 0;
     double roll = 0;
 };
 
-struct FaceAnalysis {
+struct ZAVO_EXPORT FaceAnalysis {
     /// Every face found, in frame pixels, largest first.
     std::vector<QRectF> faces;
     /// The landmarks of each face in faces, in the same order; empty when
@@ -65,7 +66,7 @@ struct FaceAnalysis {
     bool isGood() const { return guidance == Guidance::None; }
 };
 
-class FaceAnalyzer {
+class ZAVO_EXPORT FaceAnalyzer {
 public:
     explicit FaceAnalyzer(const ZCDetectorSettings& settings);
     ~FaceAnalyzer();
@@ -103,5 +104,5 @@ private:
 
 namespace zavo::core::detail {
 /// A deep copy of the frame (RGB32), whatever its channel order.
-QImage copyToImage(const FrameView& frame);
+ZAVO_EXPORT QImage copyToImage(const FrameView& frame);
 }  // namespace zavo::core::detail

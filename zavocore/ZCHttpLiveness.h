@@ -1,6 +1,7 @@
 #pragma once
 // The liveness check against an HTTP liveness server (the protocol is
 // described in zavoweb/ZWLivenessClient.h).
+#include "base/ZavoExport.h"
 #include "zavocore/ZCOnlineLivenessProtocol.h"
 #include "zavoweb/ZWLivenessClient.h"
 
@@ -8,7 +9,7 @@
 
 namespace zavo::core {
 
-class ZCHttpLiveness final : public ZCOnlineLivenessProtocol {
+class ZAVO_EXPORT ZCHttpLiveness final : public ZCOnlineLivenessProtocol {
 public:
     explicit ZCHttpLiveness(web::ZWLivenessClient::Settings settings);
     ~ZCHttpLiveness() override;

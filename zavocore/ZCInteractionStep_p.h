@@ -3,6 +3,7 @@
 // something (turn the head, come closer) from the analyses of the frames
 // seen during that step. A flat picture cannot pass a turn: turning a photo
 // narrows it but leaves the nose midway between the eyes.
+#include "base/ZavoExport.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 #include "zavocore/ZCFaceAnalyzer_p.h"
 
@@ -14,7 +15,7 @@ namespace zavo::core::detail {
 /// which has none.
 const char* promptKeyFor(ZCStepKind kind);
 
-class StepJudge {
+class ZAVO_EXPORT StepJudge {
 public:
     /// Turns count from this far off frontal (degrees), after the face was
     /// seen within kFrontalYaw of it during the step.

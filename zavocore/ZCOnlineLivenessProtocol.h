@@ -1,6 +1,7 @@
 #pragma once
 // The liveness check the detector runs on its chosen frame before handing it
 // over as the best shot.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <QImage>
@@ -8,7 +9,7 @@
 
 namespace zavo::core {
 
-class ZCOnlineLivenessProtocol {
+class ZAVO_EXPORT ZCOnlineLivenessProtocol {
 public:
     /// error set: the check could not decide (a web::NetworkingError, or an
     /// error in kZCErrorDomain); otherwise live is the verdict.

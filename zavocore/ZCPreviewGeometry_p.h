@@ -10,6 +10,7 @@
 // Mirroring: the capture pipeline delivers front-camera frames already
 // mirrored, exactly as the preview paints them, so the mapping is a pure
 // aspect-fill mapping with no flip of its own.
+#include "base/ZavoExport.h"
 #include "base/Geometry.h"
 
 #include <QPointF>
@@ -18,7 +19,7 @@
 
 namespace zavo::core::detail {
 
-struct PreviewGeometry {
+struct ZAVO_EXPORT PreviewGeometry {
     QSizeF screen;
     platform::EdgeInsets insets;
 

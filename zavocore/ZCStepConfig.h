@@ -6,11 +6,12 @@
 //         std::make_shared<ZCStepConfig>(ZCStepKind::TurnHeadLeft, 8.0),
 //         std::make_shared<ZCStepConfig>(ZCStepKind::LookAtCamera, 20.0),
 //     });
+#include "base/ZavoExport.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 
 namespace zavo::core {
 
-class ZCStepConfig final : public ZCStepConfigProtocol {
+class ZAVO_EXPORT ZCStepConfig final : public ZCStepConfigProtocol {
 public:
     /// Time limit of a step when nothing else is said, in seconds.
     static constexpr double kDefaultTimeout = 30.0;

@@ -1,6 +1,7 @@
 #pragma once
 // The core framework's configuration record. Hosts make one, change what they
 // need and hand it to the builder; the component only reads it.
+#include "base/ZavoExport.h"
 #include <QString>
 #include <memory>
 
@@ -9,7 +10,7 @@ namespace zavo::core {
 /// How the reference detector looks at frames. The defaults suit a front
 /// camera at arm's length, 720x1280 at 30 fps; sizes are fractions of the
 /// frame's shorter side, times are seconds.
-struct ZCDetectorSettings {
+struct ZAVO_EXPORT ZCDetectorSettings {
     /// Haar cascade files; empty: the ones found when the framework was built
     /// (frontal face, its second opinion, and eyes).
     QString faceCascadePath;
@@ -64,7 +65,7 @@ struct ZCDetectorSettings {
     bool synchronousProcessing = false;
 };
 
-class ZCZavoConfiguration {
+class ZAVO_EXPORT ZCZavoConfiguration {
 public:
     ZCZavoConfiguration();
 

@@ -1,5 +1,6 @@
 #pragma once
 // The core framework's error domain and string lookup.
+#include "base/ZavoExport.h"
 #include "base/Bundle_p.h"
 
 #include <QString>
@@ -11,10 +12,10 @@ namespace zavo::core {
 inline const QString kZCErrorDomain = QStringLiteral("com.zavo.ZavoCore.ErrorDomain");
 
 /// The core framework's bundle (its resources and string table).
-const platform::Bundle& zavoCoreBundle();
+ZAVO_EXPORT const platform::Bundle& zavoCoreBundle();
 
 /// Looks key up in the core framework's string table; a missing entry yields
 /// the key itself.
-QString zc_localized(const QString& key);
+ZAVO_EXPORT QString zc_localized(const QString& key);
 
 }  // namespace zavo::core

@@ -1,6 +1,7 @@
 #pragma once
 // Errors of the networking framework, as the camera screen receives them from
 // the liveness check.
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <optional>
@@ -14,7 +15,7 @@ inline const QString kNetworkingErrorDomain = QStringLiteral("ZavoWeb.Networking
 /// Well-known server code: the liveness server saw more than one face.
 inline constexpr int kMultipleFacesServerCode = 11038;
 
-class NetworkingError final : public platform::Error {
+class ZAVO_EXPORT NetworkingError final : public platform::Error {
 public:
     /// The cases, in declaration order (their codes when bridged).
     enum class Kind { ZavoError = 0, ConnectionError = 1, LivenessConnectionError = 2, LivenessQualityError = 3 };

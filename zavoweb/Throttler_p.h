@@ -1,6 +1,7 @@
 #pragma once
 // Collapses bursts of calls into few runs of an action, for messages that
 // would otherwise flash on every detector report.
+#include "base/ZavoExport.h"
 #include "base/DispatchQueue.h"
 
 #include <functional>
@@ -19,7 +20,7 @@ namespace zavo::web {
 /// from any thread; called elsewhere it hops to that queue first. Use one
 /// queue per throttler. A pending action still runs when the throttler is
 /// released before it.
-class Throttler {
+class ZAVO_EXPORT Throttler {
 public:
     /// lastFire: when the action last ran, in seconds of now() (0: long ago).
     /// currentWorkItem: a pending run that the next call cancels, if any.

@@ -22,6 +22,7 @@
 //   HTTP error status without a "code"      NetworkingError::zavoError(status, reason phrase)
 //   a body that is none of the above        NetworkingError::livenessConnectionError()
 //   "live"                                  the verdict, no error
+#include "base/ZavoExport.h"
 #include "base/Error.h"
 
 #include <QImage>
@@ -38,7 +39,7 @@ namespace zavo::web {
 /// Domain of the transport errors a connectionError wraps.
 inline const QString kZWTransportErrorDomain = QStringLiteral("ZavoWeb.Transport");
 
-class ZWLivenessClient {
+class ZAVO_EXPORT ZWLivenessClient {
 public:
     struct Settings {
         QUrl url;

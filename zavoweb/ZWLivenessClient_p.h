@@ -2,6 +2,7 @@
 // How one answer of a liveness server becomes a check result, apart from the
 // network code that receives it, so that any answer can be tried without a
 // server.
+#include "base/ZavoExport.h"
 #include "zavoweb/ZWLivenessClient.h"
 
 #include <QByteArray>
@@ -11,7 +12,7 @@
 namespace zavo::web {
 
 /// What came back for one check.
-struct LivenessAnswer {
+struct ZAVO_EXPORT LivenessAnswer {
     /// The HTTP status; none when no HTTP answer came at all (refused,
     /// unreachable, timed out, aborted), and then body and reason are unused.
     std::optional<int> httpStatus;
@@ -23,6 +24,6 @@ struct LivenessAnswer {
 };
 
 /// The result the client reports for answer (the table in ZWLivenessClient.h).
-ZWLivenessClient::Result resultOfAnswer(const LivenessAnswer& answer);
+ZAVO_EXPORT ZWLivenessClient::Result resultOfAnswer(const LivenessAnswer& answer);
 
 }  // namespace zavo::web

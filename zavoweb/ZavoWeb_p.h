@@ -1,7 +1,8 @@
 #pragma once
 // The networking framework's bundle (its string table).
+#include "base/ZavoExport.h"
 #include "base/Bundle_p.h"
 
 namespace zavo::web {
-const platform::Bundle& zavoWebBundle();
+ZAVO_EXPORT const platform::Bundle& zavoWebBundle();
 }

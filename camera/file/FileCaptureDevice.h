@@ -15,13 +15,14 @@
 //     auto camera = FileCaptureDevice::create(path, CaptureDevicePosition::Front, &error);
 //     if (camera)
 //         CaptureDeviceRegistry::shared().registerDevice(camera);
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 
 #include <atomic>
 
 namespace zavo::platform {
 
-class FileCaptureDevice final : public CaptureDevice {
+class ZAVO_EXPORT FileCaptureDevice final : public CaptureDevice {
 public:
     /// Null, with an error, when path is not a readable video file.
     static std::shared_ptr<FileCaptureDevice> create(const QString& path, CaptureDevicePosition position,

@@ -6,6 +6,7 @@
 // there on request: an input that cannot be made, a configuration lock that
 // is refused, outputs that cannot be added, frames that stop, a device that
 // vanishes while running, a camera that cannot be opened.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 
 #include <atomic>
@@ -13,7 +14,7 @@
 
 namespace zavo::platform {
 
-class SyntheticCaptureDevice final : public CaptureDevice {
+class ZAVO_EXPORT SyntheticCaptureDevice final : public CaptureDevice {
 public:
     enum class FrameSource {
         Pattern,  // frames drawn in real time

@@ -1,6 +1,7 @@
 #pragma once
 // What a V4L2 node offers: capabilities, the formats this project can
 // decode with their sizes and frame rates, the current format and focus.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "camera/v4l2/Kernel_p.h"
 
@@ -10,13 +11,13 @@
 namespace zavo::platform::v4l2 {
 
 /// One advertised format in the driver's terms.
-struct DriverFormat {
+struct ZAVO_EXPORT DriverFormat {
     CaptureDeviceFormatPtr format;
     uint32_t pixelFormat = 0;  // V4L2 fourcc
     bool fullRange = false;
 };
 
-struct NodeDescription {
+struct ZAVO_EXPORT NodeDescription {
     QString path;  // "/dev/video0"
     QString card;
     QString busInfo;
@@ -34,21 +35,21 @@ enum class ProbeFailure {
 
 /// Opens path, reads what it offers and closes it again. Sets *failure and
 /// *error (errno of open) when it is not a usable camera.
-std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path, ProbeFailure* failure = nullptr,
+ZAVO_EXPORT std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path, ProbeFailure* failure = nullptr,
                                             int* error = nullptr);
 
 /// The four-character code reported for a V4L2 pixel format: NV12 becomes
 /// "420v" (video range) or "420f" (full range); any other format keeps its
 /// own code, in reading order ("YUYV", "MJPG").
-uint32_t mediaSubTypeFor(uint32_t v4l2PixelFormat, bool fullRange);
+ZAVO_EXPORT uint32_t mediaSubTypeFor(uint32_t v4l2PixelFormat, bool fullRange);
 /// The fourcc as text ("MJPG").
-QString fourccText(uint32_t v4l2PixelFormat);
+ZAVO_EXPORT QString fourccText(uint32_t v4l2PixelFormat);
 
 /// What to tell a user who may not open path: how access is granted.
-QString accessDeniedText(const QString& path);
+ZAVO_EXPORT QString accessDeniedText(const QString& path);
 
 /// Whether frames of this V4L2 format can be turned into pixel buffers.
-bool isDecodable(uint32_t v4l2PixelFormat);
-bool isJpeg(uint32_t v4l2PixelFormat);
+ZAVO_EXPORT bool isDecodable(uint32_t v4l2PixelFormat);
+ZAVO_EXPORT bool isJpeg(uint32_t v4l2PixelFormat);
 
 }  // namespace zavo::platform::v4l2

@@ -5,6 +5,7 @@
 //
 // The calls keep the kernel's own signatures and conventions (-1 and errno,
 // MAP_FAILED) so that the backend reads like any V4L2 program.
+#include "base/ZavoExport.h"
 #include <QString>
 #include <QStringList>
 
@@ -18,7 +19,7 @@
 
 namespace zavo::platform::v4l2 {
 
-class Kernel {
+class ZAVO_EXPORT Kernel {
 public:
     virtual ~Kernel() = default;
 
@@ -45,10 +46,10 @@ public:
 };
 
 /// The machine's kernel and /dev.
-std::shared_ptr<Kernel> systemKernel();
+ZAVO_EXPORT std::shared_ptr<Kernel> systemKernel();
 
 /// An open descriptor, closed through the kernel it came from.
-class UniqueFd {
+class ZAVO_EXPORT UniqueFd {
 public:
     UniqueFd() = default;
     UniqueFd(Kernel& kernel, int fd) : kernel_(fd >= 0 ? &kernel : nullptr), fd_(fd) {}
@@ -85,7 +86,7 @@ private:
 };
 
 /// One mapping of a device buffer, unmapped through the kernel it came from.
-class MappedMemory {
+class ZAVO_EXPORT MappedMemory {
 public:
     MappedMemory() = default;
     MappedMemory(Kernel& kernel, void* address, size_t length);

@@ -3,6 +3,7 @@
 // capture nodes under /dev (through its Kernel, so tests can stand a fake
 // device in), keeps one device object per camera while it stays plugged in,
 // and rescans only when /dev changed.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "camera/v4l2/Kernel_p.h"
 
@@ -10,7 +11,7 @@
 
 namespace zavo::platform::v4l2 {
 
-class Provider final : public CaptureDeviceProvider {
+class ZAVO_EXPORT Provider final : public CaptureDeviceProvider {
 public:
     explicit Provider(std::shared_ptr<Kernel> kernel);
 
@@ -25,6 +26,6 @@ private:
 
 /// Front for a camera built into the machine, going by its card name;
 /// otherwise unspecified (the registry decides).
-CaptureDevicePosition positionForCard(const QString& card);
+ZAVO_EXPORT CaptureDevicePosition positionForCard(const QString& card);
 
 }  // namespace zavo::platform::v4l2

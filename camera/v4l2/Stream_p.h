@@ -1,6 +1,7 @@
 #pragma once
 // One V4L2 camera streaming: format negotiation, mmap buffers, the capture
 // thread's wait for the next frame, and its decoding into NV12.
+#include "base/ZavoExport.h"
 #include "camera/CaptureDevice_p.h"
 #include "camera/v4l2/BufferQueue_p.h"
 #include "camera/v4l2/Enumeration_p.h"
@@ -11,7 +12,7 @@
 
 namespace zavo::platform::v4l2 {
 
-class Stream final : public CaptureDeviceStream {
+class ZAVO_EXPORT Stream final : public CaptureDeviceStream {
 public:
     /// Opens the node and starts streaming in format. Null with an error
     /// when the camera is busy (DeviceBusy), forbidden (AccessDenied), does
