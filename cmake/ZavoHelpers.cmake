@@ -2,6 +2,11 @@
 # the Qt, FFmpeg or OpenCV headers (those are SYSTEM includes).
 add_library(zavo_build_flags INTERFACE)
 target_compile_options(zavo_build_flags INTERFACE -Wall -Wextra -Wno-missing-field-initializers)
+# What each mutex guards is written as clang annotations (base/ThreadSafety.h);
+# clang builds refuse code that touches guarded state without the lock.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(zavo_build_flags INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
 if(ZAVO_SANITIZE STREQUAL "address")
   target_compile_options(zavo_build_flags INTERFACE
     -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
