@@ -1,8 +1,8 @@
 #include "camera/CaptureAuthorization_p.h"
 
 #include "base/DispatchQueue.h"
+#include "base/ThreadSafety.h"
 
-#include <mutex>
 
 namespace zavo::platform {
 
@@ -29,8 +29,7 @@ public:
     }
 };
 
-std::mutex gPolicyMutex;
-std::shared_ptr<CaptureAuthorizationPolicy> gPolicy;  // guarded by gPolicyMutex; null means the default
+Guarded<std::shared_ptr<CaptureAuthorizationPolicy>> gPolicy;  // null means the default
 
 }  // namespace
 
@@ -63,14 +62,13 @@ void FixedCaptureAuthorizationPolicy::requestAccess(std::function<void(bool gran
 std::shared_ptr<CaptureAuthorizationPolicy> CaptureAuthorization::policy()
 {
     static const auto defaultPolicy = std::make_shared<DefaultCaptureAuthorizationPolicy>();
-    std::lock_guard lock(gPolicyMutex);
-    return gPolicy ? gPolicy : defaultPolicy;
+    auto policy = gPolicy.get();
+    return policy ? policy : defaultPolicy;
 }
 
 void CaptureAuthorization::setPolicy(std::shared_ptr<CaptureAuthorizationPolicy> policy)
 {
-    std::lock_guard lock(gPolicyMutex);
-    gPolicy = std::move(policy);
+    gPolicy.set(std::move(policy));
 }
 
 AuthorizationStatus CaptureAuthorization::authorizationStatusForMediaType(MediaType mediaType)

@@ -46,25 +46,25 @@ CaptureDevice::~CaptureDevice() = default;
 
 CaptureDevicePosition CaptureDevice::position() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return position_;
 }
 
 void CaptureDevice::setPosition(CaptureDevicePosition position)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     position_ = position;
 }
 
 bool CaptureDevice::isConnected() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return connected_;
 }
 
 void CaptureDevice::setConnected(bool connected)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     connected_ = connected;
 }
 
@@ -72,13 +72,13 @@ std::vector<CaptureDeviceFormatPtr> CaptureDevice::formats() const { return form
 
 CaptureDeviceFormatPtr CaptureDevice::activeFormat() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return activeFormat_;
 }
 
 void CaptureDevice::setActiveFormat(const CaptureDeviceFormatPtr& format)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (lockCount_ == 0) {
         qCWarning(lcCamera) << "active format of" << uniqueID_ << "set without the configuration lock; ignored";
         return;
@@ -93,7 +93,7 @@ void CaptureDevice::setActiveFormat(const CaptureDeviceFormatPtr& format)
 bool CaptureDevice::lockForConfiguration(ErrorPtr* error)
 {
     const bool refused = refusesLock();
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (!connected_ || refused) {
         if (error)
             *error = makeCaptureError(CaptureErrorCode::DeviceLocked,
@@ -106,14 +106,14 @@ bool CaptureDevice::lockForConfiguration(ErrorPtr* error)
 
 void CaptureDevice::unlockForConfiguration()
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (lockCount_ > 0)
         --lockCount_;
 }
 
 void CaptureDevice::setFocusCapabilities(std::vector<FocusMode> supportedModes, bool pointOfInterest)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     focusModes_ = std::move(supportedModes);
     if (std::find(focusModes_.begin(), focusModes_.end(), FocusMode::Locked) == focusModes_.end())
         focusModes_.push_back(FocusMode::Locked);
@@ -122,20 +122,20 @@ void CaptureDevice::setFocusCapabilities(std::vector<FocusMode> supportedModes, 
 
 bool CaptureDevice::isFocusModeSupported(FocusMode mode) const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return std::find(focusModes_.begin(), focusModes_.end(), mode) != focusModes_.end();
 }
 
 FocusMode CaptureDevice::focusMode() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return focusMode_;
 }
 
 void CaptureDevice::setFocusMode(FocusMode mode)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (lockCount_ == 0 || std::find(focusModes_.begin(), focusModes_.end(), mode) == focusModes_.end()) {
             qCWarning(lcCamera) << "focus mode" << int(mode) << "of" << uniqueID_
                                 << "not set: unsupported or not locked for configuration";
@@ -145,7 +145,7 @@ void CaptureDevice::setFocusMode(FocusMode mode)
     // The hardware call may take a while (an ioctl); it runs outside the lock.
     if (!applyFocusMode(mode))
         return;
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     focusMode_ = mode;
 }
 
@@ -153,19 +153,19 @@ bool CaptureDevice::applyFocusMode(FocusMode) { return true; }
 
 bool CaptureDevice::isFocusPointOfInterestSupported() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return focusPointSupported_;
 }
 
 QPointF CaptureDevice::focusPointOfInterest() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return focusPoint_;
 }
 
 void CaptureDevice::setFocusPointOfInterest(QPointF point)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (lockCount_ == 0 || !focusPointSupported_) {
         qCWarning(lcCamera) << "focus point of" << uniqueID_ << "not set: unsupported or not locked for configuration";
         return;
@@ -355,7 +355,7 @@ void CaptureDeviceRegistry::registerDevice(const CaptureDevicePtr& device)
 {
     if (!device)
         return;
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     auto same = std::find_if(registered_.begin(), registered_.end(),
                              [&](const CaptureDevicePtr& d) { return d->uniqueID() == device->uniqueID(); });
     if (same != registered_.end())
@@ -366,56 +366,56 @@ void CaptureDeviceRegistry::registerDevice(const CaptureDevicePtr& device)
 
 void CaptureDeviceRegistry::unregisterDevice(const QString& uniqueID)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     std::erase_if(registered_, [&](const CaptureDevicePtr& d) { return d->uniqueID() == uniqueID; });
 }
 
 void CaptureDeviceRegistry::unregisterAll()
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     registered_.clear();
 }
 
 std::vector<CaptureDevicePtr> CaptureDeviceRegistry::registeredDevices() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return registered_;
 }
 
 void CaptureDeviceRegistry::setProviders(std::vector<CaptureDeviceProviderPtr> providers)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     providers_ = std::move(providers);
 }
 
 std::vector<CaptureDeviceProviderPtr> CaptureDeviceRegistry::providers() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return providers_ ? *providers_ : std::vector<CaptureDeviceProviderPtr>{};
 }
 
 void CaptureDeviceRegistry::setPositionOverride(const QString& uniqueIDOrLocation, CaptureDevicePosition position)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     std::erase_if(positionOverrides_, [&](const auto& entry) { return entry.first == uniqueIDOrLocation; });
     positionOverrides_.emplace_back(uniqueIDOrLocation, position);
 }
 
 void CaptureDeviceRegistry::clearPositionOverrides()
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     positionOverrides_.clear();
 }
 
 void CaptureDeviceRegistry::setPreferredDevice(const QString& uniqueIDOrLocation)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     preferred_ = uniqueIDOrLocation;
 }
 
 QString CaptureDeviceRegistry::preferredDevice() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return preferred_;
 }
 
@@ -430,7 +430,7 @@ std::vector<CaptureDevicePtr> CaptureDeviceRegistry::allDevices()
 {
     std::vector<CaptureDeviceProviderPtr> providers;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (!providers_)
             providers_ = defaultCaptureDeviceProviders();
         providers = *providers_;
@@ -443,11 +443,13 @@ std::vector<CaptureDevicePtr> CaptureDeviceRegistry::allDevices()
             provided.push_back(std::move(device));
     }
 
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     std::vector<CaptureDevicePtr> all = registered_;
     placeProvidedDevices(registered_, provided);
     all.insert(all.end(), provided.begin(), provided.end());
-    auto preferred = std::find_if(all.begin(), all.end(), [&](const CaptureDevicePtr& d) { return answersTo(*d, preferred_); });
+    auto preferred = all.begin();
+    while (preferred != all.end() && !answersTo(**preferred, preferred_))
+        ++preferred;
     if (preferred != all.end())
         std::rotate(all.begin(), preferred, preferred + 1);
     return all;
@@ -465,8 +467,9 @@ void CaptureDeviceRegistry::placeProvidedDevices(const std::vector<CaptureDevice
         }
         positions.push_back(position);
     }
-    const auto preferred = std::find_if(provided.begin(), provided.end(),
-                                        [&](const CaptureDevicePtr& d) { return answersTo(*d, preferred_); });
+    auto preferred = provided.begin();
+    while (preferred != provided.end() && !answersTo(**preferred, preferred_))
+        ++preferred;
     if (preferred != provided.end()) {
         for (auto& position : positions) {
             if (position == CaptureDevicePosition::Front)

@@ -19,12 +19,12 @@
 #include "camera/CaptureTypes.h"
 #include "base/Error.h"
 #include "media/SampleBuffer.h"
+#include "base/ThreadSafety.h"
 
 #include <QPointF>
 #include <QString>
 #include <QStringList>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -180,15 +180,15 @@ private:
     const QString localizedName_;
     const std::vector<CaptureDeviceFormatPtr> formats_;
 
-    mutable std::mutex mutex_;
-    CaptureDevicePosition position_;           // guarded by mutex_
-    CaptureDeviceFormatPtr activeFormat_;      // guarded by mutex_
-    int lockCount_ = 0;                        // guarded by mutex_
-    FocusMode focusMode_ = FocusMode::Locked;  // guarded by mutex_
-    QPointF focusPoint_{0.5, 0.5};             // guarded by mutex_
-    std::vector<FocusMode> focusModes_{FocusMode::Locked};  // guarded by mutex_
-    bool focusPointSupported_ = false;         // guarded by mutex_
-    bool connected_ = true;                    // guarded by mutex_
+    mutable Mutex mutex_;
+    CaptureDevicePosition position_ ZAVO_GUARDED_BY(mutex_);
+    CaptureDeviceFormatPtr activeFormat_ ZAVO_GUARDED_BY(mutex_);
+    int lockCount_ ZAVO_GUARDED_BY(mutex_) = 0;
+    FocusMode focusMode_ ZAVO_GUARDED_BY(mutex_) = FocusMode::Locked;
+    QPointF focusPoint_ ZAVO_GUARDED_BY(mutex_){0.5, 0.5};
+    std::vector<FocusMode> focusModes_ ZAVO_GUARDED_BY(mutex_){FocusMode::Locked};
+    bool focusPointSupported_ ZAVO_GUARDED_BY(mutex_) = false;
+    bool connected_ ZAVO_GUARDED_BY(mutex_) = true;
 };
 
 using CaptureDevicePtr = std::shared_ptr<CaptureDevice>;
@@ -253,13 +253,13 @@ public:
 private:
     CaptureDeviceRegistry() = default;
     void placeProvidedDevices(const std::vector<CaptureDevicePtr>& registered,
-                              const std::vector<CaptureDevicePtr>& provided) const;
+                              const std::vector<CaptureDevicePtr>& provided) const ZAVO_REQUIRES(mutex_);
 
-    mutable std::mutex mutex_;
-    std::vector<CaptureDevicePtr> registered_;                              // guarded by mutex_
-    std::optional<std::vector<CaptureDeviceProviderPtr>> providers_;        // guarded by mutex_; unset: the defaults
-    std::vector<std::pair<QString, CaptureDevicePosition>> positionOverrides_;  // guarded by mutex_
-    QString preferred_;                                                     // guarded by mutex_
+    mutable Mutex mutex_;
+    std::vector<CaptureDevicePtr> registered_ ZAVO_GUARDED_BY(mutex_);
+    std::optional<std::vector<CaptureDeviceProviderPtr>> providers_ ZAVO_GUARDED_BY(mutex_);  // unset: the defaults
+    std::vector<std::pair<QString, CaptureDevicePosition>> positionOverrides_ ZAVO_GUARDED_BY(mutex_);
+    QString preferred_ ZAVO_GUARDED_BY(mutex_);
 };
 
 /// The cameras of some types, media type and position (Unspecified: any

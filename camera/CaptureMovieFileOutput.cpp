@@ -3,6 +3,7 @@
 #include "media/AssetWriter_p.h"
 #include "base/Log_p.h"
 #include "media/VideoFrameConverter_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QStringList>
 
@@ -40,15 +41,15 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     std::atomic<int64_t> dropped{0};
 
     // Commands from the owner's queue.
-    mutable std::mutex mutex;
-    bool startRequested = false;                                   // guarded by mutex
-    bool stopRequested = false;                                    // guarded by mutex
-    bool quitRequested = false;                                    // guarded by mutex
-    bool recording = false;                                        // guarded by mutex
-    QUrl url;                                                      // guarded by mutex
-    std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate;  // guarded by mutex
-    std::map<const CaptureConnection*, QVariantMap> settings;      // guarded by mutex
-    std::thread thread;                                            // guarded by mutex
+    mutable Mutex mutex;
+    bool startRequested ZAVO_GUARDED_BY(mutex) = false;
+    bool stopRequested ZAVO_GUARDED_BY(mutex) = false;
+    bool quitRequested ZAVO_GUARDED_BY(mutex) = false;
+    bool recording ZAVO_GUARDED_BY(mutex) = false;
+    QUrl url ZAVO_GUARDED_BY(mutex);
+    std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate ZAVO_GUARDED_BY(mutex);
+    std::map<const CaptureConnection*, QVariantMap> settings ZAVO_GUARDED_BY(mutex);
+    std::thread thread ZAVO_GUARDED_BY(mutex);
 
     // Recording thread only.
     QUrl fileURL;
@@ -91,7 +92,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
             bool stop = false;
             bool quit = false;
             {
-                std::lock_guard lock(mutex);
+                MutexLocker lock(mutex);
                 start = std::exchange(startRequested, false);
                 stop = std::exchange(stopRequested, false);
                 quit = quitRequested;
@@ -221,7 +222,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
         input.reset();
         adaptor.reset();
         {
-            std::lock_guard lock(mutex);
+            MutexLocker lock(mutex);
             recording = false;
             delegate.reset();
         }
@@ -261,7 +262,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
                                                 : makeMediaError(MediaErrorCode::CannotWrite,
                                                                  QStringLiteral("The movie file was not finished"));
             {
-                std::lock_guard lock(self->mutex);
+                MutexLocker lock(self->mutex);
                 self->recording = false;
                 self->delegate.reset();
             }
@@ -287,7 +288,7 @@ CaptureMovieFileOutput::~CaptureMovieFileOutput()
 {
     std::thread thread;
     {
-        std::lock_guard lock(recorder_->mutex);
+        MutexLocker lock(recorder_->mutex);
         recorder_->quitRequested = true;
         thread = std::move(recorder_->thread);
     }
@@ -306,7 +307,7 @@ QStringList CaptureMovieFileOutput::availableVideoCodecTypes() const { return {k
 
 QVariantMap CaptureMovieFileOutput::outputSettingsForConnection(const std::shared_ptr<CaptureConnection>& connection) const
 {
-    std::lock_guard lock(recorder_->mutex);
+    MutexLocker lock(recorder_->mutex);
     auto it = recorder_->settings.find(connection.get());
     if (it != recorder_->settings.end())
         return it->second;
@@ -319,7 +320,7 @@ void CaptureMovieFileOutput::setOutputSettings(const QVariantMap& settings,
     const QString codec = settings.value(kVideoCodecKey, kVideoCodecTypeH264).toString();
     if (codec != kVideoCodecTypeH264)
         qCWarning(lcCamera) << "movie file output: codec" << codec << "is not available; recording H.264";
-    std::lock_guard lock(recorder_->mutex);
+    MutexLocker lock(recorder_->mutex);
     recorder_->settings[connection.get()] = settings;
 }
 
@@ -327,7 +328,7 @@ void CaptureMovieFileOutput::startRecordingToOutputFileURL(const QUrl& url,
                                                            std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate)
 {
     {
-        std::lock_guard lock(recorder_->mutex);
+        MutexLocker lock(recorder_->mutex);
         if (recorder_->recording || !delegate)
             return;
         recorder_->recording = true;
@@ -343,7 +344,7 @@ void CaptureMovieFileOutput::startRecordingToOutputFileURL(const QUrl& url,
 void CaptureMovieFileOutput::stopRecording()
 {
     {
-        std::lock_guard lock(recorder_->mutex);
+        MutexLocker lock(recorder_->mutex);
         if (!recorder_->recording)
             return;
         recorder_->stopRequested = true;
@@ -354,13 +355,13 @@ void CaptureMovieFileOutput::stopRecording()
 
 bool CaptureMovieFileOutput::isRecording() const
 {
-    std::lock_guard lock(recorder_->mutex);
+    MutexLocker lock(recorder_->mutex);
     return recorder_->recording;
 }
 
 QUrl CaptureMovieFileOutput::outputFileURL() const
 {
-    std::lock_guard lock(recorder_->mutex);
+    MutexLocker lock(recorder_->mutex);
     return recorder_->url;
 }
 

@@ -46,19 +46,19 @@ CaptureOutput::~CaptureOutput() = default;
 
 std::shared_ptr<CaptureSession> CaptureOutput::session() const
 {
-    std::lock_guard lock(sessionMutex_);
+    MutexLocker lock(sessionMutex_);
     return session_.lock();
 }
 
 void CaptureOutput::setSession(const std::weak_ptr<CaptureSession>& session)
 {
-    std::lock_guard lock(sessionMutex_);
+    MutexLocker lock(sessionMutex_);
     session_ = session;
 }
 
 bool CaptureOutput::isInSession() const
 {
-    std::lock_guard lock(sessionMutex_);
+    MutexLocker lock(sessionMutex_);
     return !session_.expired();
 }
 
@@ -101,14 +101,14 @@ CaptureSession::~CaptureSession()
 
 void CaptureSession::beginConfiguration()
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     ++configurationDepth_;
 }
 
 void CaptureSession::commitConfiguration()
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (configurationDepth_ == 0)
             return;
         if (--configurationDepth_ > 0 || !pendingChange_)
@@ -121,7 +121,7 @@ void CaptureSession::commitConfiguration()
 void CaptureSession::configurationChanged()
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (configurationDepth_ > 0) {
             pendingChange_ = true;
             return;
@@ -142,13 +142,13 @@ void CaptureSession::applyConfiguration()
 
 QString CaptureSession::sessionPreset() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return preset_;
 }
 
 bool CaptureSession::canSetSessionPreset(const QString& preset) const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return std::all_of(inputs_.begin(), inputs_.end(), [&](const std::shared_ptr<CaptureInput>& input) {
         auto* deviceInput = dynamic_cast<CaptureDeviceInput*>(input.get());
         return !deviceInput || deviceInput->device()->supportsSessionPreset(preset);
@@ -158,7 +158,7 @@ bool CaptureSession::canSetSessionPreset(const QString& preset) const
 void CaptureSession::setSessionPreset(const QString& preset)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (preset_ == preset)
             return;
         preset_ = preset;
@@ -170,7 +170,7 @@ bool CaptureSession::canAddInput(const std::shared_ptr<CaptureInput>& input) con
 {
     if (!input)
         return false;
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (!input->session_.expired())
         return false;
     // One camera at a time, as on phones without multi-camera capture.
@@ -192,7 +192,7 @@ void CaptureSession::addInput(const std::shared_ptr<CaptureInput>& input)
         return;
     }
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         addInputLocked(input);
     }
     configurationChanged();
@@ -203,7 +203,7 @@ void CaptureSession::addInputWithNoConnections(const std::shared_ptr<CaptureInpu
 void CaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         auto it = std::find(inputs_.begin(), inputs_.end(), input);
         if (it == inputs_.end())
             return;
@@ -215,7 +215,7 @@ void CaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input)
 
 std::vector<std::shared_ptr<CaptureInput>> CaptureSession::inputs() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return inputs_;
 }
 
@@ -225,7 +225,7 @@ bool CaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& output) 
         return false;
     if (output->isInSession())
         return false;
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return std::all_of(inputs_.begin(), inputs_.end(), [&](const std::shared_ptr<CaptureInput>& input) {
         auto* deviceInput = dynamic_cast<CaptureDeviceInput*>(input.get());
         return !deviceInput || deviceInput->device()->acceptsOutput(*output);
@@ -239,7 +239,7 @@ void CaptureSession::addOutput(const std::shared_ptr<CaptureOutput>& output)
         return;
     }
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         outputs_.push_back(output);
         output->setSession(weak_from_this());
     }
@@ -249,7 +249,7 @@ void CaptureSession::addOutput(const std::shared_ptr<CaptureOutput>& output)
 void CaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         auto it = std::find(outputs_.begin(), outputs_.end(), output);
         if (it == outputs_.end())
             return;
@@ -261,13 +261,13 @@ void CaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output)
 
 std::vector<std::shared_ptr<CaptureOutput>> CaptureSession::outputs() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return outputs_;
 }
 
 CaptureDevicePtr CaptureSession::videoDevice() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     for (const auto& input : inputs_) {
         if (auto* deviceInput = dynamic_cast<CaptureDeviceInput*>(input.get()))
             return deviceInput->device();
@@ -279,7 +279,7 @@ bool CaptureSession::hasVideoInput() const { return videoDevice() != nullptr; }
 
 ErrorPtr CaptureSession::runtimeError() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return runtimeError_;
 }
 
@@ -350,7 +350,7 @@ void CaptureSession::startCapture()
             qCWarning(lcCamera, "Cannot start capture from <%s>: %s", qUtf8Printable(device->localizedName()),
                       qUtf8Printable(error ? error->localizedDescription() : QString()));
             {
-                std::lock_guard lock(mutex_);
+                MutexLocker lock(mutex_);
                 runtimeError_ = error;
             }
             postRuntimeError();
@@ -389,7 +389,7 @@ SampleBuffer CaptureSession::retimed(Run& run, const SampleBuffer& frame)
 
 void CaptureSession::registerPreviewLayer(const std::weak_ptr<CaptureVideoPreviewLayer>& layer)
 {
-    std::lock_guard lock(layersMutex_);
+    MutexLocker lock(layersMutex_);
     std::erase_if(layers_, [](const std::weak_ptr<CaptureVideoPreviewLayer>& l) { return l.expired(); });
     layers_.push_back(layer);
 }
@@ -408,7 +408,7 @@ void CaptureSession::captureLoop(Run* run)
             qCWarning(lcCamera, "Capture from <%s> ended: %s", qUtf8Printable(run->deviceName), qUtf8Printable(reason));
             const auto error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason);
             {
-                std::lock_guard lock(session->mutex_);
+                MutexLocker lock(session->mutex_);
                 session->runtimeError_ = error;
             }
             session->postRuntimeError();
@@ -419,7 +419,7 @@ void CaptureSession::captureLoop(Run* run)
         for (const auto& output : run->outputs)
             output->captureFrame(frame, run->position);
         {
-            std::lock_guard lock(session->layersMutex_);
+            MutexLocker lock(session->layersMutex_);
             for (const auto& weakLayer : session->layers_) {
                 if (auto layer = weakLayer.lock())
                     layer->enqueueFrame(frame, run->position);

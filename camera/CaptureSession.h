@@ -22,10 +22,10 @@
 #include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "media/SampleBuffer.h"
+#include "base/ThreadSafety.h"
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -89,7 +89,9 @@ protected:
 
 private:
     friend class CaptureSession;
-    std::weak_ptr<CaptureSession> session_;  // guarded by the session's mutex
+    // Read and written only with the owning session's mutex_ held; the
+    // annotation cannot name another object's mutex.
+    std::weak_ptr<CaptureSession> session_;
 };
 
 class ZAVO_EXPORT CaptureDeviceInput final : public CaptureInput {
@@ -138,8 +140,8 @@ private:
     bool isInSession() const;
 
     const std::shared_ptr<CaptureConnection> connection_;
-    mutable std::mutex sessionMutex_;
-    std::weak_ptr<CaptureSession> session_;  // guarded by sessionMutex_
+    mutable Mutex sessionMutex_;
+    std::weak_ptr<CaptureSession> session_ ZAVO_GUARDED_BY(sessionMutex_);
 };
 
 // ----------------------------------------------------------------- session
@@ -201,7 +203,7 @@ private:
     friend class CaptureOutput;
     struct Run;
 
-    void addInputLocked(const std::shared_ptr<CaptureInput>& input);
+    void addInputLocked(const std::shared_ptr<CaptureInput>& input) ZAVO_REQUIRES(mutex_);
     void configurationChanged();
     void applyConfiguration();
     void startCapture();
@@ -212,13 +214,13 @@ private:
     void registerPreviewLayer(const std::weak_ptr<CaptureVideoPreviewLayer>& layer);
     void postRuntimeError();
 
-    mutable std::mutex mutex_;
-    std::vector<std::shared_ptr<CaptureInput>> inputs_;    // guarded by mutex_
-    std::vector<std::shared_ptr<CaptureOutput>> outputs_;  // guarded by mutex_
-    QString preset_ = CaptureSessionPreset::High;          // guarded by mutex_
-    int configurationDepth_ = 0;                           // guarded by mutex_
-    bool pendingChange_ = false;                           // guarded by mutex_
-    ErrorPtr runtimeError_;                                // guarded by mutex_
+    mutable Mutex mutex_;
+    std::vector<std::shared_ptr<CaptureInput>> inputs_ ZAVO_GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<CaptureOutput>> outputs_ ZAVO_GUARDED_BY(mutex_);
+    QString preset_ ZAVO_GUARDED_BY(mutex_) = CaptureSessionPreset::High;
+    int configurationDepth_ ZAVO_GUARDED_BY(mutex_) = 0;
+    bool pendingChange_ ZAVO_GUARDED_BY(mutex_) = false;
+    ErrorPtr runtimeError_ ZAVO_GUARDED_BY(mutex_);
 
     std::atomic<bool> running_{false};
     std::atomic<int64_t> capturedFrames_{0};
@@ -227,8 +229,8 @@ private:
 
     // Preview layers hold the session weakly, and the session them; the
     // capture thread walks this list for every frame.
-    mutable std::mutex layersMutex_;
-    std::vector<std::weak_ptr<CaptureVideoPreviewLayer>> layers_;  // guarded by layersMutex_
+    mutable Mutex layersMutex_;
+    std::vector<std::weak_ptr<CaptureVideoPreviewLayer>> layers_ ZAVO_GUARDED_BY(layersMutex_);
 };
 
 using CaptureSessionPtr = std::shared_ptr<CaptureSession>;

@@ -2,6 +2,7 @@
 
 #include "base/Log_p.h"
 #include "media/VideoFrameConverter_p.h"
+#include "base/ThreadSafety.h"
 
 #include <array>
 
@@ -12,10 +13,10 @@ struct CaptureVideoDataOutput::Core {
 
     std::weak_ptr<CaptureVideoDataOutput> owner;  // set once, before the first frame
 
-    std::mutex mutex;
-    std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate> delegate;  // guarded by mutex
-    DispatchQueuePtr queue;                                               // guarded by mutex
-    QVariantMap settings;                                                 // guarded by mutex
+    Mutex mutex;
+    std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate> delegate ZAVO_GUARDED_BY(mutex);
+    DispatchQueuePtr queue ZAVO_GUARDED_BY(mutex);
+    QVariantMap settings ZAVO_GUARDED_BY(mutex);
 
     // The delivery ring. The capture thread fills slots at head, the delegate
     // queue empties them at tail; inFlight counts filled slots and orders the
@@ -68,7 +69,7 @@ struct CaptureVideoDataOutput::Core {
         std::shared_ptr<Core> self = std::move(keepAlive[size_t(slot)]);
         std::shared_ptr<CaptureVideoDataOutputSampleBufferDelegate> target;
         {
-            std::lock_guard lock(mutex);
+            MutexLocker lock(mutex);
             target = delegate.lock();
         }
         auto output = owner.lock();
@@ -96,7 +97,7 @@ CaptureVideoDataOutput::~CaptureVideoDataOutput() = default;
 
 QVariantMap CaptureVideoDataOutput::videoSettings() const
 {
-    std::lock_guard lock(core_->mutex);
+    MutexLocker lock(core_->mutex);
     return core_->settings;
 }
 
@@ -106,14 +107,14 @@ void CaptureVideoDataOutput::setVideoSettings(const QVariantMap& settings)
     if (!settings.isEmpty() && format.isValid() && format.toUInt() != uint32_t(PixelFormat::BGRA32))
         qCWarning(lcCamera) << "video data output: only BGRA frames are offered; pixel format"
                             << Qt::hex << format.toUInt() << "ignored";
-    std::lock_guard lock(core_->mutex);
+    MutexLocker lock(core_->mutex);
     core_->settings = settings;
 }
 
 void CaptureVideoDataOutput::setSampleBufferDelegate(
     const std::weak_ptr<CaptureVideoDataOutputSampleBufferDelegate>& delegate, const DispatchQueuePtr& queue)
 {
-    std::lock_guard lock(core_->mutex);
+    MutexLocker lock(core_->mutex);
     core_->delegate = delegate;
     core_->queue = queue;
 }
@@ -130,7 +131,7 @@ void CaptureVideoDataOutput::captureFrame(const SampleBuffer& frame, CaptureDevi
     bool hasDelegate;
     DispatchQueuePtr queue;
     {
-        std::lock_guard lock(core.mutex);
+        MutexLocker lock(core.mutex);
         hasDelegate = !core.delegate.expired();
         queue = core.queue;
     }

@@ -21,14 +21,14 @@ CaptureVideoPreviewLayer::~CaptureVideoPreviewLayer() = default;
 
 QRectF CaptureVideoPreviewLayer::frame() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return frame_;
 }
 
 void CaptureVideoPreviewLayer::setFrame(const QRectF& frame)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (frame_ == frame)
             return;
         frame_ = frame;
@@ -38,14 +38,14 @@ void CaptureVideoPreviewLayer::setFrame(const QRectF& frame)
 
 CaptureVideoPreviewLayer::VideoGravity CaptureVideoPreviewLayer::videoGravity() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return gravity_;
 }
 
 void CaptureVideoPreviewLayer::setVideoGravity(VideoGravity gravity)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         gravity_ = gravity;
     }
     notify(Change::Geometry);
@@ -59,13 +59,13 @@ std::shared_ptr<CaptureConnection> CaptureVideoPreviewLayer::connection() const
 
 CaptureVideoPreviewLayer::Frame CaptureVideoPreviewLayer::newestFrame() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return newest_;
 }
 
 int64_t CaptureVideoPreviewLayer::receivedFrameCount() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return received_;
 }
 
@@ -73,7 +73,7 @@ void CaptureVideoPreviewLayer::enqueueFrame(const SampleBuffer& frame, CaptureDe
 {
     SampleBuffer previous;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         previous = std::exchange(newest_.sample, frame);
         newest_.position = position;
         ++received_;
@@ -85,7 +85,7 @@ void CaptureVideoPreviewLayer::enqueueFrame(const SampleBuffer& frame, CaptureDe
 
 int CaptureVideoPreviewLayer::addListener(Listener listener)
 {
-    std::lock_guard lock(listenersMutex_);
+    MutexLocker lock(listenersMutex_);
     const int token = nextToken_++;
     listeners_.emplace_back(token, std::move(listener));
     return token;
@@ -93,7 +93,7 @@ int CaptureVideoPreviewLayer::addListener(Listener listener)
 
 void CaptureVideoPreviewLayer::removeListener(int token)
 {
-    std::lock_guard lock(listenersMutex_);
+    MutexLocker lock(listenersMutex_);
     std::erase_if(listeners_, [token](const auto& entry) { return entry.first == token; });
 }
 
@@ -101,7 +101,7 @@ void CaptureVideoPreviewLayer::notify(Change change)
 {
     // Called under the lock so that removeListener() is a barrier: a view
     // that has removed itself is never called afterwards.
-    std::lock_guard lock(listenersMutex_);
+    MutexLocker lock(listenersMutex_);
     for (const auto& [token, listener] : listeners_)
         listener(change);
 }

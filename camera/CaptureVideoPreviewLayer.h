@@ -16,11 +16,11 @@
 #include "base/ZavoExport.h"
 #include "camera/CaptureSession.h"
 #include "media/SampleBuffer.h"
+#include "base/ThreadSafety.h"
 
 #include <QRectF>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace zavo::platform {
@@ -80,15 +80,15 @@ private:
     const std::weak_ptr<CaptureSession> session_;
     const std::shared_ptr<CaptureConnection> connection_;
 
-    mutable std::mutex mutex_;
-    Frame newest_;                                          // guarded by mutex_
-    int64_t received_ = 0;                                  // guarded by mutex_
-    QRectF frame_;                                          // guarded by mutex_
-    VideoGravity gravity_ = VideoGravity::ResizeAspectFill; // guarded by mutex_
+    mutable Mutex mutex_;
+    Frame newest_ ZAVO_GUARDED_BY(mutex_);
+    int64_t received_ ZAVO_GUARDED_BY(mutex_) = 0;
+    QRectF frame_ ZAVO_GUARDED_BY(mutex_);
+    VideoGravity gravity_ ZAVO_GUARDED_BY(mutex_) = VideoGravity::ResizeAspectFill;
 
-    mutable std::mutex listenersMutex_;
-    std::vector<std::pair<int, Listener>> listeners_;  // guarded by listenersMutex_
-    int nextToken_ = 1;                                // guarded by listenersMutex_
+    mutable Mutex listenersMutex_;
+    std::vector<std::pair<int, Listener>> listeners_ ZAVO_GUARDED_BY(listenersMutex_);
+    int nextToken_ ZAVO_GUARDED_BY(listenersMutex_) = 1;
 };
 
 using CaptureVideoPreviewLayerPtr = std::shared_ptr<CaptureVideoPreviewLayer>;

@@ -1,10 +1,10 @@
 #include "shell/CaptureVideoPreviewView_p.h"
 
 #include "media/VideoFrameConverter_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QPaintEvent>
 #include <QPainter>
-#include <mutex>
 
 namespace zavo::platform {
 
@@ -17,8 +17,8 @@ struct CaptureVideoPreviewView::Conversion {
     VideoFrameConverter converter;
     std::shared_ptr<PixelBufferPool> pool;
 
-    std::mutex mutex;
-    std::shared_ptr<PixelBuffer> ready;  // guarded by mutex: the newest BGRA frame
+    Mutex mutex;
+    std::shared_ptr<PixelBuffer> ready ZAVO_GUARDED_BY(mutex);  // the newest BGRA frame
 
     /// The frame turned and mirrored as the preview shows it, in BGRA; null
     /// when it cannot be converted.
@@ -99,7 +99,7 @@ void CaptureVideoPreviewView::convertNewest()
     if (!converted)
         return;
     {
-        std::lock_guard lock(conversion_->mutex);
+        MutexLocker lock(conversion_->mutex);
         std::swap(conversion_->ready, converted);
     }
     converted.reset();  // an unpainted frame goes back to its pool outside the lock
@@ -143,7 +143,7 @@ bool CaptureVideoPreviewView::takeConverted()
 {
     std::shared_ptr<PixelBuffer> ready;
     {
-        std::lock_guard lock(conversion_->mutex);
+        MutexLocker lock(conversion_->mutex);
         ready = conversion_->ready;
     }
     if (ready && ready != shown_) {

@@ -2,6 +2,7 @@
 #include "shell/DeviceScreen_p.h"
 
 #include "base/NotificationCenter.h"
+#include "base/ThreadSafety.h"
 
 #include <QGuiApplication>
 #include <QPointer>
@@ -9,7 +10,6 @@
 #include <QTimer>
 
 #include <bit>
-#include <mutex>
 
 namespace zavo::platform {
 
@@ -58,11 +58,11 @@ DeviceOrientation deviceOrientationFor(QStringView platformName, Qt::ScreenOrien
 
 namespace {
 
-std::mutex gMutex;
-DeviceOrientation gMeasured = DeviceOrientation::Unknown;  // guarded by gMutex
-std::optional<DeviceOrientation> gPinned;                  // guarded by gMutex
-QRectF gScreenBounds;                                      // guarded by gMutex
-std::optional<QRectF> gBoundsOverride;                     // guarded by gMutex
+Mutex gMutex;
+DeviceOrientation gMeasured ZAVO_GUARDED_BY(gMutex) = DeviceOrientation::Unknown;
+std::optional<DeviceOrientation> gPinned ZAVO_GUARDED_BY(gMutex);
+QRectF gScreenBounds ZAVO_GUARDED_BY(gMutex);
+std::optional<QRectF> gBoundsOverride ZAVO_GUARDED_BY(gMutex);
 
 // GUI thread only.
 QPointer<QScreen> gFollowed;
@@ -81,7 +81,7 @@ DeviceOrientation measure(const QScreen* screen)
 
 void cacheBounds(const QRect& geometry)
 {
-    std::lock_guard lock(gMutex);
+    MutexLocker lock(gMutex);
     gScreenBounds = QRectF(QPointF(0, 0), QSizeF(geometry.size()));
 }
 
@@ -99,7 +99,7 @@ void follow(QScreen* screen)
     const DeviceOrientation orientation = measure(screen);
     bool changed = false;
     {
-        std::lock_guard lock(gMutex);
+        MutexLocker lock(gMutex);
         changed = gMeasured != DeviceOrientation::Unknown && gMeasured != orientation;
     }
     // The first screen is taken in silence, as the state the process starts
@@ -107,7 +107,7 @@ void follow(QScreen* screen)
     if (changed)
         Device::setOrientation(orientation);
     else {
-        std::lock_guard lock(gMutex);
+        MutexLocker lock(gMutex);
         gMeasured = orientation;
     }
 }
@@ -138,14 +138,14 @@ Q_COREAPP_STARTUP_FUNCTION(startFollowingScreens)
 
 DeviceOrientation Device::orientation()
 {
-    std::lock_guard lock(gMutex);
+    MutexLocker lock(gMutex);
     return gPinned.value_or(gMeasured);
 }
 
 void Device::setOrientation(DeviceOrientation orientation)
 {
     {
-        std::lock_guard lock(gMutex);
+        MutexLocker lock(gMutex);
         gMeasured = orientation;
         if (gPinned)
             return;
@@ -158,7 +158,7 @@ void Device::setOrientationOverride(std::optional<DeviceOrientation> orientation
     DeviceOrientation before;
     DeviceOrientation after;
     {
-        std::lock_guard lock(gMutex);
+        MutexLocker lock(gMutex);
         before = gPinned.value_or(gMeasured);
         gPinned = orientation;
         after = gPinned.value_or(gMeasured);
@@ -169,7 +169,7 @@ void Device::setOrientationOverride(std::optional<DeviceOrientation> orientation
 
 std::optional<DeviceOrientation> Device::orientationOverride()
 {
-    std::lock_guard lock(gMutex);
+    MutexLocker lock(gMutex);
     return gPinned;
 }
 
@@ -177,13 +177,13 @@ void Device::followScreen(QScreen* screen) { follow(screen); }
 
 QRectF MainScreen::bounds()
 {
-    std::lock_guard lock(gMutex);
+    MutexLocker lock(gMutex);
     return gBoundsOverride.value_or(gScreenBounds);
 }
 
 void MainScreen::setBoundsOverride(std::optional<QRectF> bounds)
 {
-    std::lock_guard lock(gMutex);
+    MutexLocker lock(gMutex);
     gBoundsOverride = bounds;
 }
 

@@ -2,6 +2,7 @@
 
 #include "media/Asset.h"
 #include "camera/CaptureDevice_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QFileInfo>
 
@@ -101,8 +102,11 @@ public:
             start_ = Clock::now() - std::chrono::nanoseconds(streamNs);
         const auto due = *start_ + std::chrono::nanoseconds(streamNs);
         {
-            std::unique_lock lock(mutex_);
-            wake_.wait_until(lock, due, [&] { return interrupted_; });
+            MutexLocker lock(mutex_);
+            while (!interrupted_) {
+                if (mutex_.waitUntil(wake_, due) == std::cv_status::timeout)
+                    break;
+            }
             if (interrupted_)
                 return ReadResult::Interrupted;
         }
@@ -113,7 +117,7 @@ public:
     void interrupt() override
     {
         {
-            std::lock_guard lock(mutex_);
+            MutexLocker lock(mutex_);
             interrupted_ = true;
         }
         wake_.notify_all();
@@ -163,9 +167,9 @@ private:
     QString endReason_;
     bool counted_ = false;
 
-    std::mutex mutex_;
+    Mutex mutex_;
     std::condition_variable wake_;
-    bool interrupted_ = false;  // guarded by mutex_
+    bool interrupted_ ZAVO_GUARDED_BY(mutex_) = false;
 };
 
 std::shared_ptr<FileCaptureDevice> FileCaptureDevice::create(const QString& path, CaptureDevicePosition position,

@@ -3,6 +3,7 @@
 #include "camera/CaptureDevice_p.h"
 #include "camera/CaptureMovieFileOutput_p.h"
 #include "camera/CaptureVideoDataOutput_p.h"
+#include "base/ThreadSafety.h"
 
 #include <chrono>
 #include <cmath>
@@ -13,11 +14,11 @@
 namespace zavo::platform {
 
 struct SyntheticCaptureDevice::Shared {
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable wake;
-    std::deque<std::pair<std::shared_ptr<PixelBuffer>, std::optional<MediaTime>>> pushed;  // guarded by mutex
-    bool vanished = false;  // guarded by mutex
-    bool stopped = false;   // guarded by mutex
+    std::deque<std::pair<std::shared_ptr<PixelBuffer>, std::optional<MediaTime>>> pushed ZAVO_GUARDED_BY(mutex);
+    bool vanished ZAVO_GUARDED_BY(mutex) = false;
+    bool stopped ZAVO_GUARDED_BY(mutex) = false;
 };
 
 namespace {
@@ -74,22 +75,24 @@ public:
     {
         const auto& configuration = device_->configuration_;
         const bool manual = configuration.frameSource == SyntheticCaptureDevice::FrameSource::Manual;
-        std::unique_lock lock(shared_->mutex);
-        auto silenced = [&] {
-            return shared_->stopped || (configuration.stopAfterFrames >= 0 && index_ >= configuration.stopAfterFrames);
-        };
-        auto woken = [&] { return interrupted_ || shared_->vanished; };
+        MutexLocker lock(shared_->mutex);
         for (;;) {
             if (interrupted_)
                 return ReadResult::Interrupted;
             if (shared_->vanished)
                 return ReadResult::Ended;
-            if (silenced() || (manual && shared_->pushed.empty())) {
-                shared_->wake.wait(lock);
+            const bool silenced
+                = shared_->stopped || (configuration.stopAfterFrames >= 0 && index_ >= configuration.stopAfterFrames);
+            if (silenced || (manual && shared_->pushed.empty())) {
+                shared_->mutex.wait(shared_->wake);
                 continue;
             }
             if (!manual && std::chrono::steady_clock::now() < deadlineOf(index_)) {
-                shared_->wake.wait_until(lock, deadlineOf(index_), woken);
+                const auto deadline = deadlineOf(index_);
+                while (!interrupted_ && !shared_->vanished) {
+                    if (shared_->mutex.waitUntil(shared_->wake, deadline) == std::cv_status::timeout)
+                        break;
+                }
                 continue;
             }
             break;
@@ -123,7 +126,7 @@ public:
     void interrupt() override
     {
         {
-            std::lock_guard lock(shared_->mutex);
+            MutexLocker lock(shared_->mutex);
             interrupted_ = true;
         }
         shared_->wake.notify_all();
@@ -150,7 +153,7 @@ private:
     const std::chrono::steady_clock::time_point start_;
     std::shared_ptr<PixelBufferPool> pool_;
     int64_t index_ = 0;         // capture thread only
-    bool interrupted_ = false;  // guarded by shared_->mutex
+    bool interrupted_ ZAVO_GUARDED_BY(shared_->mutex) = false;
 };
 
 CaptureDeviceFormatPtr SyntheticCaptureDevice::makeFormat(const char (&code)[5], int width, int height,
@@ -184,7 +187,7 @@ void SyntheticCaptureDevice::pushFrame(std::shared_ptr<PixelBuffer> pixels, std:
     if (!pixels)
         return;
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLocker lock(shared_->mutex);
         shared_->pushed.emplace_back(std::move(pixels), presentationTime);
     }
     shared_->wake.notify_all();
@@ -193,7 +196,7 @@ void SyntheticCaptureDevice::pushFrame(std::shared_ptr<PixelBuffer> pixels, std:
 void SyntheticCaptureDevice::disconnect()
 {
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLocker lock(shared_->mutex);
         shared_->vanished = true;
     }
     shared_->wake.notify_all();
@@ -204,7 +207,7 @@ void SyntheticCaptureDevice::disconnect()
 void SyntheticCaptureDevice::stopFrames()
 {
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLocker lock(shared_->mutex);
         shared_->stopped = true;
     }
     shared_->wake.notify_all();

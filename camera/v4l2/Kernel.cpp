@@ -1,9 +1,9 @@
 #include "camera/v4l2/Kernel_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QDir>
 
 #include <cerrno>
-#include <mutex>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -74,7 +74,7 @@ public:
 
     bool nodesChanged() override
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (!watch_)
             return true;
         // Any event under /dev may be a camera: udev creates the node, then
@@ -98,9 +98,9 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    Mutex mutex_;
     UniqueFd watch_;     // set once in the constructor
-    bool first_ = true;  // guarded by mutex_
+    bool first_ ZAVO_GUARDED_BY(mutex_) = true;
 };
 
 }  // namespace

@@ -110,7 +110,7 @@ Provider::Provider(std::shared_ptr<Kernel> kernel) : kernel_(std::move(kernel)) 
 
 std::vector<CaptureDevicePtr> Provider::devices()
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     if (!kernel_->nodesChanged())
         return devices_;
 

@@ -6,8 +6,8 @@
 #include "base/ZavoExport.h"
 #include "camera/CaptureDevice.h"
 #include "camera/v4l2/Kernel_p.h"
+#include "base/ThreadSafety.h"
 
-#include <mutex>
 
 namespace zavo::platform::v4l2 {
 
@@ -19,9 +19,9 @@ public:
 
 private:
     const std::shared_ptr<Kernel> kernel_;
-    std::mutex mutex_;
-    std::vector<CaptureDevicePtr> devices_;  // guarded by mutex_
-    QStringList refused_;                    // guarded by mutex_; nodes already logged as forbidden
+    Mutex mutex_;
+    std::vector<CaptureDevicePtr> devices_ ZAVO_GUARDED_BY(mutex_);
+    QStringList refused_ ZAVO_GUARDED_BY(mutex_);  // nodes already logged as forbidden
 };
 
 /// Front for a camera built into the machine, going by its card name;
