@@ -1,5 +1,6 @@
 // The camera platform: discovery, devices, sessions, the frame output, the
 // preview, permission and orientation, driven through synthetic cameras.
+#include "base/ThreadSafety.h"
 #include "CameraTestSupport.h"
 
 #include "camera/CaptureAuthorization_p.h"
@@ -56,35 +57,36 @@ public:
     void captureOutputDidOutputSampleBuffer(CaptureVideoDataOutput&, const SampleBuffer& sampleBuffer,
                                             CaptureConnection&) override
     {
-        std::unique_lock lock(mutex);
+        zavo::MutexLocker lock(mutex);
         frames.push_back(sampleBuffer);
         changed.notify_all();
-        changed.wait(lock, [&] { return !holding; });
+        while (holding)
+            mutex.wait(changed);
     }
 
     void hold()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         holding = true;
     }
     void release()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         holding = false;
         changed.notify_all();
     }
     std::vector<SampleBuffer> received()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         return frames;
     }
     size_t count() { return received().size(); }
 
 private:
-    std::mutex mutex;
+    zavo::Mutex mutex;
     std::condition_variable changed;
-    std::vector<SampleBuffer> frames;  // guarded by mutex
-    bool holding = false;              // guarded by mutex
+    std::vector<SampleBuffer> frames ZAVO_GUARDED_BY(mutex);
+    bool holding ZAVO_GUARDED_BY(mutex) = false;
 };
 
 struct RunningSession {

@@ -1,6 +1,7 @@
 // The capture manager against synthetic cameras: permission, configuration,
 // format choice, frames, switching, preview layer, orientation, recorder
 // callbacks, and a clean end.
+#include "base/ThreadSafety.h"
 #include "CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
@@ -91,12 +92,12 @@ public:
     void videoSaveProcessBegan() override { ++began; }
     void videoSavedWithError(ErrorPtr error) override
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         saved.push_back(error);
     }
     std::vector<ErrorPtr> savedErrors()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         return saved;
     }
 
@@ -105,8 +106,8 @@ public:
     std::atomic<int> began{0};
 
 private:
-    std::mutex mutex;
-    std::vector<ErrorPtr> saved;  // guarded by mutex
+    zavo::Mutex mutex;
+    std::vector<ErrorPtr> saved ZAVO_GUARDED_BY(mutex);
 };
 
 /// A policy that answers "granted" but whose status says otherwise, to see
@@ -124,10 +125,10 @@ public:
 
 /// Frames the handler saw; the handler can be held to make frames late.
 struct HandlerProbe {
-    std::mutex mutex;
+    zavo::Mutex mutex;
     std::condition_variable changed;
-    std::vector<SampleBuffer> frames;  // guarded by mutex
-    bool holding = false;              // guarded by mutex
+    std::vector<SampleBuffer> frames ZAVO_GUARDED_BY(mutex);
+    bool holding ZAVO_GUARDED_BY(mutex) = false;
     std::atomic<int> inside{0};
     std::atomic<bool> overlapped{false};
     std::atomic<bool> offQueue{false};
@@ -140,21 +141,22 @@ struct HandlerProbe {
                 overlapped = true;
             if (!queue->isCurrent())
                 offQueue = true;
-            std::unique_lock lock(mutex);
+            zavo::MutexLocker lock(mutex);
             frames.push_back(frame);
             changed.notify_all();
-            changed.wait(lock, [&] { return !holding; });
+            while (holding)
+            mutex.wait(changed);
             inside.fetch_sub(1);
         };
     }
     size_t count()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         return frames.size();
     }
     void hold(bool on)
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         holding = on;
         changed.notify_all();
     }
@@ -429,7 +431,7 @@ private slots:
         QVERIFY(!device->isOpen());
         QVERIFY(!probe.overlapped.load());
         QVERIFY(!probe.offQueue.load());
-        std::lock_guard lock(probe.mutex);
+        zavo::MutexLocker lock(probe.mutex);
         for (size_t i = 0; i < probe.frames.size(); ++i) {
             const auto& pixels = *probe.frames[i].imageBuffer();
             QCOMPARE(pixels.pixelFormat(), PixelFormat::BGRA32);
@@ -510,10 +512,10 @@ private slots:
 
         // Without a session: logged once, answered twice.
         std::vector<CaptureVideoPreviewLayerPtr> answers;
-        std::mutex mutex;
+        zavo::Mutex mutex;
         QTest::ignoreMessage(QtWarningMsg, "Error: session not configurred!");
         manager->findPreviewLayerWithCompletion([&](CaptureVideoPreviewLayerPtr layer) {
-            std::lock_guard lock(mutex);
+            zavo::MutexLocker lock(mutex);
             answers.push_back(layer);
         });
         drain(manager);

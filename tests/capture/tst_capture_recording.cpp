@@ -1,6 +1,7 @@
 // Whole capture sessions with a file camera and recording on, through each
 // recorder, checked with FFmpeg's own prober; and the bad inputs: corrupt
 // files, an unwritable Documents folder.
+#include "base/ThreadSafety.h"
 #include "CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
@@ -69,19 +70,19 @@ public:
     void videoSaveProcessBegan() override { ++began; }
     void videoSavedWithError(ErrorPtr error) override
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         saved.push_back(error);
     }
     std::vector<ErrorPtr> savedErrors()
     {
-        std::lock_guard lock(mutex);
+        zavo::MutexLocker lock(mutex);
         return saved;
     }
     std::atomic<int> began{0};
 
 private:
-    std::mutex mutex;
-    std::vector<ErrorPtr> saved;  // guarded by mutex
+    zavo::Mutex mutex;
+    std::vector<ErrorPtr> saved ZAVO_GUARDED_BY(mutex);
 };
 
 /// A short clip made with the platform's own writer, for looping.
@@ -307,16 +308,16 @@ private slots:
             }
             void add(const QString& event)
             {
-                std::lock_guard lock(mutex);
+                zavo::MutexLocker lock(mutex);
                 events << event;
             }
             QStringList seen()
             {
-                std::lock_guard lock(mutex);
+                zavo::MutexLocker lock(mutex);
                 return events;
             }
-            std::mutex mutex;
-            QStringList events;  // guarded by mutex
+            zavo::Mutex mutex;
+            QStringList events ZAVO_GUARDED_BY(mutex);
         };
         auto camera = SyntheticCaptureDevice::create(
             {.formats = {SyntheticCaptureDevice::makeFormat("420v", 160, 288)}});

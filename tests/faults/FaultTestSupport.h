@@ -3,6 +3,7 @@
 // builder, a record of every log line, the recorder's reports as the screen
 // receives them, and the process's threads, descriptors and stray files
 // before and after a fault.
+#include "base/ThreadSafety.h"
 #include "ScreenTestSupport.h"
 #include "ProcessCounters.h"
 
@@ -46,12 +47,12 @@ public:
     }
     void clear()
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         lines_.clear();
     }
     QStringList lines() const
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         return lines_;
     }
     bool contains(const QString& exact) const { return lines().contains(exact); }
@@ -68,14 +69,14 @@ private:
     {
         LogRecorder& self = instance();
         {
-            std::lock_guard lock(self.mutex_);
+            zavo::MutexLocker lock(self.mutex_);
             self.lines_ << message;
         }
         if (self.previous_)
             self.previous_(type, context, message);
     }
-    mutable std::mutex mutex_;
-    QStringList lines_;  // guarded by mutex_
+    mutable zavo::Mutex mutex_;
+    QStringList lines_ ZAVO_GUARDED_BY(mutex_);
     QtMessageHandler previous_ = nullptr;
 };
 
@@ -100,7 +101,7 @@ public:
     void videoSavedWithError(platform::ErrorPtr error) override
     {
         {
-            std::lock_guard lock(mutex_);
+            zavo::MutexLocker lock(mutex_);
             saved_.push_back(error);
         }
         if (auto target = screen_.lock())
@@ -110,7 +111,7 @@ public:
     int began() const { return began_.load(); }
     std::vector<platform::ErrorPtr> saved() const
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         return saved_;
     }
     /// The reports in short: "ok", "media" for an error of the media layer
@@ -132,8 +133,8 @@ public:
 private:
     std::weak_ptr<ZMCameraCaptureManagerDelegate> screen_;
     std::atomic<int> began_{0};
-    mutable std::mutex mutex_;
-    std::vector<platform::ErrorPtr> saved_;  // guarded by mutex_
+    mutable zavo::Mutex mutex_;
+    std::vector<platform::ErrorPtr> saved_ ZAVO_GUARDED_BY(mutex_);
 };
 
 enum class Recorder { FrameDump, MovieOutput };

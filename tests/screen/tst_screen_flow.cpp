@@ -2,6 +2,7 @@
 // and customized, and how it answers every kind of detector report, the
 // liveness and recording callbacks and the user's buttons. No camera is
 // registered, so capture runs without frames unless a test adds one.
+#include "base/ThreadSafety.h"
 #include "ScreenTestSupport.h"
 
 #include "camera/CaptureDevice.h"
@@ -579,25 +580,25 @@ private slots:
             platform::AuthorizationStatus authorizationStatus() override { return AuthorizationStatus::NotDetermined; }
             void requestAccess(std::function<void(bool)> completion) override
             {
-                std::lock_guard lock(mutex);
+                zavo::MutexLocker lock(mutex);
                 pending = std::move(completion);
             }
             bool asked()
             {
-                std::lock_guard lock(mutex);
+                zavo::MutexLocker lock(mutex);
                 return bool(pending);
             }
             void answer(bool granted)
             {
                 std::function<void(bool)> completion;
                 {
-                    std::lock_guard lock(mutex);
+                    zavo::MutexLocker lock(mutex);
                     completion = std::exchange(pending, nullptr);
                 }
                 completion(granted);
             }
-            std::mutex mutex;
-            std::function<void(bool)> pending;  // guarded by mutex
+            zavo::Mutex mutex;
+            std::function<void(bool)> pending ZAVO_GUARDED_BY(mutex);
         };
         auto policy = std::make_shared<PendingPolicy>();
         platform::CaptureAuthorization::setPolicy(policy);

@@ -1,3 +1,4 @@
+#include "base/ThreadSafety.h"
 #include "FakeV4L2Kernel.h"
 
 #include <QDebug>
@@ -79,14 +80,14 @@ FakeV4L2Kernel::FakeV4L2Kernel() = default;
 
 FakeV4L2Kernel::~FakeV4L2Kernel()
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     if (!handles_.empty())
         qWarning() << "FakeV4L2Kernel: destroyed with" << handles_.size() << "descriptors open";
 }
 
 void FakeV4L2Kernel::plug(const QString& node, std::shared_ptr<const FakeCamera> camera)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     auto entry = std::make_shared<Node>();
     entry->camera = std::move(camera);
     nodes_[node] = entry;
@@ -95,7 +96,7 @@ void FakeV4L2Kernel::plug(const QString& node, std::shared_ptr<const FakeCamera>
 
 void FakeV4L2Kernel::unplug(const QString& node)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     auto found = nodes_.find(node);
     if (found == nodes_.end())
         return;
@@ -106,7 +107,7 @@ void FakeV4L2Kernel::unplug(const QString& node)
 
 std::optional<FakeV4L2Kernel::Negotiated> FakeV4L2Kernel::negotiated(const QString& node) const
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     auto found = negotiated_.find(node);
     if (found == negotiated_.end())
         return std::nullopt;
@@ -115,25 +116,25 @@ std::optional<FakeV4L2Kernel::Negotiated> FakeV4L2Kernel::negotiated(const QStri
 
 int64_t FakeV4L2Kernel::deliveredFrames() const
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     return delivered_;
 }
 
 int FakeV4L2Kernel::openDescriptors() const
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     return int(handles_.size());
 }
 
 int FakeV4L2Kernel::liveMappings() const
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     return mappings_;
 }
 
 QStringList FakeV4L2Kernel::videoNodes()
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     QStringList names;
     for (const auto& [name, node] : nodes_)
         names << name;
@@ -142,7 +143,7 @@ QStringList FakeV4L2Kernel::videoNodes()
 
 bool FakeV4L2Kernel::nodesChanged()
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     return std::exchange(changed_, false);
 }
 
@@ -154,7 +155,7 @@ FakeV4L2Kernel::Handle* FakeV4L2Kernel::handleOf(int fd)
 
 int FakeV4L2Kernel::open(const QString& path, int)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     const QString name = path.section(QLatin1Char('/'), -1);
     auto found = nodes_.find(name);
     if (!path.startsWith(QLatin1String("/dev/")) || found == nodes_.end()) {
@@ -175,7 +176,7 @@ int FakeV4L2Kernel::open(const QString& path, int)
 
 int FakeV4L2Kernel::close(int fd)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     auto found = handles_.find(fd);
     if (found == handles_.end())
         return ::close(fd);  // a real descriptor (eventfd)
@@ -193,7 +194,7 @@ ssize_t FakeV4L2Kernel::write(int fd, const void* buffer, size_t size) { return 
 
 void* FakeV4L2Kernel::mmap(size_t length, int, int, int fd, off_t offset)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     Handle* handle = handleOf(fd);
     const size_t index = size_t(offset) / kMmapStride;
     if (!handle || !handle->node->present || index >= handle->buffers.size() || length > handle->buffers[index].size()) {
@@ -206,7 +207,7 @@ void* FakeV4L2Kernel::mmap(size_t length, int, int, int fd, off_t offset)
 
 int FakeV4L2Kernel::munmap(void*, size_t)
 {
-    std::lock_guard lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     --mappings_;
     return 0;
 }
@@ -230,7 +231,7 @@ int FakeV4L2Kernel::poll(pollfd* fds, nfds_t count, int timeoutMs)
         int ready = 0;
         auto wait = std::chrono::milliseconds(timeoutMs < 0 ? 1000 : timeoutMs);
         {
-            std::lock_guard lock(mutex_);
+            zavo::MutexLocker lock(mutex_);
             const auto now = Clock::now();
             for (nfds_t i = 0; i < count; ++i) {
                 fds[i].revents = 0;
@@ -278,7 +279,7 @@ int FakeV4L2Kernel::poll(pollfd* fds, nfds_t count, int timeoutMs)
 int FakeV4L2Kernel::ioctl(int fd, unsigned long request, void* argument)
 {
     FrameFeed feed;
-    std::unique_lock lock(mutex_);
+    zavo::MutexLocker lock(mutex_);
     Handle* handle = handleOf(fd);
     if (!handle) {
         errno = EBADF;

@@ -5,6 +5,7 @@
 // (busy, forbidden, unplugged, a format listed and then refused, damaged
 // frames). Real descriptors (the stream's wake-up eventfd) pass through to
 // the machine's kernel.
+#include "base/ThreadSafety.h"
 #include "V4L2FormatList.h"
 #include "camera/v4l2/Kernel_p.h"
 
@@ -94,18 +95,18 @@ private:
     struct Handle;
     using Clock = std::chrono::steady_clock;
 
-    int ioctlLocked(Handle& handle, unsigned long request, void* argument);
-    Handle* handleOf(int fd);
+    int ioctlLocked(Handle& handle, unsigned long request, void* argument) ZAVO_REQUIRES(mutex_);
+    Handle* handleOf(int fd) ZAVO_REQUIRES(mutex_);
     bool frameDue(const Handle& handle, Clock::time_point now, Clock::time_point* due) const;
 
-    mutable std::mutex mutex_;
-    std::map<QString, std::shared_ptr<Node>> nodes_;     // guarded by mutex_
-    std::map<int, std::unique_ptr<Handle>> handles_;      // guarded by mutex_
-    std::map<QString, Negotiated> negotiated_;            // guarded by mutex_
-    int nextFd_ = 100000;                                 // guarded by mutex_
-    bool changed_ = true;                                 // guarded by mutex_
-    int64_t delivered_ = 0;                               // guarded by mutex_
-    int mappings_ = 0;                                    // guarded by mutex_
+    mutable zavo::Mutex mutex_;
+    std::map<QString, std::shared_ptr<Node>> nodes_ ZAVO_GUARDED_BY(mutex_);
+    std::map<int, std::unique_ptr<Handle>> handles_ ZAVO_GUARDED_BY(mutex_);
+    std::map<QString, Negotiated> negotiated_ ZAVO_GUARDED_BY(mutex_);
+    int nextFd_ ZAVO_GUARDED_BY(mutex_) = 100000;
+    bool changed_ ZAVO_GUARDED_BY(mutex_) = true;
+    int64_t delivered_ ZAVO_GUARDED_BY(mutex_) = 0;
+    int mappings_ ZAVO_GUARDED_BY(mutex_) = 0;
 };
 
 /// A feed that plays a video file: each frame is fitted into the asked size

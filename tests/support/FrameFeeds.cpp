@@ -1,5 +1,6 @@
 // Frame feeds for the fake V4L2 kernel: a face clip re-encoded the way a
 // webcam would send it, or the JPEG frames of a real webcam recording.
+#include "base/ThreadSafety.h"
 #include "FakeV4L2Kernel.h"
 
 #include "media/FFmpeg_p.h"
@@ -145,7 +146,7 @@ public:
             return {};
         const size_t at = size_t(index % int64_t(frames_.size()));
         {
-            std::lock_guard lock(mutex_);
+            zavo::MutexLocker lock(mutex_);
             auto& cached = cache_[{fourcc, width, height}];
             cached.resize(frames_.size());
             if (!cached[at].isEmpty())
@@ -165,15 +166,15 @@ public:
             if (auto picture = fitted(*frames_[at], width, height, AV_PIX_FMT_NV12))
                 bytes = packed(*picture);
         }
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         cache_[{fourcc, width, height}][at] = bytes;
         return bytes;
     }
 
 private:
     const std::vector<AVFrameUPtr> frames_;
-    std::mutex mutex_;
-    std::map<std::tuple<uint32_t, int, int>, std::vector<QByteArray>> cache_;  // guarded by mutex_
+    zavo::Mutex mutex_;
+    std::map<std::tuple<uint32_t, int, int>, std::vector<QByteArray>> cache_ ZAVO_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 // What the camera screen's suites share: a host delegate that records each
 // outcome with the thread it arrived on, and a detector the test scripts.
+#include "base/ThreadSafety.h"
 #include "camera-screen/ZMCameraBuilder.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 #include "media/Asset.h"
@@ -69,7 +70,7 @@ public:
     }
     void videoFinished(std::optional<QString> videoFile, platform::ErrorPtr error) override
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         finals_.push_back({std::move(videoFile), std::move(error), int(outcomes_.size())});
     }
 
@@ -81,13 +82,13 @@ public:
     };
     std::vector<VideoFinal> finals() const
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         return finals_;
     }
 
     std::vector<Outcome> outcomes() const
     {
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         return outcomes_;
     }
     int count() const { return int(outcomes().size()); }
@@ -101,12 +102,12 @@ private:
     void record(Outcome outcome)
     {
         ++*tally;
-        std::lock_guard lock(mutex_);
+        zavo::MutexLocker lock(mutex_);
         outcomes_.push_back(std::move(outcome));
     }
-    mutable std::mutex mutex_;
-    std::vector<Outcome> outcomes_;  // guarded by mutex_
-    std::vector<VideoFinal> finals_;  // guarded by mutex_
+    mutable zavo::Mutex mutex_;
+    std::vector<Outcome> outcomes_ ZAVO_GUARDED_BY(mutex_);
+    std::vector<VideoFinal> finals_ ZAVO_GUARDED_BY(mutex_);
 };
 
 /// Installs the default permission policy's replacement for one test.
