@@ -6,6 +6,7 @@
 
 #include "capture/ZMCameraCaptureManager.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "base/ProcessInfo_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
 
@@ -122,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const double width = consumeWanted(input, 720.0);
     const double height = consumeWanted(input, 1280.0);
     const double fps = consumeWanted(input, 30.0);
-    MainScreen::setBoundsOverride(QRectF(0, 0, 320, input.ConsumeBool() ? 480 : 568));
+    screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, input.ConsumeBool() ? 480 : 568));
     // Both recorders: the movie-output one (16.0) and the frame-dump one.
     ProcessInfo::setOperatingSystemVersion({input.ConsumeBool() ? 16 : 15, 0, 0});
 

@@ -181,7 +181,7 @@ QRectF MainScreen::bounds()
     return gBoundsOverride.value_or(gScreenBounds);
 }
 
-void MainScreen::setBoundsOverride(std::optional<QRectF> bounds)
+void screens::setMainScreenBoundsOverride(std::optional<QRectF> bounds)
 {
     MutexLocker lock(gMutex);
     gBoundsOverride = bounds;

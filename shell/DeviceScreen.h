@@ -56,11 +56,8 @@ public:
 class ZAVO_EXPORT MainScreen {
 public:
     /// The followed screen's geometry in points, as last seen on the GUI
-    /// thread, or the override. Empty when there is no screen. Thread-safe.
+    /// thread. Empty when there is no screen. Thread-safe.
     static QRectF bounds();
-    /// Replaces the real bounds for the whole process (tests, kiosks);
-    /// nullopt goes back to the real screen.
-    static void setBoundsOverride(std::optional<QRectF> bounds);
 };
 
 }  // namespace zavo::platform

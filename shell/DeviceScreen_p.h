@@ -4,8 +4,10 @@
 #include "base/ZavoExport.h"
 #include "camera/CaptureTypes.h"
 
+#include <QRectF>
 #include <QStringView>
 #include <Qt>
+#include <optional>
 
 namespace zavo::platform::screens {
 
@@ -14,5 +16,10 @@ namespace zavo::platform::screens {
 /// Qt::PrimaryOrientation when the plug-in does not know it).
 ZAVO_EXPORT DeviceOrientation deviceOrientationFor(QStringView platformName, Qt::ScreenOrientation native,
                                        Qt::ScreenOrientation orientation);
+
+/// Replaces the main screen's real bounds (MainScreen::bounds) for the whole
+/// process, so that suites and benchmarks get the same frame geometry on any
+/// machine; nullopt goes back to the real screen.
+ZAVO_EXPORT void setMainScreenBoundsOverride(std::optional<QRectF> bounds);
 
 }  // namespace zavo::platform::screens

@@ -16,6 +16,7 @@
 // Usage: bench_capture [--quick]   (--quick shortens the long session to 8 s)
 #include "capture/ZMCameraCaptureManager.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "base/FileSystem.h"
 #include "base/ProcessInfo_p.h"
@@ -425,7 +426,7 @@ int main(int argc, char** argv)
     QTemporaryDir documents;
     setDocumentsDirectory(documents.path());
     CaptureDeviceRegistry::shared().setProviders({});
-    MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
+    screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, 568));
     const QString clip = QStringLiteral(ZAVO_TEST_DATA_DIR "/A_zoom_blur_dark.mp4");
 
 #ifdef ZAVO_COUNT_ALLOCATIONS
@@ -446,6 +447,6 @@ int main(int argc, char** argv)
     recordedSession(clip, quick ? 8 : 30);
     std::printf("\n4. Start-up latency\n");
     timeToFirstFrame(clip, 10);
-    MainScreen::setBoundsOverride(std::nullopt);
+    screens::setMainScreenBoundsOverride(std::nullopt);
     return 0;
 }

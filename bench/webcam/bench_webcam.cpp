@@ -16,6 +16,7 @@
 #include "camera/CaptureDevice_p.h"
 #include "camera/CaptureSession.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "media/FFmpeg_p.h"
 #include "base/NotificationCenter.h"
 
@@ -227,7 +228,7 @@ int main(int argc, char** argv)
     qputenv("QT_LOGGING_RULES", "zavo.*.info=false;zavo.*.debug=false;zavo.camera.warning=false");
     QCoreApplication app(argc, argv);
     const bool quick = app.arguments().contains(QStringLiteral("--quick"));
-    MainScreen::setBoundsOverride(QRectF(0, 0, 360, 640));
+    screens::setMainScreenBoundsOverride(QRectF(0, 0, 360, 640));
     CaptureDeviceRegistry::shared().unregisterAll();
     std::printf("1. CPU per frame, webcam to handler\n");
     framePathCpu(quick ? 90 : 300);

@@ -591,11 +591,11 @@ private slots:
         // The real (offscreen) screen is known; an override replaces it for
         // every thread.
         QVERIFY(!MainScreen::bounds().isEmpty());
-        MainScreen::setBoundsOverride(QRectF(0, 0, 320, 480));
+        screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, 480));
         QRectF fromQueue;
         DispatchQueue::create("test.bounds")->sync([&] { fromQueue = MainScreen::bounds(); });
         QCOMPARE(fromQueue, QRectF(0, 0, 320, 480));
-        MainScreen::setBoundsOverride(std::nullopt);
+        screens::setMainScreenBoundsOverride(std::nullopt);
     }
 };
 

@@ -7,6 +7,7 @@
 #include "camera/CaptureDevice_p.h"
 #include "camera/CaptureSession.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "base/NotificationCenter.h"
 #include "camera/v4l2/Enumeration_p.h"
 #include "camera/v4l2/Provider_p.h"
@@ -312,7 +313,7 @@ private slots:
         QCOMPARE(cameras[2].position, CaptureDevicePosition::Back);
 
         // Switching goes from the front camera to a back one and back.
-        MainScreen::setBoundsOverride(QRectF(0, 0, 360, 640));
+        screens::setMainScreenBoundsOverride(QRectF(0, 0, 360, 640));
         auto manager = ZMCameraCaptureManager::create();
         manager->configureWithCameraPosition(CaptureDevicePosition::Front, {});
         manager->captureSessionQueue()->sync([] {});
@@ -325,7 +326,7 @@ private slots:
         manager->captureSessionQueue()->sync([] {});
         QCOMPARE(manager->session()->videoDevice()->location(), QStringLiteral("/dev/video4"));
         manager.reset();
-        MainScreen::setBoundsOverride({});
+        screens::setMainScreenBoundsOverride({});
 
         // Unplugged: gone from the list; the pick waits for its return.
         QTest::ignoreMessage(QtInfoMsg, QRegularExpression("/dev/video4 .* is gone"));

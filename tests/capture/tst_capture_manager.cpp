@@ -8,6 +8,7 @@
 #include "camera/CaptureAuthorization_p.h"
 #include "camera/CaptureVideoDataOutput_p.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "base/FileSystem.h"
 #include "base/ProcessInfo_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
@@ -190,7 +191,7 @@ private slots:
         CaptureDeviceRegistry::shared().setProviders({});
         CaptureDeviceRegistry::shared().unregisterAll();
         CaptureAuthorization::setPolicy(nullptr);
-        MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
+        screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, 568));
         Device::setOrientation(DeviceOrientation::Portrait);
         ProcessInfo::resetOperatingSystemVersion();
     }
@@ -388,7 +389,7 @@ private slots:
         if (refusesSizePresets)
             configuration.unsupportedPresets = {CaptureSessionPreset::Preset640x480, CaptureSessionPreset::Preset1280x720};
         auto device = registerCamera(configuration);
-        MainScreen::setBoundsOverride(QRectF(0, 0, 320, screenHeight));
+        screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, screenHeight));
         if (!logLine.isEmpty())
             QTest::ignoreMessage(QtInfoMsg, qPrintable(logLine));
         auto manager = ZMCameraCaptureManager::create();

@@ -9,6 +9,7 @@
 #include "camera/CaptureVideoDataOutput_p.h"
 #include "camera/CaptureMovieFileOutput_p.h"
 #include "shell/DeviceScreen.h"
+#include "shell/DeviceScreen_p.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "base/FileSystem.h"
 #include "base/ProcessInfo_p.h"
@@ -140,7 +141,7 @@ private slots:
         QVERIFY(scratch.isValid());
         QVERIFY(QFile::exists(kClip));
         CaptureDeviceRegistry::shared().setProviders({});
-        MainScreen::setBoundsOverride(QRectF(0, 0, 320, 568));
+        screens::setMainScreenBoundsOverride(QRectF(0, 0, 320, 568));
         baselineThreads = processThreadCount();
     }
 
