@@ -3,6 +3,7 @@
 
 #include "base/Log_p.h"
 #include "zavoweb/NetworkingError.h"
+#include "base/ThreadSafety.h"
 
 #include <QBuffer>
 #include <QJsonDocument>
@@ -114,7 +115,7 @@ public:
             reply->disconnect(this);
             reply->abort();
         }
-        std::lock_guard lock(inboxMutex_);
+        MutexLocker lock(inboxMutex_);
         inbox_.clear();
     }
 
@@ -126,7 +127,7 @@ public:
         // Posting under the lock only queues an event, it never waits; it
         // orders this thread's last touch of the session before the session's
         // destructor, which takes the same lock on the network thread.
-        std::lock_guard lock(inboxMutex_);
+        MutexLocker lock(inboxMutex_);
         inbox_.push_back({image, std::move(completion)});
         QMetaObject::invokeMethod(this, "sendPending", Qt::QueuedConnection);
     }
@@ -135,7 +136,7 @@ public:
     {
         std::deque<Request> requests;
         {
-            std::lock_guard lock(inboxMutex_);
+            MutexLocker lock(inboxMutex_);
             requests.swap(inbox_);
         }
         for (Request& request : requests)
@@ -175,8 +176,8 @@ private:
 
     Settings settings_;
     QNetworkAccessManager* network_ = nullptr;  // child of this session
-    std::mutex inboxMutex_;
-    std::deque<Request> inbox_;  // guarded by inboxMutex_
+    Mutex inboxMutex_;
+    std::deque<Request> inbox_ ZAVO_GUARDED_BY(inboxMutex_);
 };
 
 ZWLivenessClient::ZWLivenessClient(Settings settings) : settings_(std::move(settings)), thread_(std::make_unique<QThread>())
