@@ -131,14 +131,12 @@ std::weak_ptr<ZMCameraViewController> ZMCameraViewController::weakSelf() { retur
 
 std::shared_ptr<ZMCameraDelegate> ZMCameraViewController::delegate() const
 {
-    std::lock_guard lock(delegateMutex_);
-    return delegate_.lock();
+    return delegate_.with([](const std::weak_ptr<ZMCameraDelegate>& delegate) { return delegate.lock(); });
 }
 
 void ZMCameraViewController::setDelegate(std::weak_ptr<ZMCameraDelegate> delegate)
 {
-    std::lock_guard lock(delegateMutex_);
-    delegate_ = std::move(delegate);
+    delegate_.set(std::move(delegate));
 }
 
 void ZMCameraViewController::setConfiguration(core::ZCZavoConfigurationPtr configuration)

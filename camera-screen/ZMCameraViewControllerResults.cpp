@@ -43,7 +43,7 @@ void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus st
         {
             // Read later on a recorder thread, which must never wait for the
             // main queue: it may not run again (the host is quitting).
-            std::lock_guard lock(videoPolicyMutex_);
+            MutexLocker lock(videoPolicyMutex_);
             saveOnlyFaceVideo_ = requiredConfiguration("the video is saved").saveOnlyFaceVideo;
             videoPolicyDetector_ = bestShotDetector();
         }
@@ -208,7 +208,7 @@ bool ZMCameraViewController::shouldDeleteResultingVideo()
 {
     // Asked on a recorder thread, from what the session started with; the
     // detector answers faceFound() from any thread.
-    std::lock_guard lock(videoPolicyMutex_);
+    MutexLocker lock(videoPolicyMutex_);
     return saveOnlyFaceVideo_ && videoPolicyDetector_ && !videoPolicyDetector_->faceFound();
 }
 
@@ -225,7 +225,7 @@ void ZMCameraViewController::recordingDidFinish(std::optional<QString> videoFile
     const VideoFinal final{std::move(videoFile), std::move(error)};
     bool deliverNow = false;
     {
-        std::lock_guard lock(finalMutex_);
+        MutexLocker lock(finalMutex_);
         if (outcomeDelivered_)
             deliverNow = outcomeNamedVideo_;
         else
@@ -308,7 +308,7 @@ void ZMCameraViewController::outcomeDelivered(bool namedVideo)
 {
     std::optional<VideoFinal> pending;
     {
-        std::lock_guard lock(finalMutex_);
+        MutexLocker lock(finalMutex_);
         // A second outcome (a second tap on close) changes nothing: the
         // video's end is told once, after the first.
         if (outcomeDelivered_)

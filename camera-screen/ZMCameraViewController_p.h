@@ -23,12 +23,12 @@
 #include "capture/ZMCameraCaptureManager.h"
 #include "zavocore/ZCOnlineLivenessProtocol.h"
 #include "zavoweb/Throttler_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QPointer>
 #include <QPushButton>
 #include <QWidget>
 #include <atomic>
-#include <mutex>
 #include <type_traits>
 
 class QAbstractButton;
@@ -209,8 +209,7 @@ private:
     QPointer<QWidget> previewArea_;
 
     // The host's side. The delegate is read on the thread that delivers.
-    mutable std::mutex delegateMutex_;
-    std::weak_ptr<ZMCameraDelegate> delegate_;  // guarded by delegateMutex_
+    Guarded<std::weak_ptr<ZMCameraDelegate>> delegate_;
     core::ZCZavoConfigurationPtr configuration_;
     std::function<void()> dismissHandler_;
     std::shared_ptr<core::ZCOnlineLivenessProtocol> onlineLiveness_;
@@ -228,15 +227,15 @@ private:
         platform::ErrorPtr error;
     };
     void deliverVideoFinal(const VideoFinal& final);
-    std::mutex finalMutex_;
-    bool outcomeDelivered_ = false;          // guarded by finalMutex_
-    bool outcomeNamedVideo_ = false;         // guarded by finalMutex_
-    std::optional<VideoFinal> pendingFinal_;  // guarded by finalMutex_
+    Mutex finalMutex_;
+    bool outcomeDelivered_ ZAVO_GUARDED_BY(finalMutex_) = false;
+    bool outcomeNamedVideo_ ZAVO_GUARDED_BY(finalMutex_) = false;
+    std::optional<VideoFinal> pendingFinal_ ZAVO_GUARDED_BY(finalMutex_);
 
     // What a recorder thread needs to decide whether the video is kept.
-    mutable std::mutex videoPolicyMutex_;
-    bool saveOnlyFaceVideo_ = false;                    // guarded by videoPolicyMutex_
-    core::ZCBestShotDetectorPtr videoPolicyDetector_;  // guarded by videoPolicyMutex_
+    mutable Mutex videoPolicyMutex_;
+    bool saveOnlyFaceVideo_ ZAVO_GUARDED_BY(videoPolicyMutex_) = false;
+    core::ZCBestShotDetectorPtr videoPolicyDetector_ ZAVO_GUARDED_BY(videoPolicyMutex_);
 
     // bestShot() writes it on the detector's thread, everything else on main.
     std::atomic<bool> closedByUser_{true};

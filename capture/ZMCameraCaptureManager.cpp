@@ -79,49 +79,49 @@ void ZMCameraCaptureManager::requestAccessForVideoWithCompletion(AuthorizationCo
 
 std::shared_ptr<ZMCameraCaptureManagerDelegate> ZMCameraCaptureManager::delegate() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return delegate_.lock();
 }
 
 void ZMCameraCaptureManager::setDelegate(const std::weak_ptr<ZMCameraCaptureManagerDelegate>& delegate)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     delegate_ = delegate;
 }
 
 QString ZMCameraCaptureManager::videoFile() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return videoFile_;
 }
 
 DispatchQueuePtr ZMCameraCaptureManager::setSampleBufferDelegateQueue() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return sampleBufferDelegateQueue_;
 }
 
 void ZMCameraCaptureManager::setSetSampleBufferDelegateQueue(DispatchQueuePtr queue)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     sampleBufferDelegateQueue_ = std::move(queue);
 }
 
 CaptureSessionPtr ZMCameraCaptureManager::session() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return session_;
 }
 
 CaptureDevicePtr ZMCameraCaptureManager::camera() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return camera_;
 }
 
 std::shared_ptr<ZMSaveVideoServiceProtocol> ZMCameraCaptureManager::saveVideoService() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return saveVideoService_;
 }
 
@@ -149,14 +149,14 @@ void ZMCameraCaptureManager::configureTask(CaptureDevicePosition position, const
     // A session stored before is replaced as it is, running or not.
     auto newSession = CaptureSession::create();
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         session_ = newSession;
     }
     newSession->beginConfiguration();
 
     CaptureDevicePtr device = cameraDeviceWithPosition(position);
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         camera_ = device;
     }
     cameraPosition_.store(int(position));
@@ -208,7 +208,7 @@ void ZMCameraCaptureManager::setupVideoService(const CaptureSessionPtr& session,
     } else {
         service = ZMSaveVideoService::videoServiceWithDelegate(weak_from_this(), frameWidth(), frameHeight(), fps());
     }
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     saveVideoService_ = std::move(service);
 }
 
@@ -250,7 +250,7 @@ void ZMCameraCaptureManager::startVideoFileRecord()
         return;
     const QString path = ZMRecordingStorage::folderPath() + QLatin1Char('/') + ZMRecordingStorage::kRecordedVideoFileName;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         videoFile_ = path;
     }
     recordedFrames_.store(0);
@@ -277,7 +277,7 @@ void ZMCameraCaptureManager::stopVideoFileRecordWithCompletion(std::function<voi
 void ZMCameraCaptureManager::defineSampleBufferhandler(SampleBufferHandler handler)
 {
     auto stored = std::make_shared<const SampleBufferHandler>(std::move(handler));
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     sampleBufferHandler_ = std::move(stored);
 }
 
@@ -292,7 +292,7 @@ void ZMCameraCaptureManager::captureOutputDidOutputSampleBuffer(CaptureVideoData
     }
     std::shared_ptr<const SampleBufferHandler> handler;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         handler = sampleBufferHandler_;
     }
     if (handler && *handler)
@@ -456,7 +456,7 @@ void ZMCameraCaptureManager::didChangeOrientation()
         return;
     CaptureVideoPreviewLayerPtr layer;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         layer = previewLayer_.lock();
     }
     if (!layer)
@@ -514,7 +514,7 @@ void ZMCameraCaptureManager::switchTask()
 
 CaptureVideoPreviewLayerPtr ZMCameraCaptureManager::previewLayerForSession(const CaptureSessionPtr& session)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     auto layer = previewLayer_.lock();
     if (!layer) {
         layer = CaptureVideoPreviewLayer::layerWithSession(session);
@@ -554,7 +554,7 @@ void ZMCameraCaptureManager::updateLayerFrameWithRect(const QRectF& rect)
 {
     CaptureVideoPreviewLayerPtr layer;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         layer = previewLayer_.lock();
     }
     if (layer)

@@ -22,6 +22,7 @@
 #include "camera/CaptureVideoPreviewLayer.h"
 #include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QPointF>
 #include <QString>
@@ -29,7 +30,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 namespace zavo {
 
@@ -174,15 +174,15 @@ private:
     // its users to set them before start. The locks keep that usage free of
     // data races (and a handler changed while frames flow safe); they are
     // held only to copy a pointer, never across a call out.
-    mutable std::mutex mutex_;
-    platform::DispatchQueuePtr sampleBufferDelegateQueue_;                   // guarded by mutex_
-    std::weak_ptr<ZMCameraCaptureManagerDelegate> delegate_;                 // guarded by mutex_
-    platform::CaptureSessionPtr session_;                                    // guarded by mutex_
-    platform::CaptureDevicePtr camera_;                                      // guarded by mutex_
-    std::shared_ptr<ZMSaveVideoServiceProtocol> saveVideoService_;           // guarded by mutex_
-    QString videoFile_;                                                      // guarded by mutex_
-    std::shared_ptr<const SampleBufferHandler> sampleBufferHandler_;         // guarded by mutex_
-    std::weak_ptr<platform::CaptureVideoPreviewLayer> previewLayer_;         // guarded by mutex_
+    mutable Mutex mutex_;
+    platform::DispatchQueuePtr sampleBufferDelegateQueue_ ZAVO_GUARDED_BY(mutex_);
+    std::weak_ptr<ZMCameraCaptureManagerDelegate> delegate_ ZAVO_GUARDED_BY(mutex_);
+    platform::CaptureSessionPtr session_ ZAVO_GUARDED_BY(mutex_);
+    platform::CaptureDevicePtr camera_ ZAVO_GUARDED_BY(mutex_);
+    std::shared_ptr<ZMSaveVideoServiceProtocol> saveVideoService_ ZAVO_GUARDED_BY(mutex_);
+    QString videoFile_ ZAVO_GUARDED_BY(mutex_);
+    std::shared_ptr<const SampleBufferHandler> sampleBufferHandler_ ZAVO_GUARDED_BY(mutex_);
+    std::weak_ptr<platform::CaptureVideoPreviewLayer> previewLayer_ ZAVO_GUARDED_BY(mutex_);
 };
 
 }  // namespace zavo

@@ -32,13 +32,13 @@ std::shared_ptr<ZMSaveVideoExService> ZMSaveVideoExService::create(double frameW
 
 std::shared_ptr<ZMSaveVideoServiceDelegate> ZMSaveVideoExService::delegate() const
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     return delegate_.lock();
 }
 
 void ZMSaveVideoExService::setDelegate(std::weak_ptr<ZMSaveVideoServiceDelegate> delegate)
 {
-    std::lock_guard lock(mutex_);
+    MutexLocker lock(mutex_);
     delegate_ = std::move(delegate);
 }
 
@@ -67,7 +67,7 @@ void ZMSaveVideoExService::appendStorageWithSampleBuffer(const SampleBuffer&) {}
 void ZMSaveVideoExService::endRecordWithCompletion(std::function<void()> completion)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         announcingStop_ = true;
     }
     if (videoFileOutput_)
@@ -80,7 +80,7 @@ void ZMSaveVideoExService::endRecordWithCompletion(std::function<void()> complet
     }
     std::optional<FinishedRecording> finished;
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         announcingStop_ = false;
         finished.swap(heldFinish_);
     }
@@ -98,7 +98,7 @@ void ZMSaveVideoExService::captureOutputDidFinishRecording(CaptureMovieFileOutpu
                                                            ErrorPtr error)
 {
     {
-        std::lock_guard lock(mutex_);
+        MutexLocker lock(mutex_);
         if (announcingStop_) {
             heldFinish_ = FinishedRecording{fileURL, std::move(error)};
             return;

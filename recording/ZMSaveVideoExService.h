@@ -15,10 +15,10 @@
 #include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol_p.h"
 #include "recording/ZMVideoCompresion_p.h"
+#include "base/ThreadSafety.h"
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace zavo {
@@ -78,8 +78,8 @@ public:
     explicit ZMSaveVideoExService(ConstructionKey) {}
 
 private:
-    mutable std::mutex mutex_;
-    std::weak_ptr<ZMSaveVideoServiceDelegate> delegate_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    std::weak_ptr<ZMSaveVideoServiceDelegate> delegate_ ZAVO_GUARDED_BY(mutex_);
     // The output may finish a short file on its own thread before the
     // stopping caller has said "will begin"; its report is held here and
     // passed on by the caller, so the delegate always hears the two in order.
@@ -87,8 +87,8 @@ private:
         QUrl fileURL;
         platform::ErrorPtr error;
     };
-    bool announcingStop_ = false;                        // guarded by mutex_
-    std::optional<FinishedRecording> heldFinish_;        // guarded by mutex_
+    bool announcingStop_ ZAVO_GUARDED_BY(mutex_) = false;
+    std::optional<FinishedRecording> heldFinish_ ZAVO_GUARDED_BY(mutex_);
     void reportFinishedRecording(const QUrl& fileURL, platform::ErrorPtr error);
     platform::DispatchQueuePtr processingQueue_;
     std::atomic<int64_t> framesCounter_{0};

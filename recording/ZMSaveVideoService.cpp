@@ -87,8 +87,7 @@ void ZMSaveVideoService::beginRecordWithFileURL(const QUrl& fileURL)
 {
     setFramesCounter(0);
     recordVideoFileURL_ = fileURL;
-    std::lock_guard lock(captureSizeMutex_);
-    captureSize_ = QSize();
+    captureSize_.set(QSize());
 }
 
 void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampleBuffer)
@@ -101,11 +100,10 @@ void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampl
     // The files are read back and deleted within seconds, so they are not
     // synced to the disk: that sync cost more than the write itself.
     if (const std::shared_ptr<PixelBuffer>& image = sampleBuffer.imageBuffer()) {
-        {
-            std::lock_guard lock(captureSizeMutex_);
-            if (captureSize_.isEmpty())
-                captureSize_ = QSize(image->width(), image->height());
-        }
+        captureSize_.with([&](QSize& size) {
+            if (size.isEmpty())
+                size = QSize(image->width(), image->height());
+        });
         image->lockBaseAddress(PixelBuffer::ReadWrite);
         writeScratchFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
                                    qint64(image->bytesPerRow()) * image->height());
@@ -227,11 +225,7 @@ AssetWriterPtr ZMSaveVideoService::createWriterWithVideoOutputURL(const QString&
 
     auto input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, kEncodedWidth, kEncodedHeight});
     *videoWriterInput = input;
-    QSize size;
-    {
-        std::lock_guard lock(captureSizeMutex_);
-        size = captureSize_;
-    }
+    QSize size = captureSize_.get();
     if (size.isEmpty())
         size = QSize(static_cast<int>(frameWidth_), static_cast<int>(frameHeight_));
     const PixelBufferAttributes source{PixelFormat::ARGB32, size.width(), size.height()};

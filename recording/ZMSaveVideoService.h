@@ -10,13 +10,13 @@
 #include "media/AssetWriter_p.h"
 #include "base/DispatchQueue.h"
 #include "recording/ZMSaveVideoServiceProtocol_p.h"
+#include "base/ThreadSafety.h"
 
 #include <QByteArray>
 #include <QSize>
 #include <QUrl>
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 namespace zavo {
 
@@ -103,8 +103,7 @@ private:
     // The size the camera really delivers: a desktop webcam on the fallback
     // preset is often landscape where frameWidth x frameHeight is portrait,
     // and its files are read back at the size they were written with.
-    mutable std::mutex captureSizeMutex_;
-    QSize captureSize_;  // guarded by captureSizeMutex_
+    Guarded<QSize> captureSize_;
 };
 
 }  // namespace zavo
