@@ -9,9 +9,9 @@
 #include "shell/DeviceScreen.h"
 #include "base/DispatchQueue.h"
 #include "base/Log_p.h"
-#include "ui/ZMFaceDetectionView_p.h"
+#include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMImages_p.h"
-#include "ui/ZMVideoStreamNotificationView_p.h"
+#include "ui/ZMVideoStreamNotificationView.h"
 
 #include "ui_UI.h"
 

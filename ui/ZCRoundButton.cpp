@@ -1,6 +1,6 @@
-#include "ui/ZCRoundButton_p.h"
+#include "ui/ZCRoundButton.h"
 
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZavoFonts.h"
 
 #include <QEvent>
 #include <QPainter>

@@ -1,7 +1,7 @@
-#include "ui/ZEAboutVC_p.h"
+#include "ui/ZEAboutVC.h"
 
 #include "base/Bundle_p.h"
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZavoFonts.h"
 
 #include <QEvent>
 #include <QLabel>

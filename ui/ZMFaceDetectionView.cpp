@@ -1,4 +1,4 @@
-#include "ui/ZMFaceDetectionView_p.h"
+#include "ui/ZMFaceDetectionView.h"
 
 #include <QPainter>
 

@@ -1,7 +1,7 @@
-#include "ui/ZMVideoStreamNotificationView_p.h"
+#include "ui/ZMVideoStreamNotificationView.h"
 
 #include "ui/ZMImages_p.h"
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZavoFonts.h"
 
 #include <QLabel>
 #include <QPainter>

@@ -1,4 +1,4 @@
-#include "ui/ZavoColors_p.h"
+#include "ui/ZavoColors.h"
 
 #include <QRgba64>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZavoFonts.h"
 
 #include <QFontDatabase>
 

@@ -1,7 +1,7 @@
 #include "DemoSession.h"
 
 #include "base/DispatchQueue.h"
-#include "ui/ZMFaceDetectionView_p.h"
+#include "ui/ZMFaceDetectionView.h"
 
 #include <QAbstractButton>
 

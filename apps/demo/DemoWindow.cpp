@@ -2,7 +2,7 @@
 
 #include "DemoSummary.h"
 
-#include "ui/ZEAboutVC_p.h"
+#include "ui/ZEAboutVC.h"
 
 #include <QHBoxLayout>
 #include <QKeyEvent>

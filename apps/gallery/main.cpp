@@ -8,12 +8,12 @@
 // preview would be, laid out the way the camera screen lays them out.
 #include "base/Error.h"
 #include "shell/ViewController.h"
-#include "ui/ZCRoundButton_p.h"
-#include "ui/ZEAboutVC_p.h"
-#include "ui/ZMFaceDetectionView_p.h"
+#include "ui/ZCRoundButton.h"
+#include "ui/ZEAboutVC.h"
+#include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMImages_p.h"
-#include "ui/ZMVideoStreamNotificationView_p.h"
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZMVideoStreamNotificationView.h"
+#include "ui/ZavoFonts.h"
 
 #include <QApplication>
 #include <QCommandLineParser>

@@ -8,8 +8,8 @@
 #include "camera/CaptureDevice.h"
 #include "shell/CaptureVideoPreviewView_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
-#include "ui/ZMFaceDetectionView_p.h"
-#include "ui/ZMVideoStreamNotificationView_p.h"
+#include "ui/ZMFaceDetectionView.h"
+#include "ui/ZMVideoStreamNotificationView.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZavoCore_p.h"
 

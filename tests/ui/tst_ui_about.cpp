@@ -1,6 +1,6 @@
 // The about screen's texts, where its labels sit, and the navigation bar it
 // shows while it is up.
-#include "ui/ZEAboutVC_p.h"
+#include "ui/ZEAboutVC.h"
 
 #include <QApplication>
 #include <QLabel>

@@ -1,7 +1,7 @@
 // The palette, the hexadecimal initializers and formatter, the colour input
 // error and the brand font's fallback.
-#include "ui/ZavoColors_p.h"
-#include "ui/ZavoFonts_p.h"
+#include "ui/ZavoColors.h"
+#include "ui/ZavoFonts.h"
 
 #include <QFontDatabase>
 #include <QLabel>

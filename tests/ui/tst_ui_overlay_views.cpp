@@ -1,7 +1,7 @@
 // The face frame and the notification banner, checked on their pixels.
 #include "camera-screen/ZMCameraError.h"
-#include "ui/ZMFaceDetectionView_p.h"
-#include "ui/ZMVideoStreamNotificationView_p.h"
+#include "ui/ZMFaceDetectionView.h"
+#include "ui/ZMVideoStreamNotificationView.h"
 
 #include <QLabel>
 #include <QVBoxLayout>

@@ -1,6 +1,6 @@
 // The round button's fills and border in each state, its transitions, and its
 // wrapping title.
-#include "ui/ZCRoundButton_p.h"
+#include "ui/ZCRoundButton.h"
 
 #include <QSignalSpy>
 #include <QVBoxLayout>

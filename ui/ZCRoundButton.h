@@ -3,7 +3,7 @@
 // blue with a centred, wrapping white title in the brand typeface. The fill
 // darkens while pressed and turns grey when disabled, with short animations.
 #include "base/ZavoExport.h"
-#include "ui/ZavoColors_p.h"
+#include "ui/ZavoColors.h"
 
 #include <QPointer>
 #include <QPushButton>
