@@ -265,6 +265,8 @@ bool AssetReader::startReading()
         output->decoder->pkt_timebase = stream->time_base;
         output->decoder->thread_count = 0;  // as many as the machine has
         output->decoder->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+        if (output->settings.skipsDeblocking)
+            output->decoder->skip_loop_filter = AVDISCARD_ALL;
         if (result >= 0)
             result = ffmpeg::openCodec(output->decoder.get(), codec, nullptr);
         if (result < 0) {
