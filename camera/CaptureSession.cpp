@@ -302,15 +302,24 @@ void CaptureSession::stopRunning()
 }
 
 namespace {
-void logFormatChoice(const CaptureDevice& device, const QString& preset, const CaptureDeviceFormat& format,
-                     const std::vector<CaptureDeviceFormatPtr>& candidates)
+/// Logs the format the stream opened with; `opened` is its place among the
+/// ranked candidates, the ones before it having been refused by the driver.
+void logFormatChoice(const CaptureDevice& device, const QString& preset,
+                     const std::vector<CaptureDeviceFormatPtr>& candidates, size_t opened)
 {
+    const CaptureDeviceFormat& format = *candidates[opened];
+    // The reason is the opened format's among what was left to choose from,
+    // not the refused favourite's.
+    const std::vector<CaptureDeviceFormatPtr> remaining(candidates.begin() + ptrdiff_t(opened), candidates.end());
+    QString reason = captureFormatChoiceReason(remaining, preset);
+    if (opened > 0)
+        reason += QStringLiteral("; the driver refused %1 better").arg(opened);
     const double rate = format.captureFrameRate(0.0);
     qCInfo(lcCamera, "capture format of <%s>: %s %dx%d at %s for %s: %s", qUtf8Printable(device.localizedName()),
            qUtf8Printable(fourCharCodeText(format.mediaSubType())), format.width(), format.height(),
            rate > 0 ? qUtf8Printable(QStringLiteral("%1 fps").arg(rate, 0, 'f', 3)) : "its own rate",
            qUtf8Printable(preset),
-           qUtf8Printable(captureFormatChoiceReason(candidates, preset)));
+           qUtf8Printable(reason));
 }
 }  // namespace
 
@@ -329,12 +338,13 @@ void CaptureSession::startCapture()
     if (device) {
         ErrorPtr error;
         const auto candidates = device->formatsForSessionPreset(preset);
-        for (const auto& format : candidates) {
+        for (size_t i = 0; i < candidates.size(); ++i) {
+            const auto& format = candidates[i];
             run->stream = device->openStream(format, &error);
             if (run->stream) {
                 run->frameDurationNs = int64_t(1e9 / format->captureFrameRate());
                 if (candidates.size() > 1)
-                    logFormatChoice(*device, preset, *format, candidates);
+                    logFormatChoice(*device, preset, candidates, i);
                 break;
             }
             // Only a camera that refused this very format may take another.
