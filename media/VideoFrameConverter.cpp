@@ -8,6 +8,9 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include <libyuv/convert_argb.h>
+#include <libyuv/planar_functions.h>
+
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
@@ -438,6 +441,7 @@ struct VideoFrameConverter::Private {
                int height, bool dstFullRange);
     bool scaleFlipped(const ImagePlanes& src, const ImagePlanes& dst, bool mirrorRows, bool upsideDown);
     bool mirrorsInTheSource(const ImagePlanes& src, const ImagePlanes& dst, PlaneGeometry planes[4], int& planeCount);
+    bool convertYuvToBgra(const ImagePlanes& src, const ImagePlanes& dst);
     bool convert(const ImagePlanes& src, const ImagePlanes& dst);
 };
 
@@ -621,6 +625,56 @@ bool VideoFrameConverter::Private::scaleFlipped(const ImagePlanes& original, con
     return produced == dst.height;
 }
 
+bool VideoFrameConverter::Private::convertYuvToBgra(const ImagePlanes& src, const ImagePlanes& dst)
+{
+    // Every camera frame becomes a BGRA frame of its own size for the frame
+    // handler: libyuv does that in a tenth of swscale's time (its row
+    // functions are written for exactly this case). A mirror is done on the
+    // YUV planes first, which have under half the bytes of the result; upside
+    // down is libyuv's negative height. Both need even sides, so that the
+    // chroma samples stay with the pixels they cover.
+    const auto srcFormat = AVPixelFormat(src.avPixelFormat);
+    const bool upsideDown = rotation == 180;
+    const bool leftRight = mirrored != upsideDown;
+    if (dst.avPixelFormat != AV_PIX_FMT_BGRA || (srcFormat != AV_PIX_FMT_NV12 && srcFormat != AV_PIX_FMT_YUV420P)
+        || (rotation != 0 && rotation != 180) || src.width != dst.width || src.height != dst.height
+        || (leftRight && src.width % 2 != 0) || (upsideDown && src.height % 2 != 0))
+        return false;
+    const bool nv12 = srcFormat == AV_PIX_FMT_NV12;
+    // The same BT.601 matrix as the scaler's, in the source's range.
+    const libyuv::YuvConstants* matrix = src.fullRange ? &libyuv::kYuvJPEGConstants : &libyuv::kYuvI601Constants;
+    const uint8_t* planes[3] = {src.data[0], src.data[1], src.data[2]};
+    int strides[3] = {src.bytesPerRow[0], src.bytesPerRow[1], src.bytesPerRow[2]};
+    if (leftRight) {
+        const int chromaHeight = (src.height + 1) / 2;
+        const int lumaStride = (src.width + 63) / 64 * 64;
+        const int chromaStride = nv12 ? lumaStride : lumaStride / 2;
+        const size_t lumaBytes = size_t(lumaStride) * size_t(src.height);
+        const size_t chromaBytes = size_t(chromaStride) * size_t(chromaHeight);
+        uint8_t* memory = grow(mirroredBand, mirroredBandCapacity, lumaBytes + (nv12 ? 1 : 2) * chromaBytes);
+        if (!memory)
+            return false;
+        uint8_t* out[3] = {memory, memory + lumaBytes, memory + lumaBytes + chromaBytes};
+        const int outStrides[3] = {lumaStride, chromaStride, chromaStride};
+        const int failed = nv12 ? libyuv::NV12Mirror(planes[0], strides[0], planes[1], strides[1], out[0], outStrides[0],
+                                                     out[1], outStrides[1], src.width, src.height)
+                                : libyuv::I420Mirror(planes[0], strides[0], planes[1], strides[1], planes[2], strides[2],
+                                                     out[0], outStrides[0], out[1], outStrides[1], out[2],
+                                                     outStrides[2], src.width, src.height);
+        if (failed)
+            return false;
+        std::copy(std::begin(out), std::end(out), planes);
+        std::copy(std::begin(outStrides), std::end(outStrides), strides);
+    }
+    const int height = upsideDown ? -dst.height : dst.height;
+    const int failed = nv12 ? libyuv::NV12ToARGBMatrix(planes[0], strides[0], planes[1], strides[1], dst.data[0],
+                                                       dst.bytesPerRow[0], matrix, dst.width, height)
+                            : libyuv::I420ToARGBMatrix(planes[0], strides[0], planes[1], strides[1], planes[2],
+                                                       strides[2], dst.data[0], dst.bytesPerRow[0], matrix, dst.width,
+                                                       height);
+    return failed == 0;
+}
+
 bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePlanes& dst)
 {
     const auto srcFormat = AVPixelFormat(src.avPixelFormat);
@@ -628,6 +682,9 @@ bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePl
     if (!av_pix_fmt_desc_get(srcFormat) || !av_pix_fmt_desc_get(dstFormat) || src.width <= 0 || src.height <= 0
         || dst.width <= 0 || dst.height <= 0 || !src.data[0] || !dst.data[0])
         return false;
+
+    if (convertYuvToBgra(src, dst))
+        return true;
 
     const bool turned = rotation == 90 || rotation == 270;
     const int scaledWidth = turned ? dst.height : dst.width;

@@ -228,6 +228,62 @@ private slots:
         QVERIFY2(p[0] < 12 && p[1] < 12 && p[2] > 240, qPrintable(QStringLiteral("%1 %2 %3").arg(p[0]).arg(p[1]).arg(p[2])));
     }
 
+    void cameraFramesKeepTheirColoursInBgraOfTheirOwnSize_data()
+    {
+        QTest::addColumn<int>("format");
+        QTest::addColumn<int>("yuvFormat");
+        QTest::newRow("nv12 video range") << int(PixelFormat::NV12VideoRange) << int(AV_PIX_FMT_NV12);
+        QTest::newRow("nv12 full range") << int(PixelFormat::NV12FullRange) << int(AV_PIX_FMT_NV12);
+        QTest::newRow("yuv420p") << int(PixelFormat::NV12VideoRange) << int(AV_PIX_FMT_YUV420P);
+    }
+
+    void cameraFramesKeepTheirColoursInBgraOfTheirOwnSize()
+    {
+        // A real photo to YUV and back at the same size, which is the frame
+        // handler's conversion of every camera frame: each range must come
+        // back in its own range and matrix, with only 4:2:0's loss of colour.
+        QFETCH(int, format);
+        QFETCH(int, yuvFormat);
+        QImage photo(QStringLiteral(ZAVO_TEST_DATA_DIR "/matplotlib__grace_hopper.jpg"));
+        QVERIFY(!photo.isNull());
+        photo = photo.convertToFormat(QImage::Format_ARGB32).copy(0, 0, 320, 240);
+        auto original = PixelBuffer::create(320, 240, PixelFormat::BGRA32);
+        for (int y = 0; y < 240; ++y)
+            std::memcpy(original->baseAddress() + y * original->bytesPerRow(), photo.constScanLine(y), 320 * 4);
+        auto yuv = PixelBuffer::create(320, 240, PixelFormat(format));
+        VideoFrameConverter converter;
+        QVERIFY(converter.convert(*original, *yuv));
+        ImagePlanes planes = ImagePlanes::of(*yuv);
+        std::vector<uint8_t> u(160 * 120), v(160 * 120);
+        if (yuvFormat == AV_PIX_FMT_YUV420P) {
+            // The same samples split into two planes.
+            for (int y = 0; y < 120; ++y)
+                for (int x = 0; x < 160; ++x) {
+                    u[size_t(y * 160 + x)] = planes.data[1][y * planes.bytesPerRow[1] + 2 * x];
+                    v[size_t(y * 160 + x)] = planes.data[1][y * planes.bytesPerRow[1] + 2 * x + 1];
+                }
+            planes.avPixelFormat = AV_PIX_FMT_YUV420P;
+            planes.data[1] = u.data();
+            planes.data[2] = v.data();
+            planes.bytesPerRow[1] = planes.bytesPerRow[2] = 160;
+        }
+        auto back = PixelBuffer::create(320, 240, PixelFormat::BGRA32);
+        QVERIFY(converter.convert(planes, *back));
+        double error = 0;
+        int worst = 0;
+        for (int y = 0; y < 240; ++y)
+            for (int x = 0; x < 320 * 4; x += 4)
+                for (int c = 0; c < 3; ++c) {
+                    const int d = std::abs(int(back->baseAddress()[y * back->bytesPerRow() + x + c])
+                                           - int(original->baseAddress()[y * original->bytesPerRow() + x + c]));
+                    error += d;
+                    worst = std::max(worst, d);
+                }
+        error /= 320.0 * 240 * 3;
+        // A wrong range or matrix shifts every pixel by 10 or more.
+        QVERIFY2(error < 3.0, qPrintable(QStringLiteral("mean error %1, worst %2").arg(error).arg(worst)));
+    }
+
     void rebuildsTheScalerOnlyWhenTheShapeChanges()
     {
         VideoFrameConverter converter;
