@@ -57,6 +57,11 @@ void ZMSaveVideoExService::recreateBrightfoldFolder() { ZMRecordingStorage::recr
 
 void ZMSaveVideoExService::beginRecordWithFileURL(const QUrl& fileURL)
 {
+    {
+        MutexLocker lock(mutex_);
+        stopAnnounced_ = false;
+        heldFinish_.reset();
+    }
     recreateBrightfoldFolder();
     if (videoFileOutput_)
         videoFileOutput_->startRecordingToOutputFileURL(fileURL, shared_from_this());
@@ -82,6 +87,7 @@ void ZMSaveVideoExService::endRecordWithCompletion(std::function<void()> complet
     {
         MutexLocker lock(mutex_);
         announcingStop_ = false;
+        stopAnnounced_ = true;
         finished.swap(heldFinish_);
     }
     if (finished)
@@ -99,7 +105,7 @@ void ZMSaveVideoExService::captureOutputDidFinishRecording(CaptureMovieFileOutpu
 {
     {
         MutexLocker lock(mutex_);
-        if (announcingStop_) {
+        if (announcingStop_ || (!error && !stopAnnounced_)) {
             heldFinish_ = FinishedRecording{fileURL, std::move(error)};
             return;
         }

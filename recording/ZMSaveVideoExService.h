@@ -88,6 +88,12 @@ private:
         platform::ErrorPtr error;
     };
     bool announcingStop_ ZAVO_GUARDED_BY(mutex_) = false;
+    // Whether "will begin" has been said for the current recording. The
+    // session's stop ends the recording on the movie output's own thread and
+    // can get there before endRecordWithCompletion: a clean finish that
+    // comes before the stop was announced is held as well. A failure
+    // mid-session is passed on at once.
+    bool stopAnnounced_ ZAVO_GUARDED_BY(mutex_) = false;
     std::optional<FinishedRecording> heldFinish_ ZAVO_GUARDED_BY(mutex_);
     void reportFinishedRecording(const QUrl& fileURL, platform::ErrorPtr error);
     platform::DispatchQueuePtr processingQueue_;
