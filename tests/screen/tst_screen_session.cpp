@@ -77,7 +77,7 @@ class TstScreenSession : public QObject {
     void waitForSavedVideo(const QString& path, bool kept)
     {
         QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 30000);
-        QTRY_VERIFY(!screen->livenessActivity()->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(!screen->livenessActivity()->isVisible(), 30000);
         if (kept)
             QVERIFY(decodableFrames(path) > 0);
         else
