@@ -430,7 +430,8 @@ struct VideoFrameConverter::Private {
     std::unique_ptr<uint8_t, AlignedFree> shrunk;
     size_t shrunkCapacity = 0;
     std::vector<uint16_t> columnSums;
-    // One band of source rows, mirrored before it is scaled.
+    // One band of source rows, mirrored before it is scaled; for libyuv's
+    // same-size conversion, the whole mirrored YUV planes.
     std::unique_ptr<uint8_t, AlignedFree> mirroredBand;
     size_t mirroredBandCapacity = 0;
 
