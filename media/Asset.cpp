@@ -98,6 +98,21 @@ struct Asset::Private {
     bool loaded ZAVO_GUARDED_BY(mutex) = false;
     std::vector<AssetTrackPtr> tracks ZAVO_GUARDED_BY(mutex);
     ErrorPtr error ZAVO_GUARDED_BY(mutex);
+
+    /// Takes the track list from a file probed for asset, the first time only.
+    void load(const std::shared_ptr<const Asset>& asset, const AVFormatContext* format, ErrorPtr openError)
+        ZAVO_REQUIRES(mutex)
+    {
+        if (loaded)
+            return;
+        loaded = true;
+        if (!format) {
+            error = std::move(openError);
+            return;
+        }
+        for (unsigned i = 0; i < format->nb_streams; ++i)
+            tracks.push_back(std::make_shared<AssetTrack>(asset, trackInfoOf(format, format->streams[i])));
+    }
 };
 
 Asset::Asset(QString path) : path_(std::move(path)), d(std::make_shared<Private>()) {}
@@ -118,14 +133,9 @@ std::vector<AssetTrackPtr> Asset::tracksWithMediaType(MediaType mediaType, Error
 {
     MutexLocker lock(d->mutex);
     if (!d->loaded) {
-        d->loaded = true;
         ErrorPtr openError;
-        if (auto format = openMediaFile(path_, &openError)) {
-            for (unsigned i = 0; i < format->nb_streams; ++i)
-                d->tracks.push_back(std::make_shared<AssetTrack>(weak_from_this(), trackInfoOf(format.get(), format->streams[i])));
-        } else {
-            d->error = openError;
-        }
+        const auto format = openMediaFile(path_, &openError);
+        d->load(shared_from_this(), format.get(), std::move(openError));
     }
     std::vector<AssetTrackPtr> matching;
     for (const auto& track : d->tracks) {
@@ -211,6 +221,12 @@ std::shared_ptr<AssetReader> AssetReader::create(AssetPtr asset, ErrorPtr* error
             *error = asset ? openError : makeMediaError(MediaErrorCode::InvalidState, QStringLiteral("No asset"));
         return nullptr;
     }
+    // Probing a file decodes its first pictures; the asset asked for its
+    // tracks next (as the compressor does) is spared a second probe.
+    {
+        MutexLocker lock(asset->d->mutex);
+        asset->d->load(asset, format.get(), nullptr);
+    }
     std::shared_ptr<AssetReader> reader(new AssetReader());
     reader->d = std::make_shared<Private>(std::move(asset), std::move(format));
     return reader;
@@ -263,7 +279,7 @@ bool AssetReader::startReading()
         }
         int result = avcodec_parameters_to_context(output->decoder.get(), stream->codecpar);
         output->decoder->pkt_timebase = stream->time_base;
-        output->decoder->thread_count = 0;  // as many as the machine has
+        output->decoder->thread_count = std::max(0, output->settings.decoderThreads);  // 0: one per core
         output->decoder->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
         if (output->settings.skipsDeblocking)
             output->decoder->skip_loop_filter = AVDISCARD_ALL;

@@ -105,6 +105,7 @@ public:
     struct Private;
 
 private:
+    friend class AssetReader;  // its probe of the file fills the track list too
     explicit Asset(QString path);
     QString path_;
     std::shared_ptr<Private> d;
@@ -160,6 +161,10 @@ struct ZAVO_EXPORT AssetReaderOutputSettings {
     /// than the source only: the scaling averages the block edges away, and
     /// H.264 decodes about a sixth faster.
     bool skipsDeblocking = false;
+    /// Threads the decoder may use; 0 lets it take one per core. A reader
+    /// sharing the machine with an encoder does better with fewer: frame
+    /// threads then mostly wait on each other.
+    int decoderThreads = 0;
 };
 
 class ZAVO_EXPORT AssetReaderTrackOutput {

@@ -150,6 +150,25 @@ private slots:
         QCOMPARE(bool(error), !readable);
     }
 
+    void aReaderProbesTheFileForItsAssetToo()
+    {
+        // The file is gone once the reader has it open: tracks asked for
+        // afterwards can only come from the reader's own probe.
+        const QString copy = dir.filePath("probed-once.mp4");
+        QVERIFY(QFile::copy(clip, copy));
+        auto asset = Asset::assetWithPath(copy);
+        auto reader = AssetReader::create(asset);
+        QVERIFY(reader);
+        QVERIFY(QFile::remove(copy));
+        ErrorPtr error;
+        const auto tracks = asset->tracksWithMediaType(MediaType::Video, &error);
+        QVERIFY(!error);
+        QCOMPARE(tracks.size(), size_t(1));
+        QCOMPARE(tracks.front()->naturalSize(), QSize(160, 96));
+        QCOMPARE(tracks.front()->asset(), asset);
+        QCOMPARE(asset->tracksWithMediaType(MediaType::Audio).size(), size_t(1));
+    }
+
     void decodesEveryFrameWithItsTime()
     {
         const Decoded argb = decodeAll(clip);
