@@ -19,7 +19,7 @@ jobs="$(nproc)"
 # The frame-dump recorder encodes on its writer's thread while the next input
 # runs, so a check between inputs can scan in the middle of a frame. One CI
 # run reported a single 16 KB block that way (about one noise frame's
-# packet); 14 runs here never showed it again. At exit every queue has
+# packet); 11 runs here never showed it again. At exit every queue has
 # ended, and a leak that is real is still reported there.
 targets=(
   "asset_reader    24000  30  1"
