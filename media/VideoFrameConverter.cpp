@@ -155,6 +155,10 @@ struct AlignedFree {
     void operator()(uint8_t* p) const { std::free(p); }
 };
 
+/// Rows of the converter's own scratch planes start on 64-byte boundaries,
+/// where the vector row functions of swscale and libyuv run fastest.
+int scratchStride(int rowBytes) { return (rowBytes + 63) / 64 * 64; }
+
 /// Formats of one plane with four bytes per pixel (BGRA, ARGB, RGB0, ...),
 /// which the block averaging below handles channel by channel.
 bool isPacked32(AVPixelFormat format)
@@ -500,7 +504,7 @@ ImagePlanes VideoFrameConverter::Private::averagedDown(const ImagePlanes& src, i
     out.width = src.width / fx;
     out.height = src.height / fy;
     out.fullRange = src.fullRange;
-    out.bytesPerRow[0] = (out.width * 4 + 63) / 64 * 64;
+    out.bytesPerRow[0] = scratchStride(out.width * 4);
     out.data[0] = grow(shrunk, shrunkCapacity, size_t(out.bytesPerRow[0]) * size_t(out.height));
     if (!out.data[0])
         return src;
@@ -579,7 +583,7 @@ bool VideoFrameConverter::Private::scaleFlipped(const ImagePlanes& original, con
     if (mirrorSource) {
         size_t size = 0;
         for (int plane = 0; plane < srcPlaneCount; ++plane) {
-            bandStride[plane] = (srcPlanes[plane].width * srcPlanes[plane].bytesPerElement + 63) / 64 * 64;
+            bandStride[plane] = scratchStride(srcPlanes[plane].width * srcPlanes[plane].bytesPerElement);
             size += size_t(bandStride[plane]) * kBandRows;
         }
         uint8_t* memory = grow(mirroredBand, mirroredBandCapacity, size);
@@ -648,7 +652,7 @@ bool VideoFrameConverter::Private::convertYuvToBgra(const ImagePlanes& src, cons
     int strides[3] = {src.bytesPerRow[0], src.bytesPerRow[1], src.bytesPerRow[2]};
     if (leftRight) {
         const int chromaHeight = (src.height + 1) / 2;
-        const int lumaStride = (src.width + 63) / 64 * 64;
+        const int lumaStride = scratchStride(src.width);
         const int chromaStride = nv12 ? lumaStride : lumaStride / 2;
         const size_t lumaBytes = size_t(lumaStride) * size_t(src.height);
         const size_t chromaBytes = size_t(chromaStride) * size_t(chromaHeight);
