@@ -255,6 +255,7 @@ void ZMCameraCaptureManager::startVideoFileRecord()
     }
     recordedFrames_.store(0);
     recordingReports_.store(0);
+    recordingFinal_.store(false);
     QFile::remove(path);  // a leftover from an earlier session; failure does not matter
     if (auto service = saveVideoService())
         service->beginRecordWithFileURL(QUrl::fromLocalFile(path));
@@ -327,7 +328,9 @@ void ZMCameraCaptureManager::videoFlushingDidEndWithError(ErrorPtr error)
     const int report = ++recordingReports_;
     const bool exists = QFile::exists(file);
     const bool recompresses = std::dynamic_pointer_cast<ZMSaveVideoExService>(saveVideoService()) != nullptr;
-    if (!recompresses || report >= 2 || error || !exists)
+    // A failed recording's first report is final, and the recompression of
+    // what it left then reports once more: the host hears of one final only.
+    if ((!recompresses || report >= 2 || error || !exists) && !recordingFinal_.exchange(true))
         target->recordingDidFinish(exists ? std::optional<QString>(file) : std::nullopt, error);
 }
 

@@ -167,6 +167,7 @@ private:
     std::atomic<int> cameraPosition_{0};
     std::atomic<int64_t> recordedFrames_{0};
     std::atomic<int> recordingReports_{0};
+    std::atomic<bool> recordingFinal_{false};  // the host was told this recording is final
 
     platform::DispatchQueuePtr captureSessionQueue_;
 

@@ -79,7 +79,9 @@ public:
         zavo::MutexLocker lock(mutex);
         return saved;
     }
+    void recordingDidFinish(std::optional<QString>, ErrorPtr) override { ++finals; }
     std::atomic<int> began{0};
+    std::atomic<int> finals{0};
 
 private:
     zavo::Mutex mutex;
@@ -441,6 +443,8 @@ private slots:
                 // The recording failed, then so did its recompression.
                 QTRY_COMPARE_WITH_TIMEOUT(session.delegate->savedErrors().size(), size_t(2), 30000);
                 QCOMPARE(session.delegate->savedErrors()[1]->code(), 1001L);
+                // The failed recording's report was already final.
+                QCOMPARE(session.delegate->finals.load(), 1);
             } else {
                 QCOMPARE(session.delegate->savedErrors().front()->code(), 1018L);
             }
