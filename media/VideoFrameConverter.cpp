@@ -9,7 +9,9 @@ extern "C" {
 }
 
 #include <libyuv/convert_argb.h>
+#include <libyuv/convert_from.h>
 #include <libyuv/planar_functions.h>
+#include <libyuv/scale.h>
 
 #include <algorithm>
 #include <bit>
@@ -447,6 +449,7 @@ struct VideoFrameConverter::Private {
     bool scaleFlipped(const ImagePlanes& src, const ImagePlanes& dst, bool mirrorRows, bool upsideDown);
     bool mirrorsInTheSource(const ImagePlanes& src, const ImagePlanes& dst, PlaneGeometry planes[4], int& planeCount);
     bool convertYuvToBgra(const ImagePlanes& src, const ImagePlanes& dst);
+    bool shrinkYuv420(const ImagePlanes& src, const ImagePlanes& dst);
     bool convert(const ImagePlanes& src, const ImagePlanes& dst);
 };
 
@@ -680,6 +683,48 @@ bool VideoFrameConverter::Private::convertYuvToBgra(const ImagePlanes& src, cons
     return failed == 0;
 }
 
+bool VideoFrameConverter::Private::shrinkYuv420(const ImagePlanes& src, const ImagePlanes& dst)
+{
+    // A decoded movie shrunk for the compressor: libyuv's box filter averages
+    // each target pixel's area as swscale's area scaling does (a 4x step
+    // comes out byte for byte the same), with vector code for whole-number
+    // steps. Only the size changes here; anything that also changes colour,
+    // range or orientation goes to swscale.
+    const auto srcFormat = AVPixelFormat(src.avPixelFormat);
+    const auto dstFormat = AVPixelFormat(dst.avPixelFormat);
+    const bool i420Source = srcFormat == AV_PIX_FMT_YUV420P || srcFormat == AV_PIX_FMT_YUVJ420P;
+    if (scaling != Scaling::Area || rotation != 0 || mirrored || !i420Source
+        || (dstFormat != AV_PIX_FMT_NV12 && dstFormat != AV_PIX_FMT_YUV420P) || src.fullRange != dst.fullRange
+        || dst.width > src.width || dst.height > src.height)
+        return false;
+    const int chromaWidth = (dst.width + 1) / 2;
+    const int chromaHeight = (dst.height + 1) / 2;
+    uint8_t* planes[3] = {dst.data[0], dst.data[1], dst.data[2]};
+    int strides[3] = {dst.bytesPerRow[0], dst.bytesPerRow[1], dst.bytesPerRow[2]};
+    const bool nv12 = dstFormat == AV_PIX_FMT_NV12;
+    if (nv12) {
+        // Shrunk into I420 scratch planes; interleaving the chroma of the
+        // small picture afterwards costs next to nothing.
+        const int chromaStride = scratchStride(chromaWidth);
+        const size_t chromaBytes = size_t(chromaStride) * size_t(chromaHeight);
+        uint8_t* memory = grow(scratch, scratchCapacity, 2 * chromaBytes);
+        if (!memory)
+            return false;
+        planes[1] = memory;
+        planes[2] = memory + chromaBytes;
+        strides[1] = strides[2] = chromaStride;
+    }
+    if (libyuv::I420Scale(src.data[0], src.bytesPerRow[0], src.data[1], src.bytesPerRow[1], src.data[2],
+                          src.bytesPerRow[2], src.width, src.height, planes[0], strides[0], planes[1], strides[1],
+                          planes[2], strides[2], dst.width, dst.height, libyuv::kFilterBox)
+        != 0)
+        return false;
+    if (nv12)
+        libyuv::MergeUVPlane(planes[1], strides[1], planes[2], strides[2], dst.data[1], dst.bytesPerRow[1],
+                             chromaWidth, chromaHeight);
+    return true;
+}
+
 bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePlanes& dst)
 {
     const auto srcFormat = AVPixelFormat(src.avPixelFormat);
@@ -688,7 +733,7 @@ bool VideoFrameConverter::Private::convert(const ImagePlanes& src, const ImagePl
         || dst.width <= 0 || dst.height <= 0 || !src.data[0] || !dst.data[0])
         return false;
 
-    if (convertYuvToBgra(src, dst))
+    if (convertYuvToBgra(src, dst) || shrinkYuv420(src, dst))
         return true;
 
     const bool turned = rotation == 90 || rotation == 270;

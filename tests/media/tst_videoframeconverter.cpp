@@ -339,6 +339,71 @@ private slots:
         }
     }
 
+    void shrinksADecodedMovieFrameByAveragingEachPlane_data()
+    {
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        QTest::newRow("a quarter, as the compressor reads 720x1280") << 16 << 24;
+        QTest::newRow("an uneven step") << 20 << 30;
+    }
+
+    void shrinksADecodedMovieFrameByAveragingEachPlane()
+    {
+        QFETCH(int, width);
+        QFETCH(int, height);
+        // A decoder's I420 picture (wider rows than its width, as decoders
+        // pad them) with luma, blue and red chroma in different patterns, so a
+        // swapped or misplaced plane shows in the NV12 result.
+        constexpr int kWidth = 64, kHeight = 96, kPadding = 32;
+        std::vector<uint8_t> y((kWidth + kPadding) * kHeight), u((kWidth / 2 + kPadding) * kHeight / 2),
+            v((kWidth / 2 + kPadding) * kHeight / 2);
+        ImagePlanes planes;
+        planes.avPixelFormat = AV_PIX_FMT_YUV420P;
+        planes.width = kWidth;
+        planes.height = kHeight;
+        planes.data[0] = y.data();
+        planes.data[1] = u.data();
+        planes.data[2] = v.data();
+        planes.bytesPerRow[0] = kWidth + kPadding;
+        planes.bytesPerRow[1] = planes.bytesPerRow[2] = kWidth / 2 + kPadding;
+        for (int row = 0; row < kHeight; ++row)
+            for (int x = 0; x < kWidth; ++x)
+                y[row * planes.bytesPerRow[0] + x] = uint8_t(16 + (x + row) % 4 * 60);  // averages to 106
+        for (int row = 0; row < kHeight / 2; ++row)
+            for (int x = 0; x < kWidth / 2; ++x) {
+                u[row * planes.bytesPerRow[1] + x] = row < kHeight / 4 ? 40 : 200;  // top dark, bottom light
+                v[row * planes.bytesPerRow[2] + x] = x < kWidth / 4 ? 60 : 180;     // left dark, right light
+            }
+
+        VideoFrameConverter converter;
+        converter.setScaling(VideoFrameConverter::Scaling::Area);
+        auto destination = PixelBuffer::create(width, height, PixelFormat::NV12VideoRange);
+        QVERIFY(converter.convert(planes, *destination));
+        const uint8_t* luma = destination->baseAddress(0);
+        const uint8_t* chroma = destination->baseAddress(1);
+        // Sampling instead of averaging would give the pattern's own values
+        // (16, 76, 136, 196); blocks of an uneven step hold a few more of one.
+        int sum = 0;
+        for (int row = 0; row < height; ++row)
+            for (int x = 0; x < width; ++x) {
+                const int value = luma[row * destination->bytesPerRow(0) + x];
+                sum += value;
+                QVERIFY2(qAbs(value - 106) <= 20, qPrintable(QStringLiteral("luma %1 at %2,%3").arg(value).arg(x).arg(row)));
+            }
+        QVERIFY(qAbs(sum / (width * height) - 106) <= 2);
+        // Away from the edges between the halves every chroma sample is one
+        // of the source's two values, in its own half: a swapped U and V, or
+        // one plane read at the other's stride, gives other values there.
+        const int chromaWidth = width / 2, chromaHeight = height / 2;
+        for (int row : {0, chromaHeight - 1})
+            for (int x : {0, chromaWidth - 1}) {
+                const uint8_t* pair = chroma + row * destination->bytesPerRow(1) + x * 2;
+                // (The box filter's fixed-point weights may round by one.)
+                QVERIFY(qAbs(pair[0] - (row == 0 ? 40 : 200)) <= 1);
+                QVERIFY(qAbs(pair[1] - (x == 0 ? 60 : 180)) <= 1);
+            }
+    }
+
     void refusesWhatItCannotTurnAndLeavesTheDestinationAlone()
     {
         VideoFrameConverter converter;
