@@ -71,13 +71,24 @@ function(zavo_add_library name)
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endfunction()
 
-# zavo_add_part(<name> FOLDER <folder> LIBS ... PUBLIC_HEADERS ...): one
-# folder of the component as an object library, with the layers and parts it
-# may use declared in LIBS; the component library links every part. Only the
-# headers named in PUBLIC_HEADERS are installed.
+# zavo_add_part(<name> FOLDER <folder> LIBS ... PUBLIC_HEADERS ...
+#               [SOURCES ...] [EXCLUDE ...]): one folder of the component as an
+# object library, with the layers and parts it may use declared in LIBS; the
+# component library links every part. A folder holds one part unless SOURCES
+# names the files of a smaller one and EXCLUDE keeps them out of the rest.
+# Only the headers named in PUBLIC_HEADERS are installed.
 function(zavo_add_part name)
-  cmake_parse_arguments(ARG "" "FOLDER" "LIBS;PUBLIC_HEADERS" ${ARGN})
-  zavo_glob_sources(sources headers)
+  cmake_parse_arguments(ARG "" "FOLDER" "LIBS;PUBLIC_HEADERS;SOURCES;EXCLUDE" ${ARGN})
+  if(ARG_SOURCES)
+    set(sources ${ARG_SOURCES})
+    set(headers)
+  else()
+    zavo_glob_sources(sources headers)
+    foreach(file ${ARG_EXCLUDE})
+      list(REMOVE_ITEM sources ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+      list(REMOVE_ITEM headers ${CMAKE_CURRENT_SOURCE_DIR}/${file})
+    endforeach()
+  endif()
   add_library(${name} OBJECT ${sources} ${headers})
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
