@@ -106,11 +106,13 @@ void ZMVideoCompresion::startWithTracks(const std::vector<AssetTrackPtr>& tracks
     reader->addOutput(output);
 
     VideoOutputSettings settings{VideoCodec::H264, kCompressedWidth, kCompressedHeight};
-    // Nothing waits on this encoder as on a live recording's: "fast" at CRF
-    // 24 keeps the SSIM of x264's defaults within 0.01 at about the same
-    // size (bench/media/run.sh).
-    settings.preset = QStringLiteral("fast");
-    settings.constantRateFactor = 24;
+    // The encoder takes over half the run's CPU and the decoder a third, so
+    // the preset decides the speed. "faster" at CRF 23.25 keeps the SSIM of
+    // x264's defaults within 0.01 and the size within a tenth on both clips
+    // of bench/media/run.sh, at a tenth less CPU than "fast"; subme 6 and
+    // above buy SSIM only with bytes, lower CRFs overshoot the size.
+    settings.preset = QStringLiteral("faster");
+    settings.constantRateFactor = 23.25;
     auto input = AssetWriterInput::create(MediaType::Video, settings);
     input->setTransform(track->preferredTransform());
     auto videoQueue = DispatchQueue::create(QStringLiteral("videoQueue"));
