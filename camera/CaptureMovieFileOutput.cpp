@@ -2,7 +2,7 @@
 
 #include "media/AssetWriter_p.h"
 #include "base/Log_p.h"
-#include "media/VideoFrameConverter_p.h"
+#include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
 #include <QStringList>
@@ -58,8 +58,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     AssetWriterPtr writer;
     AssetWriterInputPtr input;
     AssetWriterInputPixelBufferAdaptorPtr adaptor;
-    VideoFrameConverter converter;
-    std::shared_ptr<PixelBufferPool> pool;
+    OrientedFrameConverter converter;
 
     void wake()
     {
@@ -135,28 +134,6 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
         }
     }
 
-    std::shared_ptr<PixelBuffer> oriented(const SampleBuffer& frame, CaptureDevicePosition position)
-    {
-        const auto& source = frame.imageBuffer();
-        const int rotation = CaptureConnection::rotationDegreesFor(connection->videoOrientation());
-        const bool mirrored = connection->mirrorsFramesFrom(position);
-        if (rotation == 0 && !mirrored)
-            return source;
-        const bool turned = rotation == 90 || rotation == 270;
-        const int width = turned ? source->height() : source->width();
-        const int height = turned ? source->width() : source->height();
-        const auto format = planeCountOf(source->pixelFormat()) == 2 ? source->pixelFormat() : PixelFormat::BGRA32;
-        const auto& attributes = pool ? pool->attributes() : PixelBufferAttributes{};
-        if (!pool || attributes.width != width || attributes.height != height || attributes.pixelFormat != format)
-            pool = PixelBufferPool::create({format, width, height});
-        auto destination = pool ? pool->createPixelBuffer() : nullptr;
-        converter.setRotation(rotation);
-        converter.setMirrored(mirrored);
-        if (!destination || !converter.convert(*source, *destination))
-            return nullptr;
-        return destination;
-    }
-
     bool openWriter(const PixelBuffer& firstFrame, MediaTime startTime)
     {
         ErrorPtr error;
@@ -190,7 +167,13 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
 
     void write(const SampleBuffer& frame, CaptureDevicePosition position)
     {
-        auto pixels = oriented(frame, position);
+        // Upright frames go to the encoder as they are; turned ones keep two
+        // planes when they have them, so the encoder's conversion stays cheap.
+        const auto& source = frame.imageBuffer();
+        const PixelFormat format = source && planeCountOf(source->pixelFormat()) == 2 ? source->pixelFormat()
+                                                                                     : PixelFormat::BGRA32;
+        auto pixels = converter.convert(source, connection.get(), position, format,
+                                        OrientedFrameConverter::Upright::Kept);
         if (!pixels) {
             dropped.fetch_add(1, std::memory_order_relaxed);
             return;

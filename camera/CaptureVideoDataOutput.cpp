@@ -1,7 +1,7 @@
 #include "camera/CaptureVideoDataOutput_p.h"
 
 #include "base/Log_p.h"
-#include "media/VideoFrameConverter_p.h"
+#include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
 #include <array>
@@ -29,37 +29,10 @@ struct CaptureVideoDataOutput::Core {
     int head = 0;  // capture thread only
     int tail = 0;  // delegate queue only
 
-    // Conversion state, capture thread only.
-    VideoFrameConverter converter;
-    std::shared_ptr<PixelBufferPool> pool;
-    std::shared_ptr<const FormatDescription> description;
+    OrientedFrameConverter converter;  // capture thread only
 
     std::atomic<int64_t> delivered{0};
     std::atomic<int64_t> dropped{0};
-
-    std::shared_ptr<PixelBuffer> convert(const PixelBuffer& source, const CaptureConnection& connection,
-                                         CaptureDevicePosition position)
-    {
-        const int rotation = CaptureConnection::rotationDegreesFor(connection.videoOrientation());
-        const bool turned = rotation == 90 || rotation == 270;
-        const int width = turned ? source.height() : source.width();
-        const int height = turned ? source.width() : source.height();
-        if (!pool || pool->attributes().width != width || pool->attributes().height != height) {
-            pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
-            description = std::make_shared<const FormatDescription>(PixelFormat::BGRA32, width, height);
-        }
-        if (!pool)
-            return nullptr;
-        auto destination = pool->createPixelBuffer();
-        if (!destination)
-            return nullptr;
-        converter.setRotation(rotation);
-        converter.setMirrored(connection.mirrorsFramesFrom(position));
-        // The converter locks both buffers; the source is only read.
-        if (!converter.convert(const_cast<PixelBuffer&>(source), *destination))
-            return nullptr;
-        return destination;
-    }
 
     void deliver()
     {
@@ -142,14 +115,16 @@ void CaptureVideoDataOutput::captureFrame(const SampleBuffer& frame, CaptureDevi
         core.dropped.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    auto converted = core.convert(*frame.imageBuffer(), *connection(), position);
+    // Always a copy in BGRA: the delegate may keep frames as long as it likes.
+    auto converted = core.converter.convert(frame.imageBuffer(), connection().get(), position, PixelFormat::BGRA32,
+                                            OrientedFrameConverter::Upright::Copied);
     if (!converted) {
         core.dropped.fetch_add(1, std::memory_order_relaxed);
         return;
     }
     const auto slot = size_t(core.head);
     core.head = (core.head + 1) % Core::kSlotCount;
-    core.pending[slot] = SampleBuffer(std::move(converted), frame.presentationTimeStamp(), core.description,
+    core.pending[slot] = SampleBuffer(std::move(converted), frame.presentationTimeStamp(), core.converter.description(),
                                     frame.duration());
     core.keepAlive[slot] = core_;
     core.inFlight.fetch_add(1, std::memory_order_acq_rel);

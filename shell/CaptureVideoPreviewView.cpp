@@ -1,6 +1,6 @@
 #include "shell/CaptureVideoPreviewView_p.h"
 
-#include "media/VideoFrameConverter_p.h"
+#include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
 #include <QPaintEvent>
@@ -13,40 +13,10 @@ namespace zavo::platform {
 struct CaptureVideoPreviewView::Conversion {
     std::atomic<bool> pending{false};  // a conversion is queued and has not started
 
-    // Convert queue only.
-    VideoFrameConverter converter;
-    std::shared_ptr<PixelBufferPool> pool;
+    OrientedFrameConverter converter;  // convert queue only
 
     Mutex mutex;
     std::shared_ptr<PixelBuffer> ready ZAVO_GUARDED_BY(mutex);  // the newest BGRA frame
-
-    /// The frame turned and mirrored as the preview shows it, in BGRA; null
-    /// when it cannot be converted.
-    std::shared_ptr<PixelBuffer> turned(const CaptureVideoPreviewLayer& layer,
-                                        const CaptureVideoPreviewLayer::Frame& frame)
-    {
-        const auto& source = frame.sample.imageBuffer();
-        if (!source)
-            return nullptr;
-        const auto connection = layer.connection();
-        const int rotation = connection ? CaptureConnection::rotationDegreesFor(connection->videoOrientation()) : 0;
-        const bool mirrored = connection && connection->mirrorsFramesFrom(frame.position);
-        if (source->pixelFormat() == PixelFormat::BGRA32 && rotation == 0 && !mirrored)
-            return source;  // shown as delivered: no conversion at all
-        const bool sideways = rotation == 90 || rotation == 270;
-        const int width = sideways ? source->height() : source->width();
-        const int height = sideways ? source->width() : source->height();
-        if (!pool || pool->attributes().width != width || pool->attributes().height != height)
-            pool = PixelBufferPool::create({PixelFormat::BGRA32, width, height});
-        // The pool takes a buffer back once painting has let go of it, so a
-        // steady stream of frames cycles through the same few buffers.
-        std::shared_ptr<PixelBuffer> converted = pool ? pool->createPixelBuffer() : nullptr;
-        converter.setRotation(rotation);
-        converter.setMirrored(mirrored);
-        if (!converted || !converter.convert(*source, *converted))
-            return nullptr;
-        return converted;
-    }
 };
 
 CaptureVideoPreviewView::CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPreviewLayer> layer, QWidget* parent)
@@ -95,7 +65,11 @@ void CaptureVideoPreviewView::convertNewest()
     // Cleared first: a frame that arrives from now on needs a conversion of
     // its own, and gets one after this.
     conversion_->pending.store(false);
-    std::shared_ptr<PixelBuffer> converted = conversion_->turned(*layer_, layer_->newestFrame());
+    // A BGRA frame that needs no turn is shown as delivered, with no copy.
+    const auto frame = layer_->newestFrame();
+    std::shared_ptr<PixelBuffer> converted = conversion_->converter.convert(
+        frame.sample.imageBuffer(), layer_->connection().get(), frame.position, PixelFormat::BGRA32,
+        OrientedFrameConverter::Upright::KeptInFormat);
     if (!converted)
         return;
     {

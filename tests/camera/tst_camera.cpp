@@ -8,6 +8,7 @@
 #include "camera/CaptureSession.h"
 #include "camera/CaptureVideoDataOutput_p.h"
 #include "camera/CaptureVideoPreviewLayer.h"
+#include "camera/OrientedFrameConverter_p.h"
 #include "shell/CaptureVideoPreviewView_p.h"
 #include "shell/DeviceScreen.h"
 #include "shell/DeviceScreen_p.h"
@@ -127,6 +128,58 @@ private slots:
         CaptureDeviceRegistry::shared().setProviders({});
         CaptureDeviceRegistry::shared().unregisterAll();
         CaptureAuthorization::setPolicy(nullptr);
+    }
+
+    /// The data output must never pass the camera's own buffer on (its
+    /// delegate may keep frames), the movie output must not convert what the
+    /// encoder takes as it is, and the preview needs BGRA.
+    void orientedConverterKeepsOrCopiesUprightFramesAsEachConsumerNeeds()
+    {
+        using Upright = OrientedFrameConverter::Upright;
+        CaptureConnection connection;  // portrait, unmirrored
+        auto nv12 = PixelBuffer::create(4, 2, PixelFormat::NV12VideoRange);
+        auto bgra = PixelBuffer::create(4, 2, PixelFormat::BGRA32);
+        std::memset(bgra->baseAddress(), 0x3c, bgra->bytesPerRow() * 2);
+        OrientedFrameConverter converter;
+        const auto back = CaptureDevicePosition::Back;
+
+        QCOMPARE(converter.convert(nv12, &connection, back, PixelFormat::BGRA32, Upright::Kept), nv12);
+        QCOMPARE(converter.convert(bgra, &connection, back, PixelFormat::BGRA32, Upright::KeptInFormat), bgra);
+        const auto shown = converter.convert(nv12, &connection, back, PixelFormat::BGRA32, Upright::KeptInFormat);
+        QVERIFY(shown && shown != nv12);
+        QCOMPARE(shown->pixelFormat(), PixelFormat::BGRA32);
+        const auto copy = converter.convert(bgra, &connection, back, PixelFormat::BGRA32, Upright::Copied);
+        QVERIFY(copy && copy != bgra);
+        QCOMPARE(copy->baseAddress()[0], uint8_t(0x3c));
+        QCOMPARE(converter.convert(nullptr, &connection, back, PixelFormat::BGRA32, Upright::Copied), nullptr);
+    }
+
+    /// A turn swaps the sides, a front camera with automatic mirroring comes
+    /// out mirrored, and the description the data output stamps on its
+    /// samples follows a camera that changes size.
+    void orientedConverterTurnsMirrorsAndDescribesWhatItMade()
+    {
+        CaptureConnection connection;
+        connection.setVideoOrientation(VideoOrientation::LandscapeLeft);  // 90 degrees clockwise
+        auto source = PixelBuffer::create(6, 4, PixelFormat::BGRA32);
+        for (int y = 0; y < 4; ++y)
+            for (int x = 0; x < 6; ++x)
+                source->baseAddress()[y * source->bytesPerRow() + x * 4] = uint8_t(10 * y + x);
+        OrientedFrameConverter converter;
+        auto turned = converter.convert(source, &connection, CaptureDevicePosition::Back, PixelFormat::BGRA32,
+                                        OrientedFrameConverter::Upright::Copied);
+        QVERIFY(turned);
+        QCOMPARE(QSize(turned->width(), turned->height()), QSize(4, 6));
+        QCOMPARE(turned->baseAddress()[0], uint8_t(30));  // bottom-left corner comes to the top left
+        QCOMPARE(QSize(converter.description()->width(), converter.description()->height()), QSize(4, 6));
+
+        connection.setVideoOrientation(VideoOrientation::Portrait);
+        connection.setAutomaticallyAdjustsVideoMirroring(true);
+        auto mirrored = converter.convert(source, &connection, CaptureDevicePosition::Front, PixelFormat::BGRA32,
+                                          OrientedFrameConverter::Upright::Copied);
+        QVERIFY(mirrored);
+        QCOMPARE(mirrored->baseAddress()[0], uint8_t(5));  // the top row's last pixel
+        QCOMPARE(QSize(converter.description()->width(), converter.description()->height()), QSize(6, 4));
     }
 
     void discoveryListsCamerasInRegistrationOrderByPosition()
