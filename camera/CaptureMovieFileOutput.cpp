@@ -2,12 +2,12 @@
 
 #include "media/AssetWriter_p.h"
 #include "base/Log_p.h"
+#include "base/FrameHandoff_p.h"
 #include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
 #include <QStringList>
 
-#include <array>
 #include <map>
 #include <thread>
 
@@ -28,12 +28,13 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     std::weak_ptr<CaptureMovieFileOutput> owner;
     std::shared_ptr<CaptureConnection> connection;
 
-    // Capture thread to recording thread: a single-producer ring. signal is
-    // bumped for every event (frame, command) and is what the thread sleeps on.
-    std::array<SampleBuffer, kRingSize> ring;
-    std::array<CaptureDevicePosition, kRingSize> positions{};
-    std::atomic<uint32_t> written{0};
-    std::atomic<uint32_t> read{0};
+    // Capture thread to recording thread. signal is bumped for every event
+    // (frame, command) and is what the thread sleeps on.
+    struct Pending {
+        SampleBuffer frame;
+        CaptureDevicePosition position = CaptureDevicePosition::Unspecified;
+    };
+    SpscRing<Pending, kRingSize> ring;
     std::atomic<uint32_t> signal{0};
     std::atomic<bool> accepting{false};
     std::atomic<int64_t> offered{0};
@@ -71,14 +72,10 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
         if (!accepting.load(std::memory_order_acquire))
             return;
         offered.fetch_add(1, std::memory_order_relaxed);
-        const uint32_t w = written.load(std::memory_order_relaxed);
-        if (w - read.load(std::memory_order_acquire) >= kRingSize) {
+        if (!ring.tryPush({frame, position})) {
             dropped.fetch_add(1, std::memory_order_relaxed);
             return;
         }
-        ring[w % kRingSize] = frame;
-        positions[w % kRingSize] = position;
-        written.store(w + 1, std::memory_order_release);
         wake();
     }
 
@@ -124,13 +121,9 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
 
     void drainRing()
     {
-        uint32_t r = read.load(std::memory_order_relaxed);
-        while (r != written.load(std::memory_order_acquire)) {
-            SampleBuffer frame = std::move(ring[r % kRingSize]);
-            const auto position = positions[r % kRingSize];
-            read.store(++r, std::memory_order_release);
+        while (auto next = ring.tryPop()) {
             if (active)
-                write(frame, position);
+                write(next->frame, next->position);
         }
     }
 

@@ -1,10 +1,10 @@
 #include "camera/CaptureVideoDataOutput_p.h"
 
 #include "base/Log_p.h"
+#include "base/FrameHandoff_p.h"
 #include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
-#include <array>
 
 namespace zavo::platform {
 
@@ -18,16 +18,18 @@ struct CaptureVideoDataOutput::Core {
     DispatchQueuePtr queue ZAVO_GUARDED_BY(mutex);
     QVariantMap settings ZAVO_GUARDED_BY(mutex);
 
-    // The delivery ring. The capture thread fills slots at head, the delegate
-    // queue empties them at tail; inFlight counts filled slots and orders the
-    // two sides. A slot's keepAlive holds the core while its delivery block
+    // The capture thread pushes, the delegate queue pops, one delivery block
+    // for each frame. A frame's keepAlive holds the core while its block
     // waits, so the block itself captures a plain pointer and is small enough
-    // to be stored without an allocation.
-    std::array<SampleBuffer, kSlotCount> pending;
-    std::array<std::shared_ptr<Core>, kSlotCount> keepAlive;
+    // to be stored without an allocation. inFlight counts frames from their
+    // push until the delegate is done with them, which is what makes a frame
+    // late; it never exceeds the ring's places.
+    struct Delivery {
+        SampleBuffer frame;
+        std::shared_ptr<Core> keepAlive;
+    };
+    SpscRing<Delivery, kSlotCount> ring;
     std::atomic<int> inFlight{0};
-    int head = 0;  // capture thread only
-    int tail = 0;  // delegate queue only
 
     OrientedFrameConverter converter;  // capture thread only
 
@@ -36,10 +38,12 @@ struct CaptureVideoDataOutput::Core {
 
     void deliver()
     {
-        const int slot = tail;
-        tail = (tail + 1) % kSlotCount;
-        SampleBuffer frame = std::move(pending[size_t(slot)]);
-        std::shared_ptr<Core> self = std::move(keepAlive[size_t(slot)]);
+        auto next = ring.tryPop();
+        if (!next)
+            return;  // a block for every push: not reached
+        SampleBuffer frame = std::move(next->frame);
+        const std::shared_ptr<Core> self = std::move(next->keepAlive);
+        next.reset();
         std::shared_ptr<CaptureVideoDataOutputSampleBufferDelegate> target;
         {
             MutexLocker lock(mutex);
@@ -122,11 +126,12 @@ void CaptureVideoDataOutput::captureFrame(const SampleBuffer& frame, CaptureDevi
         core.dropped.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    const auto slot = size_t(core.head);
-    core.head = (core.head + 1) % Core::kSlotCount;
-    core.pending[slot] = SampleBuffer(std::move(converted), frame.presentationTimeStamp(), core.converter.description(),
-                                    frame.duration());
-    core.keepAlive[slot] = core_;
+    SampleBuffer sample(std::move(converted), frame.presentationTimeStamp(), core.converter.description(),
+                        frame.duration());
+    if (!core.ring.tryPush({std::move(sample), core_})) {
+        core.dropped.fetch_add(1, std::memory_order_relaxed);  // not reached while inFlight bounds the ring
+        return;
+    }
     core.inFlight.fetch_add(1, std::memory_order_acq_rel);
     queue->async([corePointer = &core] { corePointer->deliver(); });
 }

@@ -1,7 +1,7 @@
 #include "shell/CaptureVideoPreviewView_p.h"
 
+#include "base/FrameHandoff_p.h"
 #include "camera/OrientedFrameConverter_p.h"
-#include "base/ThreadSafety.h"
 
 #include <QPaintEvent>
 #include <QPainter>
@@ -14,9 +14,7 @@ struct CaptureVideoPreviewView::Conversion {
     std::atomic<bool> pending{false};  // a conversion is queued and has not started
 
     OrientedFrameConverter converter;  // convert queue only
-
-    Mutex mutex;
-    std::shared_ptr<PixelBuffer> ready ZAVO_GUARDED_BY(mutex);  // the newest BGRA frame
+    NewestSlot<std::shared_ptr<PixelBuffer>> ready;  // the newest BGRA frame, for painting
 };
 
 CaptureVideoPreviewView::CaptureVideoPreviewView(std::shared_ptr<CaptureVideoPreviewLayer> layer, QWidget* parent)
@@ -72,10 +70,7 @@ void CaptureVideoPreviewView::convertNewest()
         OrientedFrameConverter::Upright::KeptInFormat);
     if (!converted)
         return;
-    {
-        MutexLocker lock(conversion_->mutex);
-        std::swap(conversion_->ready, converted);
-    }
+    converted = conversion_->ready.put(std::move(converted));
     converted.reset();  // an unpainted frame goes back to its pool outside the lock
     requestUpdate();
 }
@@ -115,11 +110,7 @@ void CaptureVideoPreviewView::placeImage(const QSizeF& imageSize, const QRectF& 
 /// Picks up the newest converted frame; false while there is none.
 bool CaptureVideoPreviewView::takeConverted()
 {
-    std::shared_ptr<PixelBuffer> ready;
-    {
-        MutexLocker lock(conversion_->mutex);
-        ready = conversion_->ready;
-    }
+    std::shared_ptr<PixelBuffer> ready = conversion_->ready.newest();
     if (ready && ready != shown_) {
         // BGRA bytes are Qt's 32-bit xRGB on a little-endian machine; the
         // image only points at the buffer.
