@@ -59,7 +59,6 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     AssetWriterPtr writer;
     AssetWriterInputPtr input;
     AssetWriterInputPixelBufferAdaptorPtr adaptor;
-    OrientedFrameConverter converter;
 
     void wake()
     {
@@ -127,13 +126,13 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
         }
     }
 
-    bool openWriter(const PixelBuffer& firstFrame, MediaTime startTime)
+    /// shown: the first frame's size as it is shown, which the file keeps.
+    bool openWriter(QSize shown, MediaTime startTime)
     {
         ErrorPtr error;
         writer = AssetWriter::create(fileURL, FileType::MPEG4, &error);
         if (writer) {
-            input = AssetWriterInput::create(MediaType::Video,
-                                             {VideoCodec::H264, firstFrame.width() & ~1, firstFrame.height() & ~1});
+            input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, shown.width() & ~1, shown.height() & ~1});
             if (input) {
                 input->setExpectsMediaDataInRealTime(true);
                 writer->addInput(input);
@@ -143,8 +142,8 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
                 error = writer->error() ? writer->error()
                                         : makeMediaError(MediaErrorCode::EncoderNotFound,
                                                          QStringLiteral("Cannot record %1x%2 frames")
-                                                             .arg(firstFrame.width())
-                                                             .arg(firstFrame.height()));
+                                                             .arg(shown.width())
+                                                             .arg(shown.height()));
         }
         if (error) {
             qCWarning(lcCamera, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
@@ -160,22 +159,21 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
 
     void write(const SampleBuffer& frame, CaptureDevicePosition position)
     {
-        // Upright frames go to the encoder as they are; turned ones keep two
-        // planes when they have them, so the encoder's conversion stays cheap.
-        const auto& source = frame.imageBuffer();
-        const PixelFormat format = source && planeCountOf(source->pixelFormat()) == 2 ? source->pixelFormat()
-                                                                                     : PixelFormat::BGRA32;
-        auto pixels = converter.convert(source, connection.get(), position, format,
-                                        OrientedFrameConverter::Upright::Kept);
+        const auto& pixels = frame.imageBuffer();
         if (!pixels) {
             dropped.fetch_add(1, std::memory_order_relaxed);
             return;
         }
-        if (!writer && !openWriter(*pixels, frame.presentationTimeStamp()))
+        // The encoder's conversion turns and mirrors the frame in the same
+        // pass, instead of a turned copy being made first.
+        const auto [rotation, mirrored] = OrientedFrameConverter::orientationOf(connection.get(), position);
+        const bool sideways = rotation % 180 != 0;
+        const QSize shown = sideways ? QSize(pixels->height(), pixels->width()) : QSize(pixels->width(), pixels->height());
+        if (!writer && !openWriter(shown, frame.presentationTimeStamp()))
             return;
         // The adaptor waits while the encoder catches up; the capture thread
         // never does, since it only ever touches the ring.
-        if (adaptor->appendPixelBuffer(pixels, frame.presentationTimeStamp())) {
+        if (adaptor->appendPixelBuffer(pixels, frame.presentationTimeStamp(), rotation, mirrored)) {
             recorded.fetch_add(1, std::memory_order_relaxed);
             return;
         }

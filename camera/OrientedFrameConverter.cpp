@@ -2,6 +2,14 @@
 
 namespace zavo::platform {
 
+OrientedFrameConverter::Orientation OrientedFrameConverter::orientationOf(const CaptureConnection* connection,
+                                                                          CaptureDevicePosition position)
+{
+    if (!connection)
+        return {};
+    return {CaptureConnection::rotationDegreesFor(connection->videoOrientation()), connection->mirrorsFramesFrom(position)};
+}
+
 std::shared_ptr<PixelBuffer> OrientedFrameConverter::convert(const std::shared_ptr<PixelBuffer>& source,
                                                              const CaptureConnection* connection,
                                                              CaptureDevicePosition position, PixelFormat format,
@@ -9,10 +17,8 @@ std::shared_ptr<PixelBuffer> OrientedFrameConverter::convert(const std::shared_p
 {
     if (!source)
         return nullptr;
-    const int rotation = connection ? CaptureConnection::rotationDegreesFor(connection->videoOrientation()) : 0;
-    const bool mirrored = connection && connection->mirrorsFramesFrom(position);
-    if (rotation == 0 && !mirrored
-        && (upright == Upright::Kept || (upright == Upright::KeptInFormat && source->pixelFormat() == format)))
+    const auto [rotation, mirrored] = orientationOf(connection, position);
+    if (upright == Upright::Kept && rotation == 0 && !mirrored && source->pixelFormat() == format)
         return source;
     const bool sideways = rotation == 90 || rotation == 270;
     const int width = sideways ? source->height() : source->width();

@@ -1,7 +1,7 @@
 #pragma once
 // Camera frames turned and mirrored the way a connection shows them. The data
-// output, the movie output and the preview each keep one on the queue that
-// converts their frames.
+// output and the preview each keep one on the queue that converts their
+// frames; the movie output hands the orientation to the encoder's conversion.
 #include "base/ZavoExport.h"
 #include "camera/CaptureSession.h"
 #include "media/PixelBuffer.h"
@@ -17,10 +17,9 @@ class ZAVO_EXPORT OrientedFrameConverter {
 public:
     /// What becomes of a frame that needs neither a turn nor a mirror.
     enum class Upright {
-        Kept,         // the source itself, whatever its format (the encoder takes any)
-        KeptInFormat, // the source itself when it is in the format, else converted
-        Copied,       // always a converted copy: a consumer that keeps frames
-                      // must not hold on to the camera's own buffers
+        Kept,    // the source itself when it is in the format, else converted
+        Copied,  // always a converted copy: a consumer that keeps frames
+                 // must not hold on to the camera's own buffers
     };
 
     /// source turned and mirrored as connection shows frames from position
@@ -30,6 +29,16 @@ public:
     /// cannot be converted.
     std::shared_ptr<PixelBuffer> convert(const std::shared_ptr<PixelBuffer>& source, const CaptureConnection* connection,
                                          CaptureDevicePosition position, PixelFormat format, Upright upright);
+
+    /// How connection shows frames from position: turned clockwise by
+    /// rotation degrees, then mirrored left to right (as delivered when there
+    /// is no connection). For a consumer that turns frames itself, in a pass
+    /// it makes anyway.
+    struct Orientation {
+        int rotation = 0;
+        bool mirrored = false;
+    };
+    static Orientation orientationOf(const CaptureConnection* connection, CaptureDevicePosition position);
 
     /// The format of the buffers the last conversion made.
     const std::shared_ptr<const FormatDescription>& description() const { return description_; }

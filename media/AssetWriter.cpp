@@ -68,8 +68,9 @@ struct AssetWriterInput::Private {
     VideoFrameConverter converter;
     int64_t lastTicks = std::numeric_limits<int64_t>::min();
     bool fitChosen = false;
+    int fitRotation = 0;  // the quarter turn that fits the shown picture into the encoded one
 
-    bool append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time);
+    bool append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time, int rotation = 0, bool mirrored = false);
     void dispatchRequest();
     void dropRequest();
 };
@@ -486,7 +487,8 @@ void AssetWriterInput::markAsFinished()
     d->dropRequest();
 }
 
-bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time)
+bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time, int rotation,
+                                       bool mirrored)
 {
     auto core = writer.lock();
     if (!buffer || !time.isValid() || !core)
@@ -512,16 +514,22 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
         slot = core->freeSlots.back();
         core->freeSlots.pop_back();
     }
+    const bool sideways = rotation % 180 != 0;
     if (!fitChosen) {
         // The first frame decides for the whole track: a track has one
         // aspect and one display matrix.
         fitChosen = true;
-        const auto fit = media::fitPicture(QSize(buffer->width(), buffer->height()),
-                                           QSize(settings.width, settings.height));
-        converter.setRotation(fit.rotation);
+        const QSize shown = sideways ? QSize(buffer->height(), buffer->width()) : QSize(buffer->width(), buffer->height());
+        const auto fit = media::fitPicture(shown, QSize(settings.width, settings.height));
+        fitRotation = fit.rotation;
         MutexLocker lock(core->mutex);
         core->fit = fit;
     }
+    // The frame's own turn, its mirror, then the fit's turn. The converter
+    // mirrors after it turns, and a turn after a mirror is the mirror after
+    // the opposite turn.
+    converter.setRotation(mirrored ? rotation - fitRotation : rotation + fitRotation);
+    converter.setMirrored(mirrored);
     AVFrame* picture = core->pictures[slot].get();
     buffer->lockBaseAddress(PixelBuffer::ReadOnly);
     const bool converted
@@ -566,9 +574,9 @@ std::shared_ptr<PixelBufferPool> AssetWriterInputPixelBufferAdaptor::pixelBuffer
 }
 
 bool AssetWriterInputPixelBufferAdaptor::appendPixelBuffer(const std::shared_ptr<PixelBuffer>& buffer,
-                                                           MediaTime presentationTime)
+                                                           MediaTime presentationTime, int rotation, bool mirrored)
 {
-    return input_->d->append(buffer, presentationTime);
+    return input_->d->append(buffer, presentationTime, rotation, mirrored);
 }
 
 // ------------------------------------------------------------------ writer

@@ -117,7 +117,13 @@ public:
     /// Converts and queues buffer for encoding at presentationTime. False
     /// when the input is not ready, the time is invalid or not after the
     /// previous frame's, or the buffer cannot be converted.
-    bool appendPixelBuffer(const std::shared_ptr<PixelBuffer>& buffer, MediaTime presentationTime);
+    ///
+    /// A frame that is to be shown turned clockwise by rotation degrees and
+    /// then mirrored is turned and mirrored in the same pass that converts it
+    /// for the encoder; the track's shape is decided by the first frame as it
+    /// is shown.
+    bool appendPixelBuffer(const std::shared_ptr<PixelBuffer>& buffer, MediaTime presentationTime, int rotation = 0,
+                           bool mirrored = false);
 
 private:
     AssetWriterInputPixelBufferAdaptor() = default;

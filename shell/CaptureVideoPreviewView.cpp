@@ -67,7 +67,7 @@ void CaptureVideoPreviewView::convertNewest()
     const auto frame = layer_->newestFrame();
     std::shared_ptr<PixelBuffer> converted = conversion_->converter.convert(
         frame.sample.imageBuffer(), layer_->connection().get(), frame.position, PixelFormat::BGRA32,
-        OrientedFrameConverter::Upright::KeptInFormat);
+        OrientedFrameConverter::Upright::Kept);
     if (!converted)
         return;
     converted = conversion_->ready.put(std::move(converted));

@@ -131,8 +131,8 @@ private slots:
     }
 
     /// The data output must never pass the camera's own buffer on (its
-    /// delegate may keep frames), the movie output must not convert what the
-    /// encoder takes as it is, and the preview needs BGRA.
+    /// delegate may keep frames); the preview shows upright BGRA frames as
+    /// they come and needs every other one in BGRA.
     void orientedConverterKeepsOrCopiesUprightFramesAsEachConsumerNeeds()
     {
         using Upright = OrientedFrameConverter::Upright;
@@ -143,9 +143,8 @@ private slots:
         OrientedFrameConverter converter;
         const auto back = CaptureDevicePosition::Back;
 
-        QCOMPARE(converter.convert(nv12, &connection, back, PixelFormat::BGRA32, Upright::Kept), nv12);
-        QCOMPARE(converter.convert(bgra, &connection, back, PixelFormat::BGRA32, Upright::KeptInFormat), bgra);
-        const auto shown = converter.convert(nv12, &connection, back, PixelFormat::BGRA32, Upright::KeptInFormat);
+        QCOMPARE(converter.convert(bgra, &connection, back, PixelFormat::BGRA32, Upright::Kept), bgra);
+        const auto shown = converter.convert(nv12, &connection, back, PixelFormat::BGRA32, Upright::Kept);
         QVERIFY(shown && shown != nv12);
         QCOMPARE(shown->pixelFormat(), PixelFormat::BGRA32);
         const auto copy = converter.convert(bgra, &connection, back, PixelFormat::BGRA32, Upright::Copied);

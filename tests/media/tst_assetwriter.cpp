@@ -153,11 +153,19 @@ private slots:
         QTest::addColumn<QSize>("source");
         QTest::addColumn<QSize>("encoded");
         QTest::addColumn<double>("rotation");  // ffprobe's, anticlockwise
-        QTest::newRow("portrait camera, landscape picture") << QSize(72, 128) << QSize(320, 180) << 90.0;
-        QTest::newRow("landscape camera, portrait picture") << QSize(128, 72) << QSize(180, 320) << 90.0;
-        QTest::newRow("4:3 camera, 16:9 picture") << QSize(160, 120) << QSize(320, 180) << 0.0;
-        QTest::newRow("4:3 camera, 9:16 picture") << QSize(160, 120) << QSize(180, 320) << 90.0;
-        QTest::newRow("same shape") << QSize(64, 96) << QSize(32, 48) << 0.0;
+        // A frame appended with an orientation is turned clockwise, then
+        // mirrored, in the encoder's own conversion; source is its shape as shown.
+        QTest::addColumn<int>("frameRotation");
+        QTest::addColumn<bool>("mirrored");
+        QTest::newRow("portrait camera, landscape picture") << QSize(72, 128) << QSize(320, 180) << 90.0 << 0 << false;
+        QTest::newRow("landscape camera, portrait picture") << QSize(128, 72) << QSize(180, 320) << 90.0 << 0 << false;
+        QTest::newRow("4:3 camera, 16:9 picture") << QSize(160, 120) << QSize(320, 180) << 0.0 << 0 << false;
+        QTest::newRow("4:3 camera, 9:16 picture") << QSize(160, 120) << QSize(180, 320) << 90.0 << 0 << false;
+        QTest::newRow("same shape") << QSize(64, 96) << QSize(32, 48) << 0.0 << 0 << false;
+        QTest::newRow("frame turned a quarter") << QSize(72, 128) << QSize(180, 320) << 0.0 << 90 << false;
+        QTest::newRow("frame turned three quarters, landscape picture") << QSize(72, 128) << QSize(320, 180) << 90.0 << 270 << false;
+        QTest::newRow("frame turned and mirrored, landscape picture") << QSize(72, 128) << QSize(320, 180) << 90.0 << 90 << true;
+        QTest::newRow("frame upside down and mirrored") << QSize(128, 72) << QSize(320, 180) << 0.0 << 180 << true;
     }
 
     void framesKeepTheirShapeInAnyPicture()
@@ -165,16 +173,28 @@ private slots:
         QFETCH(QSize, source);
         QFETCH(QSize, encoded);
         QFETCH(double, rotation);
+        QFETCH(int, frameRotation);
+        QFETCH(bool, mirrored);
         const QString path = dir.filePath("shape.mp4");
         QFile::remove(path);
+        // The frame as the camera gives it: the shown quarters mirrored back
+        // and turned back.
+        auto shownQuarters = PixelBuffer::create(source.width(), source.height(), PixelFormat::BGRA32);
+        fillQuarters(*shownQuarters);
+        const QImage camera = QImage(shownQuarters->baseAddress(), source.width(), source.height(),
+                                     qsizetype(shownQuarters->bytesPerRow()), QImage::Format_RGB32)
+                                  .mirrored(mirrored, false)
+                                  .transformed(QTransform().rotate(-frameRotation));
         Session s = makeSession(path, encoded.width(), encoded.height(),
-                                {PixelFormat::BGRA32, source.width(), source.height()});
+                                {PixelFormat::BGRA32, camera.width(), camera.height()});
         QVERIFY(s.writer->startWriting());
         s.writer->startSessionAtSourceTime(MediaTime::zero());
         for (int i = 0; i < 3; ++i) {
             auto buffer = s.adaptor->pixelBufferPool()->createPixelBuffer();
-            fillQuarters(*buffer);
-            QVERIFY(s.adaptor->appendPixelBuffer(buffer, MediaTime::make(i, 30)));
+            for (int y = 0; y < camera.height(); ++y)
+                std::memcpy(buffer->baseAddress() + y * buffer->bytesPerRow(), camera.constScanLine(y),
+                            size_t(camera.width()) * 4);
+            QVERIFY(s.adaptor->appendPixelBuffer(buffer, MediaTime::make(i, 30), frameRotation, mirrored));
         }
         s.input->markAsFinished();
         QVERIFY(finish(s.writer));
