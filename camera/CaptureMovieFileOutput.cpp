@@ -2,6 +2,7 @@
 
 #include "media/AssetWriter_p.h"
 #include "base/Log_p.h"
+#include "base/ConsumerThread_p.h"
 #include "base/FrameHandoff_p.h"
 #include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
@@ -9,9 +10,7 @@
 #include <QStringList>
 
 #include <map>
-#include <thread>
 
-#include <pthread.h>
 
 namespace zavo::platform {
 
@@ -28,14 +27,14 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     std::weak_ptr<CaptureMovieFileOutput> owner;
     std::shared_ptr<CaptureConnection> connection;
 
-    // Capture thread to recording thread. signal is bumped for every event
-    // (frame, command) and is what the thread sleeps on.
+    // Capture thread to recording thread; the thread is woken for every
+    // frame and command.
     struct Pending {
         SampleBuffer frame;
         CaptureDevicePosition position = CaptureDevicePosition::Unspecified;
     };
     SpscRing<Pending, kRingSize> ring;
-    std::atomic<uint32_t> signal{0};
+    ConsumerThread thread;
     std::atomic<bool> accepting{false};
     std::atomic<int64_t> offered{0};
     std::atomic<int64_t> recorded{0};
@@ -50,7 +49,6 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     QUrl url ZAVO_GUARDED_BY(mutex);
     std::shared_ptr<CaptureFileOutputRecordingDelegate> delegate ZAVO_GUARDED_BY(mutex);
     std::map<const CaptureConnection*, QVariantMap> settings ZAVO_GUARDED_BY(mutex);
-    std::thread thread ZAVO_GUARDED_BY(mutex);
 
     // Recording thread only.
     QUrl fileURL;
@@ -60,11 +58,6 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     AssetWriterInputPtr input;
     AssetWriterInputPixelBufferAdaptorPtr adaptor;
 
-    void wake()
-    {
-        signal.fetch_add(1, std::memory_order_release);
-        signal.notify_one();
-    }
 
     void push(const SampleBuffer& frame, CaptureDevicePosition position)
     {
@@ -75,40 +68,34 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
             dropped.fetch_add(1, std::memory_order_relaxed);
             return;
         }
-        wake();
+        thread.wake();
     }
 
-    void run()
+    /// One round of the recording thread: commands, then the frames waiting.
+    ConsumerThread::Next round()
     {
-        pthread_setname_np(pthread_self(), "MovieFileOutput");
-        for (;;) {
-            const uint32_t seen = signal.load(std::memory_order_acquire);
-            bool start = false;
-            bool stop = false;
-            bool quit = false;
-            {
-                MutexLocker lock(mutex);
-                start = std::exchange(startRequested, false);
-                stop = std::exchange(stopRequested, false);
-                quit = quitRequested;
-                if (start) {
-                    fileURL = url;
-                    fileDelegate = delegate;
-                }
-            }
+        bool start = false;
+        bool stop = false;
+        bool quit = false;
+        {
+            MutexLocker lock(mutex);
+            start = std::exchange(startRequested, false);
+            stop = std::exchange(stopRequested, false);
+            quit = quitRequested;
             if (start) {
-                resetCounts();
-                active = true;
-                accepting.store(true, std::memory_order_release);
+                fileURL = url;
+                fileDelegate = delegate;
             }
-            drainRing();
-            if (stop || quit)
-                finish(quit);
-            if (quit)
-                return;
-            if (!start && !stop)
-                signal.wait(seen, std::memory_order_acquire);
         }
+        if (start) {
+            resetCounts();
+            active = true;
+            accepting.store(true, std::memory_order_release);
+        }
+        drainRing();
+        if (stop || quit)
+            finish(quit);
+        return quit ? ConsumerThread::Next::end() : ConsumerThread::Next::whenWoken();
     }
 
     void resetCounts()
@@ -260,21 +247,14 @@ CaptureMovieFileOutput::CaptureMovieFileOutput(ConstructionKey) : recorder_(std:
 
 CaptureMovieFileOutput::~CaptureMovieFileOutput()
 {
-    std::thread thread;
     {
         MutexLocker lock(recorder_->mutex);
         recorder_->quitRequested = true;
-        thread = std::move(recorder_->thread);
     }
-    recorder_->wake();
-    if (!thread.joinable())
-        return;
+    recorder_->thread.wake();
     // The last reference can be dropped by the recording thread itself (from
     // a delegate call); it then ends on its own.
-    if (thread.get_id() == std::this_thread::get_id())
-        thread.detach();
-    else
-        thread.join();
+    recorder_->thread.join();
 }
 
 QStringList CaptureMovieFileOutput::availableVideoCodecTypes() const { return {kVideoCodecTypeH264}; }
@@ -309,10 +289,11 @@ void CaptureMovieFileOutput::startRecordingToOutputFileURL(const QUrl& url,
         recorder_->startRequested = true;
         recorder_->url = url;
         recorder_->delegate = std::move(delegate);
-        if (!recorder_->thread.joinable())
-            recorder_->thread = std::thread([recorder = recorder_] { recorder->run(); });
     }
-    recorder_->wake();
+    // The thread keeps the recorder for the last steps of a recording that
+    // outlives this output; it starts with the first recording.
+    recorder_->thread.start("MovieFileOutput", [recorder = recorder_] { return recorder->round(); });
+    recorder_->thread.wake();
 }
 
 void CaptureMovieFileOutput::stopRecording()
@@ -324,7 +305,7 @@ void CaptureMovieFileOutput::stopRecording()
         recorder_->stopRequested = true;
     }
     recorder_->accepting.store(false, std::memory_order_release);
-    recorder_->wake();
+    recorder_->thread.wake();
 }
 
 bool CaptureMovieFileOutput::isRecording() const

@@ -1,5 +1,6 @@
 #include "zavocore/ZCReferenceDetector_p.h"
 
+#include "base/ConsumerThread_p.h"
 #include "base/Log_p.h"
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCErrorCodes.h"
@@ -84,10 +85,10 @@ struct ZCReferenceDetector::Shared {
     const std::weak_ptr<ZCBestShotDelegate> delegate;
     const ZCDetectorSettings settings;
     std::atomic<bool> faceFound{false};
-    std::atomic<bool> stopping{false};  // also written under mutex, for wake
+    std::atomic<bool> stopping{false};  // also written under mutex, which a round holds
 
+    platform::ConsumerThread thread;  // woken for every frame and command
     std::mutex mutex;
-    std::condition_variable wake;       // the detector's thread waits for work
     std::condition_variable processed;  // synchronous pushFrame waits for its frame
     // Guarded by mutex:
     platform::SampleBuffer pending;
@@ -103,7 +104,7 @@ struct ZCReferenceDetector::Shared {
             std::lock_guard lock(mutex);
             commands.push_back(std::move(command));
         }
-        wake.notify_one();
+        thread.wake();
     }
 };
 
@@ -118,7 +119,9 @@ public:
             qCWarning(platform::lcCore) << "face detector unavailable:" << analyzer_.loadError();
     }
 
-    static void run(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness);
+    /// One round of the detector's thread: every command, due timer and
+    /// waiting frame, then how long it may sleep.
+    platform::ConsumerThread::Next round();
 
     void launch(std::vector<StepPlan> steps);
     void resume();
@@ -177,27 +180,27 @@ private:
 
 // ------------------------------------------------------------------ thread
 
-void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::shared_ptr<ZCOnlineLivenessProtocol> liveness)
+platform::ConsumerThread::Next ZCReferenceDetector::Worker::round()
 {
-    Worker worker(shared, std::move(liveness));
+    Shared* shared = shared_.get();
     std::unique_lock lock(shared->mutex);
     while (!shared->stopping) {
         if (!shared->commands.empty()) {
             Shared::Command command = std::move(shared->commands.front());
             shared->commands.pop_front();
             lock.unlock();
-            command(worker);
+            command(*this);
             command = nullptr;
             lock.lock();
             continue;
         }
         // Timers before frames: when analysis is slower than the camera a
         // frame is always waiting, and a step would otherwise never run out.
-        const auto deadline = worker.nextDeadline(shared->lastArrival);
+        const auto deadline = nextDeadline(shared->lastArrival);
         if (deadline && *deadline <= Clock::now()) {
             const auto lastArrival = shared->lastArrival;
             lock.unlock();
-            worker.checkTimers(Clock::now(), lastArrival);
+            checkTimers(Clock::now(), lastArrival);
             lock.lock();
             continue;
         }
@@ -206,20 +209,20 @@ void ZCReferenceDetector::Worker::run(std::shared_ptr<Shared> shared, std::share
             const uint64_t number = shared->pushedFrames;
             const PreviewGeometry geometry = shared->geometry;
             lock.unlock();
-            worker.process(frame, geometry);
+            process(frame, geometry);
             lock.lock();
             shared->handledFrames = number;
             shared->processed.notify_all();
             continue;
         }
         if (deadline)
-            shared->wake.wait_for(lock, Clock::sleepUntil(*deadline));
-        else
-            shared->wake.wait(lock);
+            return platform::ConsumerThread::Next::wokenOrAfter(Clock::sleepUntil(*deadline));
+        return platform::ConsumerThread::Next::whenWoken();
     }
     // Let a synchronous pushFrame that is still waiting go.
     shared->handledFrames = shared->pushedFrames;
     shared->processed.notify_all();
+    return platform::ConsumerThread::Next::end();
 }
 
 // ------------------------------------------------------------------ wizard
@@ -524,8 +527,16 @@ ZCReferenceDetector::ZCReferenceDetector(std::weak_ptr<ZCBestShotDelegate> deleg
                                          std::shared_ptr<ZCOnlineLivenessProtocol> liveness,
                                          const ZCZavoConfiguration& configuration)
     : shared_(std::make_shared<Shared>(std::move(delegate), configuration))
-    , thread_(&Worker::run, shared_, std::move(liveness))
 {
+    // The worker is made on the thread by its first round: loading the face
+    // network takes a while, and the worker belongs to that thread. It goes
+    // with the round, on the thread too.
+    auto worker = std::make_shared<std::optional<Worker>>();
+    shared_->thread.start("ZCDetector", [shared = shared_, liveness = std::move(liveness), worker]() mutable {
+        if (!*worker)
+            worker->emplace(shared, std::move(liveness));
+        return (*worker)->round();
+    });
 }
 
 ZCReferenceDetector::~ZCReferenceDetector()
@@ -534,11 +545,10 @@ ZCReferenceDetector::~ZCReferenceDetector()
         std::lock_guard lock(shared_->mutex);
         shared_->stopping = true;
     }
-    shared_->wake.notify_all();
-    if (thread_.get_id() == std::this_thread::get_id())
-        thread_.detach();  // inside a delegate call: the loop ends when it returns
-    else
-        thread_.join();
+    shared_->thread.wake();
+    // Inside a delegate call, on the detector's thread: the thread ends when
+    // the call returns.
+    shared_->thread.join();
 }
 
 void ZCReferenceDetector::pushFrame(const platform::SampleBuffer& frame)
@@ -553,7 +563,7 @@ void ZCReferenceDetector::pushFrame(const platform::SampleBuffer& frame)
         number = ++shared_->pushedFrames;
         shared_->lastArrival = Clock::now();
     }
-    shared_->wake.notify_one();
+    shared_->thread.wake();
     if (shared_->settings.synchronousProcessing) {
         std::unique_lock lock(shared_->mutex);
         shared_->processed.wait(lock, [&] { return shared_->handledFrames >= number; });

@@ -22,7 +22,6 @@
 #include "zavocore/ZCOnlineLivenessProtocol.h"
 
 #include <memory>
-#include <thread>
 #include <vector>
 
 namespace zavo::core::detail {
@@ -52,7 +51,6 @@ public:
 private:
     std::shared_ptr<Shared> shared_;
     std::vector<ZCStepConfigPtr> steps_;
-    std::thread thread_;
 };
 
 }  // namespace zavo::core::detail
