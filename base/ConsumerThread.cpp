@@ -54,12 +54,6 @@ void ConsumerThread::start(const QByteArray& name, Round round)
     });
 }
 
-bool ConsumerThread::isStarted() const
-{
-    MutexLocker lock(state_->mutex);
-    return state_->thread.joinable();
-}
-
 void ConsumerThread::wake()
 {
     {

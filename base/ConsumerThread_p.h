@@ -46,7 +46,6 @@ public:
     /// has been started before. The round is destroyed on the thread when it
     /// ends, so what it owns is released there.
     void start(const QByteArray& name, Round round);
-    bool isStarted() const;
     /// Any thread: there is work, run a round soon.
     void wake();
     /// Waits for the thread to end; from the thread itself (a round that

@@ -11,7 +11,6 @@
 
 #include <map>
 
-
 namespace zavo::platform {
 
 void CaptureFileOutputRecordingDelegate::captureOutputDidStartRecording(
@@ -57,7 +56,6 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
     AssetWriterPtr writer;
     AssetWriterInputPtr input;
     AssetWriterInputPixelBufferAdaptorPtr adaptor;
-
 
     void push(const SampleBuffer& frame, CaptureDevicePosition position)
     {

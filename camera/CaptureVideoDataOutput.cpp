@@ -5,7 +5,6 @@
 #include "camera/OrientedFrameConverter_p.h"
 #include "base/ThreadSafety.h"
 
-
 namespace zavo::platform {
 
 struct CaptureVideoDataOutput::Core {

@@ -514,11 +514,11 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
         slot = core->freeSlots.back();
         core->freeSlots.pop_back();
     }
-    const bool sideways = rotation % 180 != 0;
     if (!fitChosen) {
-        // The first frame decides for the whole track: a track has one
-        // aspect and one display matrix.
+        // The first frame decides for the whole track, as it is shown: a
+        // track has one aspect and one display matrix.
         fitChosen = true;
+        const bool sideways = rotation % 180 != 0;
         const QSize shown = sideways ? QSize(buffer->height(), buffer->width()) : QSize(buffer->width(), buffer->height());
         const auto fit = media::fitPicture(shown, QSize(settings.width, settings.height));
         fitRotation = fit.rotation;

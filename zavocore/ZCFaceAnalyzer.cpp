@@ -160,18 +160,14 @@ cv::Mat greyRegion(const cv::Mat& frame, cv::Rect region, cv::Size size, platfor
     return scaledGrey(toGrey(frame(region), format), size);
 }
 
-// The same for a region over twice the size each way: it goes bilinearly to
-// twice the size and is then halved by area averaging, a low-pass close to
-// one area shrink by the whole factor at a fraction of its cost (a
-// fractional area shrink reads and weighs every pixel of the region), and
-// only the small picture is turned grey.
+// The same for a region over twice the size each way, shrunk in two steps
+// as the network's input is, and only the small picture turned grey.
 cv::Mat shrunkGreyRegion(const cv::Mat& frame, cv::Rect region, cv::Size size, platform::PixelFormat format)
 {
     if (region.width <= 2 * size.width || region.height <= 2 * size.height)
         return greyRegion(frame, region, size, format);
     cv::Mat twice, shrunk;
-    cv::resize(frame(region), twice, size * 2, 0, 0, cv::INTER_LINEAR);
-    cv::resize(twice, shrunk, size, 0, 0, cv::INTER_AREA);
+    shrinkInTwoSteps(frame(region), size, twice, shrunk);
     return toGrey(shrunk, format);
 }
 

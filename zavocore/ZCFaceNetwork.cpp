@@ -51,6 +51,12 @@ std::array<QPointF*, 6> pointsOf(FaceLandmarks& l)
 
 }  // namespace
 
+void shrinkInTwoSteps(const cv::Mat& region, cv::Size size, cv::Mat& twice, cv::Mat& out)
+{
+    cv::resize(region, twice, size * 2, 0, 0, cv::INTER_LINEAR);
+    cv::resize(twice, out, size, 0, 0, cv::INTER_AREA);
+}
+
 bool FaceNetwork::load(const QString& path, QString& error)
 {
     net_ = cv::dnn::Net();
@@ -105,14 +111,11 @@ void FaceNetwork::detect(const cv::Mat& frame, platform::PixelFormat format, con
     if (net_.empty() || square.width <= 0 || square.height != square.width
         || (square & cv::Rect(0, 0, frame.cols, frame.rows)) != square)
         return;
-    // A large square goes bilinearly to twice the input, then is halved by
-    // area averaging: a sixth of the cost of one area shrink by a fractional
-    // factor (which moves every pixel of the square), and for squares up to
-    // 720 pixels the bilinear step still reads most of them.
+    // A large square costs a sixth of one area shrink this way, and for
+    // squares up to 720 pixels the bilinear step still reads most of them.
     const cv::Mat region = frame(square);
     if (square.width > 2 * kInputSize) {
-        cv::resize(region, shrunk_, cv::Size(2 * kInputSize, 2 * kInputSize), 0, 0, cv::INTER_LINEAR);
-        cv::resize(shrunk_, input_, cv::Size(kInputSize, kInputSize), 0, 0, cv::INTER_AREA);
+        shrinkInTwoSteps(region, cv::Size(kInputSize, kInputSize), shrunk_, input_);
     } else {
         cv::resize(region, input_, cv::Size(kInputSize, kInputSize), 0, 0, cv::INTER_LINEAR);
     }

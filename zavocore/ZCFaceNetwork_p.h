@@ -13,6 +13,13 @@
 
 namespace zavo::core::detail {
 
+/// Shrinks region, over twice size each way, to size: bilinearly to twice
+/// the size, then halved by area averaging. A low-pass close to one area
+/// shrink by the whole factor at a fraction of its cost: a fractional area
+/// shrink reads and weighs every pixel of the region, the bilinear step only
+/// the ones it samples. twice is scratch the caller may keep between calls.
+void shrinkInTwoSteps(const cv::Mat& region, cv::Size size, cv::Mat& twice, cv::Mat& out);
+
 struct NetworkFace {
     cv::Rect2d box;  // frame pixels
     FaceLandmarks landmarks;
