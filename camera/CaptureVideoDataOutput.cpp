@@ -127,6 +127,7 @@ void CaptureVideoDataOutput::captureFrame(const SampleBuffer& frame, CaptureDevi
     }
     SampleBuffer sample(std::move(converted), frame.presentationTimeStamp(), core.converter.description(),
                         frame.duration());
+    sample.setMirrored(OrientedFrameConverter::orientationOf(connection().get(), position).mirrored);
     if (!core.ring.tryPush({std::move(sample), core_})) {
         core.dropped.fetch_add(1, std::memory_order_relaxed);  // not reached while inFlight bounds the ring
         return;

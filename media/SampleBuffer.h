@@ -46,12 +46,18 @@ public:
     const std::shared_ptr<const FormatDescription>& formatDescription() const { return format_; }
     MediaTime presentationTimeStamp() const { return pts_; }
     MediaTime duration() const { return duration_; }
+    /// Whether the picture shows the scene as a mirror does (front cameras'
+    /// frames, as the user sees them): what is left for the user is on the
+    /// picture's left. Frames say false unless their source knows better.
+    bool isMirrored() const { return mirrored_; }
+    void setMirrored(bool mirrored) { mirrored_ = mirrored; }
 
 private:
     std::shared_ptr<PixelBuffer> imageBuffer_;
     std::shared_ptr<const FormatDescription> format_;
     MediaTime pts_ = MediaTime::invalid();
     MediaTime duration_ = MediaTime::invalid();
+    bool mirrored_ = false;
 };
 
 }  // namespace zavo::platform
