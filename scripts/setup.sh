@@ -21,7 +21,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg libyuv-dev
-  libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev libopencv-dnn-dev opencv-data
+  libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev libopencv-dnn-dev libopencv-calib3d-dev opencv-data
   libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
   xvfb xauth
   clang libclang-rt-14-dev

@@ -12,4 +12,16 @@ platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey
     return std::make_shared<platform::ErrorObject>(kZCErrorDomain, static_cast<long>(code), std::move(info));
 }
 
+platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey, const QString& reasonKey)
+{
+    if (reasonKey.isEmpty())
+        return makeZCError(code, messageKey);
+    QVariantMap info;
+    info.insert(QString::fromLatin1(platform::kLocalizedDescriptionKey),
+                zc_localized(messageKey) + QLatin1Char(' ') + zc_localized(reasonKey));
+    info.insert(QString::fromLatin1(kZCMessageKeyInfoKey), messageKey);
+    info.insert(QString::fromLatin1(kZCLastGuidanceInfoKey), reasonKey);
+    return std::make_shared<platform::ErrorObject>(kZCErrorDomain, static_cast<long>(code), std::move(info));
+}
+
 }  // namespace zavo::core

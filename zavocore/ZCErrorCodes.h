@@ -6,17 +6,22 @@
 //
 //  code  meaning                                   key                              after it
 //  ----  ----------------------------------------  -------------------------------  -------------------------
-//  1000  the wizard's step ran out of time         errors.step_timeout              detector stops
+//  1000  the wizard's step ran out of time (its    errors.step_timeout              detector stops
+//        text ends with the last guidance shown)
 //  1001  the detector cannot work (cascade files   errors.detector_unavailable,     reported once; the step
 //        missing, frames in a format it cannot     errors.unsupported_frames        timeout ends the session
 //        read)
 //  1004  frames stopped arriving                   errors.no_frames                 detector stops
 //  1007  the liveness check refused the face       errors.liveness_failed           detector pauses (resume)
-//  1010  too few pixels across the face (too far)  errors.face_too_far,             guidance, detection goes on
-//        or part of it out of the frame (too       errors.face_too_close
-//        close)
-//  1021  picture not good enough: too dark, too    errors.too_dark, errors.too_     guidance, detection goes on
-//        bright, blurred                           bright, errors.blurred
+//  1010  where the face is: too few pixels across  errors.face_too_far,             guidance, detection goes on
+//        it (come closer), too large for a         errors.face_too_close,
+//        portrait (move back), at or over an edge  errors.face_off_centre
+//        of the frame (centre it)
+//  1021  the face not good enough for a shot:      errors.look_straight,            guidance, detection goes on
+//        turned away, too dark, too bright or      errors.too_dark, errors.too_
+//        burnt out, lit from behind, blurred,      bright, errors.light_behind,
+//        eyes shut                                 errors.blurred,
+//                                                  errors.eyes_closed
 //  1022  no face in view                           errors.no_face                   guidance, detection goes on
 //  1023  more than one face in view                errors.multiple_faces_detected   guidance, detection goes on
 //  1030  what the current interaction step asks    steps.turn_left, steps.turn_     prompt, the step goes on
@@ -53,7 +58,14 @@ enum class ZCErrorCode : long {
 /// User-info key holding the string-table key of the message.
 inline constexpr const char* kZCMessageKeyInfoKey = "ZCMessageKey";
 
+/// User-info key holding the string-table key of the last guidance shown
+/// before the step ran out of time (1000), when there was one.
+inline constexpr const char* kZCLastGuidanceInfoKey = "ZCLastGuidanceKey";
+
 /// An error in kZCErrorDomain with the localized text of messageKey.
 ZAVO_EXPORT platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey);
+/// The same, its text followed by that of reasonKey (why the user did not
+/// get there, in the user's words), which kZCLastGuidanceInfoKey names.
+ZAVO_EXPORT platform::ErrorObjectPtr makeZCError(ZCErrorCode code, const QString& messageKey, const QString& reasonKey);
 
 }  // namespace zavo::core

@@ -3,13 +3,16 @@
 #include "base/Log_p.h"
 #include "zavocore/ZCFaceNetwork_p.h"
 
+#include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/objdetect.hpp>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <dlfcn.h>
 
@@ -48,21 +51,14 @@ constexpr int kFullScanInterval = 6;  // frames
 // face: real faces get 10 or more neighbours from it, such patterns 4 or so.
 constexpr int kVerifierFaceSize = 48;
 constexpr int kVerifierMinNeighbours = 7;
-// Quality is measured on the face scaled to this size (never enlarged for
-// sharpness, which enlarging would understate); eyes are looked for at a
-// smaller size, where the cascade costs a third as much.
+// Without landmarks, the symmetry that stands for the pose is measured on
+// the face scaled to this size.
 constexpr int kQualitySize = 128;
-constexpr int kEyeSearchSize = 96;
-constexpr double kSharpnessForFullScore = 1500.0;
 constexpr double kSizeForFullScore = 0.5;
 // Size verdicts change only once a face is clearly past the limit, so that
 // boxes which wobble by a few pixels from frame to frame around it do not
-// flip the verdict back and forth. A face counts as cut off once more than
-// kCutOffEnter of its width lies outside the frame, and whole again once
-// kCutOffLeave of it lies inside every edge; too far below minFacePixels,
-// near enough again kTooFarLeave above it.
-constexpr double kCutOffEnter = 0.03;
-constexpr double kCutOffLeave = 0.03;
+// flip the verdict back and forth: too far below minFacePixels, near enough
+// again kTooFarLeave above it (and likewise kMarginLeave, kTooLargeLeave).
 constexpr double kTooFarLeave = 1.1;
 constexpr double kCoarseCameraFaceShare = 1.0 / 3.0;
 
@@ -85,15 +81,58 @@ constexpr int kNetworkFullScanInterval = 15;
 // Faces somewhat smaller than minFaceSize still count: a face right at the
 // limit is not dropped in every other frame as its box jitters.
 constexpr double kMinFaceTolerance = 0.85;
-// Pose: the nose tip's height between the eye line and the mouth in a level
-// face (0.5 on the test portraits), and how far it stands out of the face,
-// as a fraction of the eye-to-mouth distance.
-constexpr double kLevelNoseHeight = 0.5;
-constexpr double kNoseDepth = 0.4;
+// Pose: a generic head, the network's six points in millimetres with the
+// origin between the eyes, x towards the person's left (the picture's right
+// when unmirrored), y down, z away from the camera. Interpupillary distance
+// 63 mm (the adult average); the heights and the ears' spread are where this
+// network puts its points on frontal faces (its nose point sits above the
+// tip, its ear points on the face's outline inside the tragions). The depths
+// are not anatomical: the network's ear points follow the visible outline of
+// the face, which turns with the head at about half the tragions' depth.
+// They were fitted on heads rendered at known angles from photos of two
+// people (bench/core/make_pose_set.py) and checked on two others.
+constexpr std::array<std::array<double, 3>, 6> kHeadModel = {{
+    {-31.5, 0, 0},   // right eye
+    {31.5, 0, 0},    // left eye
+    {0, 33, -28},    // nose
+    {0, 66, -16},    // mouth
+    {-66, 17, 50},   // right ear
+    {66, 17, 50},    // left ear
+}};
+// A webcam sees about 60 degrees across its longer side.
+constexpr double kFocalPerLongSide = 0.87;
 // Eyes are looked for at the landmarks in squares this large (a fraction of
-// the distance between the eyes), scaled to kEyePatchSize.
-constexpr double kEyePatch = 0.7;
-constexpr int kEyePatchSize = 40;
+// the distance between the eyes), scaled to kEyePatchSize. The eye cascades
+// fire many times, at neighbouring places and sizes, on an open eye, and
+// seldom on a shut one: the count of raw hits (before grouping, which
+// throws most of a weak eye's away) is the eye's openness, full at
+// kOpenEyeHits. The plain eye cascade misses eyes behind spectacle frames,
+// the one trained with glasses finds them: the better of the two counts.
+constexpr double kEyePatch = 0.8;
+constexpr int kEyePatchSize = 48;
+constexpr double kOpenEyeHits = 8.0;
+constexpr int kEyesEvery = 3;
+// Where the eyes sit in a frontal cascade's face box.
+constexpr double kCascadeEyeX = 0.31, kCascadeEyeY = 0.4;
+// The eye cascades ship inside the library (OpenCV's, with their licence in
+// the files): the eyes are judged whether or not OpenCV's data is installed.
+constexpr const char* kEmbeddedEyeCascade = ":/zavocore/cascades/haarcascade_eye.xml";
+constexpr const char* kEmbeddedGlassesCascade = ":/zavocore/cascades/haarcascade_eye_tree_eyeglasses.xml";
+// Measures of light and sharpness look at the middle of the face, from the
+// brows to below the mouth and between the cheeks: hair, background and
+// the ears say nothing of the face and change with the framing. Fractions
+// of the face box (which reaches up to the hairline).
+constexpr double kInnerLeft = 0.22, kInnerRight = 0.78, kInnerTop = 0.3, kInnerBottom = 0.88;
+// The frame around the face, for backlight: the face box grown by this
+// share of its width on every side, sampled on a coarse grid.
+constexpr double kSurroundings = 0.6;
+constexpr int kSurroundingsGrid = 48;
+// Size and place verdicts change back only this far past their limits.
+constexpr double kMarginLeave = 0.03;
+constexpr double kTooLargeLeave = 0.95;
+// Appearance: hue and saturation of the middle of the face, coarse enough
+// that turning the head or a passing shadow changes little.
+constexpr int kHueBins = 12, kSaturationBins = 4, kAppearanceSize = 32;
 
 // A new face seen in a square fitted to it scores 0.8 or more; face-like
 // texture that scraped past the network's threshold in a coarse square
@@ -248,30 +287,72 @@ bool plausible(const FaceLandmarks& l, const cv::Rect2d& box)
     return below(l.noseTip) > 0 && below(l.mouth) > below(l.noseTip);
 }
 
-FacePose poseOf(const FaceLandmarks& l)
+cv::Point2d toPoint(QPointF p) { return {p.x(), p.y()}; }
+
+// Fits the generic head to the six points seen by a pinhole camera whose
+// axis goes through the frame's centre.
+FacePose poseOf(const FaceLandmarks& l, cv::Size frame)
 {
+    std::vector<cv::Point3d> model;
+    for (const auto& p : kHeadModel)
+        model.emplace_back(p[0], p[1], p[2]);
+    const std::vector<cv::Point2d> image = {toPoint(l.rightEye), toPoint(l.leftEye), toPoint(l.noseTip),
+                                            toPoint(l.mouth),    toPoint(l.rightEar), toPoint(l.leftEar)};
+    const double focal = kFocalPerLongSide * std::max(frame.width, frame.height);
+    const cv::Matx33d camera(focal, 0, frame.width / 2.0, 0, focal, frame.height / 2.0, 0, 0, 1);
+    cv::Vec3d rvec, tvec;
     FacePose pose;
-    const QPointF eyes = l.leftEye - l.rightEye;
-    pose.roll = std::atan2(eyes.y(), eyes.x()) * kDegrees;
-    // Undo the roll about the eyes' midpoint so that yaw and pitch are
-    // measured along the face's own axes.
-    const QPointF eyeMid = (l.leftEye + l.rightEye) / 2;
-    const double c = std::cos(-pose.roll / kDegrees), s = std::sin(-pose.roll / kDegrees);
-    const auto level = [&](QPointF p) {
-        p -= eyeMid;
-        return QPointF(c * p.x() - s * p.y(), s * p.x() + c * p.y());
-    };
-    const QPointF nose = level(l.noseTip), mouth = level(l.mouth);
-    const QPointF rightEar = level(l.rightEar), leftEar = level(l.leftEar);
-    // Turning the head moves the nose tip, which stands out about as far as
-    // the ears are apart, sideways against the ears' midpoint.
-    const double halfEars = (leftEar.x() - rightEar.x()) / 2;
-    if (halfEars > 0)
-        pose.yaw = std::atan2(nose.x() - (leftEar.x() + rightEar.x()) / 2, halfEars) * kDegrees;
-    // Raising the chin moves the nose tip up towards the eye line.
-    if (mouth.y() > 0)
-        pose.pitch = std::atan((kLevelNoseHeight - nose.y() / mouth.y()) / kNoseDepth) * kDegrees;
+    try {
+        if (!cv::solvePnP(model, image, camera, cv::noArray(), rvec, tvec, false, cv::SOLVEPNP_SQPNP))
+            return pose;
+    } catch (const cv::Exception&) {
+        return pose;  // degenerate points (all on one spot): no pose rather than none at all
+    }
+    cv::Matx33d r;
+    cv::Rodrigues(rvec, r);
+    // Where the face looks (the model's -z) and the line of sight to it: a
+    // face looking at the camera from the frame's edge looks along the line
+    // of sight, not along the camera's axis.
+    const cv::Vec3d forward(-r(0, 2), -r(1, 2), -r(2, 2));
+    const cv::Vec3d sight = tvec * (1.0 / std::max(cv::norm(tvec), 1e-9));
+    const double sightYaw = std::atan2(sight[0], sight[2]) * kDegrees;
+    const double sightPitch = std::atan2(sight[1], std::hypot(sight[0], sight[2])) * kDegrees;
+    pose.yaw = std::atan2(forward[0], -forward[2]) * kDegrees + sightYaw;
+    pose.pitch = std::atan2(-forward[1], std::hypot(forward[0], forward[2])) * kDegrees - sightPitch;
+    // Roll: the eye line (the model's x) against the frame's horizontal.
+    pose.roll = std::atan2(r(1, 0), r(0, 0)) * kDegrees;
     return pose;
+}
+
+// The nose tip's sideways offset from the ears' midpoint against half their
+// distance, along the face's own eye line: the depth parallax a solid head
+// shows when it turns, which a flat picture of a face turned in the hand
+// lacks (it narrows, but its nose stays between its ears).
+double noseParallaxOf(const FaceLandmarks& l)
+{
+    const QPointF eyes = l.leftEye - l.rightEye;
+    const double length = std::hypot(eyes.x(), eyes.y());
+    if (length <= 0)
+        return 0;
+    const QPointF along = eyes / length;
+    const auto x = [&](QPointF p) { return QPointF::dotProduct(p, along); };
+    const double halfEars = (x(l.leftEar) - x(l.rightEar)) / 2;
+    if (halfEars <= 0)
+        return 0;
+    return std::clamp((x(l.noseTip) - (x(l.leftEar) + x(l.rightEar)) / 2) / halfEars, -1.0, 1.0);
+}
+
+bool loadEmbedded(cv::CascadeClassifier& cascade, const char* resource)
+{
+    QFile file(QString::fromLatin1(resource));
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    try {
+        const cv::FileStorage storage(file.readAll().toStdString(), cv::FileStorage::READ | cv::FileStorage::MEMORY);
+        return cascade.read(storage.getFirstTopLevelNode());
+    } catch (const cv::Exception&) {
+        return false;
+    }
 }
 
 }  // namespace
@@ -281,6 +362,7 @@ struct FaceAnalyzer::Impl {
     cv::CascadeClassifier faceCascade;
     cv::CascadeClassifier verifierCascade;
     cv::CascadeClassifier eyeCascade;
+    cv::CascadeClassifier glassesCascade;
     QString loadError;
     FaceNetwork network;
 
@@ -303,11 +385,21 @@ struct FaceAnalyzer::Impl {
     bool verify(const cv::Mat& frame, const cv::Rect& face, platform::PixelFormat format);
     void judge(const cv::Mat& frame, const cv::Rect2d& wholeFace, platform::PixelFormat format, QPointF focus,
                FaceAnalysis& analysis);
-    // The last size verdicts on the only face, for the margins above.
-    bool wasCutOff = false;
+    // The last size and place verdicts on the only face, for the margins above.
+    bool wasOffCentre = false;
     bool wasTooFar = false;
-    int findEyes(const cv::Mat& face);
-    int findOpenEyes(const cv::Mat& frame, const FaceLandmarks& landmarks, platform::PixelFormat format);
+    bool wasTooLarge = false;
+    // The eyes as last measured on the only face, and frames since.
+    std::optional<double> lastEyes;
+    int framesSinceEyes = 0;
+    void forgetVerdicts()
+    {
+        wasOffCentre = wasTooFar = wasTooLarge = false;
+        lastEyes.reset();
+    }
+    double eyeOpenness(const cv::Mat& frame, QPointF eye, double between, platform::PixelFormat format);
+    double openEyes(const cv::Mat& frame, const FaceLandmarks& landmarks, platform::PixelFormat format,
+                    int& eyesSeen);
 
     std::vector<NetworkFace> findNetworkFaces(const cv::Mat& frame, platform::PixelFormat format);
     std::vector<NetworkFace> searchWhole(const cv::Mat& frame, platform::PixelFormat format);
@@ -324,16 +416,28 @@ FaceAnalyzer::FaceAnalyzer(const ZCDetectorSettings& settings) : d(std::make_uni
 {
     d->settings = settings;
     QStringList missing;
+    if (!loadEmbedded(d->glassesCascade, kEmbeddedGlassesCascade))
+        missing << QString::fromLatin1(kEmbeddedGlassesCascade);
+    if (settings.eyeCascadePath.isEmpty()) {
+        if (!loadEmbedded(d->eyeCascade, kEmbeddedEyeCascade))
+            missing << QString::fromLatin1(kEmbeddedEyeCascade);
+    } else {
+        load(d->eyeCascade, settings.eyeCascadePath, missing);
+    }
+    QString networkError;
+    const QString network = settings.faceNetworkPath.isEmpty() ? defaultNetworkPath() : settings.faceNetworkPath;
+    if (d->network.load(network, networkError)) {
+        // The network finds the faces: OpenCV's face cascades are not needed.
+        if (!missing.isEmpty())
+            d->loadError = QStringLiteral("cannot load cascade %1").arg(missing.join(QStringLiteral(", ")));
+        return;
+    }
     load(d->faceCascade, cascadePath(settings.faceCascadePath, ZAVO_FACE_CASCADE), missing);
     load(d->verifierCascade,
          cascadePath(settings.verifierCascadePath, ZAVO_CASCADE_DIR "/haarcascade_frontalface_alt.xml"), missing);
-    load(d->eyeCascade, cascadePath(settings.eyeCascadePath, ZAVO_CASCADE_DIR "/haarcascade_eye.xml"), missing);
     if (!missing.isEmpty())
         d->loadError = QStringLiteral("cannot load cascade %1").arg(missing.join(QStringLiteral(", ")));
-    QString networkError;
-    const QString network = settings.faceNetworkPath.isEmpty() ? defaultNetworkPath() : settings.faceNetworkPath;
-    if (!d->network.load(network, networkError))
-        qCWarning(platform::lcCore).noquote() << networkError + QStringLiteral("; faces are found by the Haar cascades, without landmarks");
+    qCWarning(platform::lcCore).noquote() << networkError + QStringLiteral("; faces are found by the Haar cascades, without landmarks or head pose");
 }
 
 FaceAnalyzer::~FaceAnalyzer() = default;
@@ -367,7 +471,26 @@ void FaceAnalyzer::reset()
     d->followed.clear();
     d->followSquares.clear();
     d->framesSinceFullScan = 0;
-    d->wasCutOff = d->wasTooFar = false;
+    d->forgetVerdicts();
+}
+
+double FaceAnalyzer::eyesOpenness(const FrameView& view, const FaceLandmarks& landmarks)
+{
+    if (!supports(view.format) || !view.data || view.width <= 0 || view.height <= 0)
+        return 0;
+    const cv::Mat frame(view.height, view.width, CV_8UC4, const_cast<uint8_t*>(view.data), view.bytesPerRow);
+    int seen = 0;
+    return d->openEyes(frame, landmarks, view.format, seen);
+}
+
+double FaceAnalyzer::appearanceSimilarity(const std::vector<float>& a, const std::vector<float>& b)
+{
+    if (a.empty() || a.size() != b.size())
+        return 0;
+    double common = 0;  // histogram intersection: both sum to 1
+    for (size_t i = 0; i < a.size(); ++i)
+        common += std::min(a[i], b[i]);
+    return common;
 }
 
 FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
@@ -390,11 +513,12 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
         if (faces.size() > 1) {
             analysis.guidance = Guidance::MultipleFaces;
         } else if (faces.size() == 1) {
-            analysis.pose = poseOf(faces.front().landmarks);
+            analysis.pose = poseOf(faces.front().landmarks, frame.size());
+            analysis.noseParallax = noseParallaxOf(faces.front().landmarks);
             d->judge(frame, faceBoxOf(faces.front().box), view.format, focus, analysis);
         }
         if (faces.size() != 1)
-            d->wasCutOff = d->wasTooFar = false;
+            d->forgetVerdicts();
         return analysis;
     }
     const double scale = std::min(1.0, double(d->settings.detectionLongSide) / std::max(view.width, view.height));
@@ -416,7 +540,7 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
         d->judge(frame, cv::Rect2d(scaled(faces.front(), 1.0 / scale)), view.format, focus, analysis);
     }
     if (faces.size() != 1)
-        d->wasCutOff = d->wasTooFar = false;
+        d->forgetVerdicts();
     return analysis;
 }
 
@@ -505,116 +629,209 @@ bool FaceAnalyzer::Impl::verify(const cv::Mat& frame, const cv::Rect& face, plat
 void FaceAnalyzer::Impl::judge(const cv::Mat& frame, const cv::Rect2d& wholeFace, platform::PixelFormat format,
                                QPointF focus, FaceAnalysis& analysis)
 {
+    const cv::Rect bounds(0, 0, frame.cols, frame.rows);
     const cv::Rect face = cv::Rect(cvRound(wholeFace.x), cvRound(wholeFace.y), cvRound(wholeFace.width),
                                    cvRound(wholeFace.height))
-        & cv::Rect(0, 0, frame.cols, frame.rows);
-    if (face.width <= 0 || face.height <= 0)
+        & bounds;
+    if (face.width <= 0 || face.height <= 0 || wholeFace.width <= 0)
         return;
-    const cv::Mat normalized = shrunkGreyRegion(frame, face, cv::Size(kQualitySize, kQualitySize), format);
-    const int nativeSize = std::min(kQualitySize, face.width);
-    const cv::Mat forSharpness =
-        nativeSize == kQualitySize ? normalized : greyRegion(frame, face, cv::Size(nativeSize, nativeSize), format);
-
-    cv::Mat laplacian;
-    cv::Laplacian(forSharpness, laplacian, CV_32F);
-    cv::Scalar mean, deviation;
-    cv::meanStdDev(laplacian, mean, deviation);
-    analysis.sharpness = deviation[0] * deviation[0];
-    analysis.brightness = cv::mean(normalized)[0];
-    const double clipped = double(cv::countNonZero(normalized <= 8) + cv::countNonZero(normalized >= 247))
-        / normalized.total();
-
-
     const double shortSide = std::min(frame.cols, frame.rows);
-    const double size = face.width / shortSide;
-    const QPointF centre(face.x + face.width / 2.0, face.y + face.height / 2.0);
-    const QPointF offCentre = centre - focus;
-    const double distance = std::hypot(offCentre.x(), offCentre.y()) / (shortSide / 2);
-
     ZCQualityScore& q = analysis.quality;
-    q.sharpness = ramp(std::log(std::max(analysis.sharpness, 1.0)), std::log(settings.minSharpness),
-                       std::log(kSharpnessForFullScore));
-    q.exposure = std::clamp(1.0 - std::abs(analysis.brightness - 128.0) / 128.0 - clipped, 0.0, 1.0);
-    q.faceSize = std::clamp(size / kSizeForFullScore, 0.0, 1.0);
-    q.centring = std::clamp(1.0 - distance, 0.0, 1.0);
-    // How far the face reaches past the frame's edges (negative: how far
-    // inside it stays), as a share of its width.
-    const double overhang = std::max({-wholeFace.x, -wholeFace.y, wholeFace.br().x - frame.cols,
-                                      wholeFace.br().y - frame.rows})
+
+    // Light and sharpness at the camera's own resolution: a face shrunk to a
+    // thumbnail looks sharp whatever the camera delivered.
+    const cv::Rect inner = cv::Rect(cvRound(wholeFace.x + kInnerLeft * wholeFace.width),
+                                    cvRound(wholeFace.y + kInnerTop * wholeFace.height),
+                                    cvRound((kInnerRight - kInnerLeft) * wholeFace.width),
+                                    cvRound((kInnerBottom - kInnerTop) * wholeFace.height))
+        & bounds;
+    double blownOut = 0;
+    if (inner.width >= 4 && inner.height >= 4) {
+        const cv::Mat grey = toGrey(frame(inner), format);
+        cv::Mat laplacian;
+        cv::Laplacian(grey, laplacian, CV_32F);
+        cv::Scalar mean, deviation;
+        cv::meanStdDev(laplacian, mean, deviation);
+        analysis.sharpness = deviation[0] * deviation[0];
+        analysis.brightness = cv::mean(grey)[0];
+        blownOut = double(cv::countNonZero(grey >= 250)) / double(grey.total());
+    }
+    // The frame around the face, sampled coarsely: backlight is the face
+    // much darker than what surrounds it (a window, a lamp behind the user).
+    const double grow = kSurroundings * wholeFace.width;
+    const cv::Rect around = cv::Rect(cvRound(wholeFace.x - grow), cvRound(wholeFace.y - grow),
+                                     cvRound(wholeFace.width + 2 * grow), cvRound(wholeFace.height + 2 * grow))
+        & bounds;
+    double background = analysis.brightness;
+    if (around.area() > face.area()) {
+        cv::Mat sampled;
+        cv::resize(frame(around), sampled, cv::Size(kSurroundingsGrid, kSurroundingsGrid), 0, 0, cv::INTER_NEAREST);
+        const cv::Mat grey = toGrey(sampled, format);
+        cv::Mat outside(grey.size(), CV_8U, cv::Scalar(255));
+        const double sx = double(kSurroundingsGrid) / around.width, sy = double(kSurroundingsGrid) / around.height;
+        outside(cv::Rect(cvFloor((face.x - around.x) * sx), cvFloor((face.y - around.y) * sy),
+                         cvCeil(face.width * sx), cvCeil(face.height * sy))
+                & cv::Rect(0, 0, kSurroundingsGrid, kSurroundingsGrid))
+            .setTo(0);
+        if (cv::countNonZero(outside) > 0)
+            background = cv::mean(grey, outside)[0];
+    }
+    const double faceToBackground = analysis.brightness / std::max(background, 1.0);
+
+    // Place and size, as shares of the face's width; negative room: cut.
+    const double room = std::min({wholeFace.x, wholeFace.y, frame.cols - wholeFace.br().x,
+                                  frame.rows - wholeFace.br().y})
         / wholeFace.width;
-    wasCutOff = wasCutOff ? overhang > -kCutOffLeave : overhang > kCutOffEnter;
+    wasOffCentre = room < settings.minFaceMargin + (wasOffCentre ? kMarginLeave : 0.0);
+    const double share = wholeFace.width / shortSide;
+    wasTooLarge = share > settings.maxFaceShare * (wasTooLarge ? kTooLargeLeave : 1.0);
     const double nearEnough = std::min(double(settings.minFacePixels), kCoarseCameraFaceShare * shortSide);
     wasTooFar = wholeFace.width < nearEnough * (wasTooFar ? kTooFarLeave : 1.0);
+
+    const QPointF centre(wholeFace.x + wholeFace.width / 2.0, wholeFace.y + wholeFace.height / 2.0);
+    const QPointF offCentre = centre - focus;
+    q.sharpness = ramp(std::log(std::max(analysis.sharpness, 1.0)), std::log(settings.minSharpness),
+                       std::log(settings.minSharpness * 8));
+    q.exposure = std::clamp(1.0 - std::abs(analysis.brightness - 128.0) / 128.0 - blownOut, 0.0, 1.0)
+        * ramp(faceToBackground, settings.minFaceToBackground, 1.0);
+    q.faceSize = std::clamp(share / kSizeForFullScore, 0.0, 1.0);
+    q.centring = std::clamp(1.0 - std::hypot(offCentre.x(), offCentre.y()) / (shortSide / 2), 0.0, 1.0);
+    q.sharpnessVariance = analysis.sharpness;
+    q.brightness = analysis.brightness;
+    q.faceToBackground = faceToBackground;
+    q.facePixels = wholeFace.width;
+
+    const auto turnedAway = [&](const FacePose& p) {
+        return std::abs(p.yaw) > settings.maxYaw || std::abs(p.pitch) > settings.maxPitch
+            || std::abs(p.roll) > settings.maxRoll;
+    };
     if (wasTooFar)
         analysis.guidance = Guidance::TooFar;
-    else if (wasCutOff)
+    else if (wasTooLarge)
         analysis.guidance = Guidance::TooClose;
+    else if (wasOffCentre)
+        analysis.guidance = Guidance::OffCentre;
+    else if (analysis.pose && turnedAway(*analysis.pose))
+        analysis.guidance = Guidance::TurnedAway;
     else if (analysis.brightness < settings.minBrightness)
         analysis.guidance = Guidance::TooDark;
-    else if (analysis.brightness > settings.maxBrightness)
+    else if (analysis.brightness > settings.maxBrightness || blownOut > settings.maxBlownOutShare)
         analysis.guidance = Guidance::TooBright;
+    else if (faceToBackground < settings.minFaceToBackground)
+        analysis.guidance = Guidance::Backlit;
     else if (analysis.sharpness < settings.minSharpness)
         analysis.guidance = Guidance::Blurred;
     else
         analysis.guidance = Guidance::None;
 
-    // Pose only ranks frames that can become the shot; the eye search is the
-    // dearest part of judging a face, so it is left out for the others.
-    if (analysis.pose && !analysis.landmarks.empty()) {
-        // Landmarks tell the pose; the eye cascade, which hardly fires on a
-        // closed eye, tells whether the eyes at them are open.
-        if (analysis.isGood())
-            analysis.eyesFound = findOpenEyes(frame, analysis.landmarks.front(), format);
+    // The eyes last: the dearest measure (two to eight times the rest of
+    // the analysis), and only worth it for a face that could become the
+    // shot. While the same face stays good they are looked at every
+    // kEyesEvery frames, which catches a blink (a tenth of a second or
+    // more); the detector looks again at any frame it would take as the shot.
+    const bool eyesDue = analysis.guidance != Guidance::None || !lastEyes || ++framesSinceEyes >= kEyesEvery;
+    if (analysis.guidance == Guidance::None && !eyesDue) {
+        analysis.eyesOpenness = lastEyes;
+        analysis.eyesMeasured = false;
+        if (*analysis.eyesOpenness < settings.minEyeOpenness)
+            analysis.guidance = Guidance::EyesShut;
+    } else if (analysis.guidance == Guidance::None) {
+        FaceLandmarks eyes;
+        if (!analysis.landmarks.empty()) {
+            eyes = analysis.landmarks.front();
+        } else {
+            // The cascades give no landmarks: the eyes' usual places in
+            // their box.
+            eyes.rightEye = QPointF(wholeFace.x + kCascadeEyeX * wholeFace.width, wholeFace.y + kCascadeEyeY * wholeFace.height);
+            eyes.leftEye = QPointF(wholeFace.x + (1 - kCascadeEyeX) * wholeFace.width, eyes.rightEye.y());
+        }
+        analysis.eyesOpenness = openEyes(frame, eyes, format, analysis.eyesFound);
+        analysis.eyesMeasured = true;
+        lastEyes = analysis.eyesOpenness;
+        framesSinceEyes = 0;
+        if (*analysis.eyesOpenness < settings.minEyeOpenness)
+            analysis.guidance = Guidance::EyesShut;
+    }
+    if (analysis.guidance != Guidance::None && analysis.guidance != Guidance::EyesShut)
+        lastEyes.reset();
+    q.eyesOpen = analysis.eyesOpenness.value_or(0.0);
+
+    if (analysis.pose) {
         const FacePose& pose = *analysis.pose;
-        q.pose = 0.4 * ramp(std::abs(pose.yaw), 30, 5) + 0.2 * ramp(std::abs(pose.roll), 25, 5)
-            + 0.2 * ramp(std::abs(pose.pitch), 30, 10) + 0.2 * analysis.eyesFound / 2.0;
+        q.headPose = pose;
+        q.pose = 0.5 * ramp(std::abs(pose.yaw), settings.maxYaw, 0) + 0.25 * ramp(std::abs(pose.pitch), settings.maxPitch, 0)
+            + 0.25 * ramp(std::abs(pose.roll), settings.maxRoll, 0);
     } else {
-        // Left half against the mirrored right half: a frontal face is nearly
-        // symmetric; eyes are the stronger sign but the cascade misses them often.
+        // Without landmarks: left half against the mirrored right half, a
+        // frontal face being nearly symmetric.
+        const cv::Mat normalized = shrunkGreyRegion(frame, face, cv::Size(kQualitySize, kQualitySize), format);
         const int half = kQualitySize / 2;
         cv::Mat mirroredRight;
         cv::flip(normalized(cv::Rect(half, kQualitySize / 8, half * 3 / 4, kQualitySize * 3 / 4)), mirroredRight, 1);
         cv::Mat correlation;
         cv::matchTemplate(normalized(cv::Rect(half / 4, kQualitySize / 8, half * 3 / 4, kQualitySize * 3 / 4)),
                           mirroredRight, correlation, cv::TM_CCOEFF_NORMED);
-        const double symmetry = std::clamp(double(correlation.at<float>(0, 0)), 0.0, 1.0);
-        if (analysis.isGood())
-            analysis.eyesFound = findEyes(greyRegion(frame, face, cv::Size(kEyeSearchSize, kEyeSearchSize), format));
-        q.pose = 0.6 * analysis.eyesFound / 2.0 + 0.4 * symmetry;
+        q.pose = std::clamp(double(correlation.at<float>(0, 0)), 0.0, 1.0);
     }
-    q.total = 0.35 * q.sharpness + 0.2 * q.exposure + 0.15 * q.faceSize + 0.15 * q.centring + 0.15 * q.pose;
+    q.total = 0.3 * q.sharpness + 0.15 * q.exposure + 0.1 * q.faceSize + 0.1 * q.centring + 0.2 * q.pose
+        + 0.15 * q.eyesOpen;
+
+    // Who this is, coarsely: hue and saturation of the middle of the face.
+    if (inner.width >= 4 && inner.height >= 4) {
+        cv::Mat small, bgr, hsv;
+        cv::resize(frame(inner), small, cv::Size(kAppearanceSize, kAppearanceSize), 0, 0, cv::INTER_AREA);
+        if (format == platform::PixelFormat::ARGB32) {
+            bgr.create(small.size(), CV_8UC3);
+            const int fromTo[] = {3, 0, 2, 1, 1, 2};  // A,R,G,B -> B,G,R
+            cv::mixChannels(&small, 1, &bgr, 1, fromTo, 3);
+        } else {
+            cv::cvtColor(small, bgr, cv::COLOR_BGRA2BGR);
+        }
+        cv::cvtColor(bgr, hsv, cv::COLOR_BGR2HSV);
+        std::vector<float>& histogram = analysis.appearance;
+        histogram.assign(size_t(kHueBins * kSaturationBins), 0.0f);
+        for (int y = 0; y < hsv.rows; ++y) {
+            const cv::Vec3b* row = hsv.ptr<cv::Vec3b>(y);
+            for (int x = 0; x < hsv.cols; ++x) {
+                const int hue = std::min(kHueBins - 1, row[x][0] * kHueBins / 180);
+                const int saturation = std::min(kSaturationBins - 1, row[x][1] * kSaturationBins / 256);
+                histogram[size_t(hue * kSaturationBins + saturation)] += 1.0f;
+            }
+        }
+        for (float& bin : histogram)
+            bin /= float(hsv.total());
+    }
 }
 
-int FaceAnalyzer::Impl::findEyes(const cv::Mat& face)
+double FaceAnalyzer::Impl::eyeOpenness(const cv::Mat& frame, QPointF eye, double between,
+                                        platform::PixelFormat format)
 {
-    // Eyes sit in the band from 15% to 60% of the face's height.
-    const int size = face.cols;
-    const cv::Rect band(0, size * 15 / 100, size, size * 45 / 100);
-    std::vector<cv::Rect> eyes;
-    eyeCascade.detectMultiScale(face(band), eyes, 1.2, 2, 0, cv::Size(size / 8, size / 8), cv::Size(size / 3, size / 3));
-    bool left = false;
-    bool right = false;
-    for (const cv::Rect& eye : eyes)
-        (eye.x + eye.width / 2 < size / 2 ? left : right) = true;
-    return int(left) + int(right);
+    const cv::Rect patch = squareAround({eye.x(), eye.y()}, kEyePatch * between, frame.size()) & cv::Rect(0, 0, frame.cols, frame.rows);
+    if (patch.width < 8 || patch.height < 8 || eyeCascade.empty())
+        return 0;
+    const cv::Mat grey = greyRegion(frame, patch, cv::Size(kEyePatchSize, kEyePatchSize), format);
+    size_t most = 0;
+    for (cv::CascadeClassifier* cascade : {&eyeCascade, &glassesCascade}) {
+        // The glasses cascade costs twice the plain one: asked only when
+        // the plain one did not see an open eye.
+        if (cascade->empty() || most / kOpenEyeHits >= settings.minEyeOpenness)
+            continue;
+        std::vector<cv::Rect> hits;
+        cascade->detectMultiScale(grey, hits, 1.05, 0, 0, cv::Size(kEyePatchSize / 3, kEyePatchSize / 3),
+                                  cv::Size(kEyePatchSize, kEyePatchSize));
+        most = std::max(most, hits.size());
+    }
+    return std::clamp(double(most) / kOpenEyeHits, 0.0, 1.0);
 }
 
-int FaceAnalyzer::Impl::findOpenEyes(const cv::Mat& frame, const FaceLandmarks& l, platform::PixelFormat format)
+double FaceAnalyzer::Impl::openEyes(const cv::Mat& frame, const FaceLandmarks& l, platform::PixelFormat format,
+                                    int& eyesSeen)
 {
     const double between = std::hypot(l.leftEye.x() - l.rightEye.x(), l.leftEye.y() - l.rightEye.y());
-    const cv::Rect bounds(0, 0, frame.cols, frame.rows);
-    int open = 0;
-    for (const QPointF& eye : {l.rightEye, l.leftEye}) {
-        const cv::Rect patch = squareAround({eye.x(), eye.y()}, kEyePatch * between, frame.size()) & bounds;
-        if (patch.width < 8 || patch.height < 8)
-            continue;
-        const cv::Mat grey = greyRegion(frame, patch, cv::Size(kEyePatchSize, kEyePatchSize), format);
-        std::vector<cv::Rect> found;
-        eyeCascade.detectMultiScale(grey, found, 1.15, 2, 0, cv::Size(kEyePatchSize / 2, kEyePatchSize / 2),
-                                    cv::Size(kEyePatchSize * 7 / 8, kEyePatchSize * 7 / 8));
-        open += found.empty() ? 0 : 1;
-    }
-    return open;
+    const double right = eyeOpenness(frame, l.rightEye, between, format);
+    const double left = eyeOpenness(frame, l.leftEye, between, format);
+    eyesSeen = int(right >= settings.minEyeOpenness) + int(left >= settings.minEyeOpenness);
+    return std::min(right, left);
 }
 
 // ------------------------------------------------------------ the network

@@ -26,9 +26,24 @@ struct ZAVO_EXPORT FrameView {
     platform::PixelFormat format = platform::PixelFormat::BGRA32;
 };
 
-/// What a frame lacks to be a good shot; None when it is one. In order of
-/// precedence for a single face: size, then exposure, then sharpness.
-enum class Guidance { None, NoFace, MultipleFaces, TooFar, TooClose, TooDark, TooBright, Blurred };
+/// What a frame lacks to be a good shot; None when it is one. For a single
+/// face they are checked in this order and the first that fails is told:
+/// what the user must fix first (where to be) comes before what only shows
+/// once that is right (blur, shut eyes).
+enum class Guidance {
+    None,
+    NoFace,
+    MultipleFaces,
+    TooFar,      // too few pixels across the face: come closer
+    TooClose,    // the face too large for a portrait: move back
+    OffCentre,   // the face at or over an edge of the frame: centre it
+    TurnedAway,  // yaw, pitch or roll past the limits: look straight at the camera
+    TooDark,
+    TooBright,   // bright, or burnt out to white
+    Backlit,     // much darker than the frame around it: light behind the user
+    Blurred,     // hold still
+    EyesShut,
+};
 
 /// Six points on a face, in frame pixels. Right and left are the person's
 /// own: in an unmirrored frame of someone facing the camera the right eye is
@@ -37,16 +52,10 @@ struct ZAVO_EXPORT FaceLandmarks {
     QPointF rightEye, leftEye, noseTip, mouth, rightEar, leftEar;
 };
 
-/// Head pose in degrees, estimated from the landmarks. Zero is a face looking
-/// straight at the camera, upright. yaw > 0: turned towards the frame's right
-/// edge; pitch > 0: chin up; roll > 0: tilted clockwise as seen in the frame.
-/// Pitch is the roughest of the three (the nose's height between eyes and
-/// mouth, which also varies from face to face).
-struct ZAVO_EXPORT FacePose {
-    double yaw = 0;
-    double pitch = 0;
-    double roll = 0;
-};
+/// Head pose in degrees, fitted from the landmarks to a generic head seen by
+/// a pinhole camera, measured against the line from the camera to the head.
+/// Signs as in ZCHeadPose.
+using FacePose = ZCHeadPose;
 
 struct ZAVO_EXPORT FaceAnalysis {
     /// Every face found, in frame pixels, largest first.
@@ -56,12 +65,27 @@ struct ZAVO_EXPORT FaceAnalysis {
     std::vector<FaceLandmarks> landmarks;
     /// The only face's pose, when it has landmarks.
     std::optional<FacePose> pose;
+    /// How much the nose tip stands off the line between the ears, against
+    /// the ears' half distance (-1..1): the parallax a real, solid head shows
+    /// when it turns and a turned photo of a face does not.
+    double noseParallax = 0;
     Guidance guidance = Guidance::NoFace;
-    /// The only face's measures (zero unless there is exactly one face).
+    /// The only face's measures (zero unless there is exactly one face);
+    /// quality holds the raw measures too.
     ZCQualityScore quality;
     double sharpness = 0;   // variance of the Laplacian
     double brightness = 0;  // mean grey level
-    int eyesFound = 0;      // 0..2, one per side of the face; with landmarks, open eyes
+    int eyesFound = 0;      // 0..2, eyes seen open
+    /// The less open eye, 0..1; measured only for a face that passes
+    /// everything before the eyes (a turned or blurred face is refused
+    /// anyway, and the eyes are the dearest measure), and for the same good
+    /// face only every few frames: eyesMeasured says whether in this one
+    /// (else the value is the last measure's).
+    std::optional<double> eyesOpenness;
+    bool eyesMeasured = false;
+    /// A small colour signature of the face, to tell one person from another
+    /// between frames (FaceAnalyzer::sameFace).
+    std::vector<float> appearance;
 
     bool isGood() const { return guidance == Guidance::None; }
 };
@@ -92,8 +116,16 @@ public:
     FaceAnalysis analyze(const FrameView& frame, QPointF focus);
     /// Forgets the faces being followed; the next frame is searched whole.
     void reset();
+    /// How open the less open of the face's eyes is, 0..1, whatever else is
+    /// wrong with the face (analyze measures it only for faces that pass
+    /// everything else). For measuring the measure.
+    double eyesOpenness(const FrameView& frame, const FaceLandmarks& landmarks);
 
     static bool supports(platform::PixelFormat format);
+
+    /// How alike two faces' appearance signatures are, 0..1; the same person
+    /// from frame to frame, turned or not, stays above 0.5.
+    static double appearanceSimilarity(const std::vector<float>& a, const std::vector<float>& b);
 
 private:
     struct Impl;

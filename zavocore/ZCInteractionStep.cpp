@@ -21,7 +21,7 @@ bool StepJudge::canJudge(ZCStepKind kind, const FaceAnalysis& analysis)
     return !turn || analysis.pose.has_value();
 }
 
-bool StepJudge::asked(const FaceAnalysis& analysis, double frameWidth)
+bool StepJudge::shows(const FaceAnalysis& analysis, double frameWidth, bool mirrored)
 {
     // Only one face may do the step: a second one could be anyone's.
     if (analysis.faces.size() != 1 || frameWidth <= 0)
@@ -31,17 +31,18 @@ bool StepJudge::asked(const FaceAnalysis& analysis, double frameWidth)
     case ZCStepKind::TurnHeadRight: {
         if (!analysis.pose)
             return false;
-        // The frames are the mirrored preview the user looks at: turning to
-        // one's own left turns the face towards the frame's left edge.
-        const double yaw = analysis.pose->yaw;
-        if (std::abs(yaw) <= kFrontalYaw)
-            sawFrontal_ = true;
-        const double towardsAsked = kind_ == ZCStepKind::TurnHeadLeft ? -yaw : yaw;
-        return sawFrontal_ && towardsAsked >= kTurnedYaw;
+        if (phase_ != Phase::Turned)
+            return std::abs(analysis.pose->yaw) <= kFrontalYaw;
+        // yaw > 0 turns the face towards the frame's right edge. Unmirrored,
+        // the user's own left is the frame's right; a mirror swaps them.
+        const double towardsUsersLeft = mirrored ? -1.0 : 1.0;
+        const double towardsAsked = (kind_ == ZCStepKind::TurnHeadLeft ? 1.0 : -1.0) * towardsUsersLeft;
+        return towardsAsked * analysis.pose->yaw >= kTurnedYaw
+            && towardsAsked * analysis.noseParallax >= kTurnedParallax;
     }
     case ZCStepKind::MoveCloser: {
         // A face cut off by the frame's edge is not a face brought closer.
-        if (analysis.guidance == Guidance::TooClose)
+        if (analysis.guidance == Guidance::OffCentre)
             return false;
         const double width = analysis.faces.front().width() / frameWidth;
         if (!startWidth_)
@@ -53,18 +54,68 @@ bool StepJudge::asked(const FaceAnalysis& analysis, double frameWidth)
     return false;
 }
 
-bool StepJudge::observe(const FaceAnalysis& analysis, double frameWidth, double frameTime)
+bool StepJudge::observe(const FaceAnalysis& analysis, double frameWidth, double frameTime, bool mirrored)
 {
     if (done_)
         return true;
-    if (!asked(analysis, frameWidth)) {
+    if (!shows(analysis, frameWidth, mirrored)) {
         heldSince_.reset();
         return false;
     }
     if (!heldSince_)
         heldSince_ = frameTime;
-    done_ = frameTime - *heldSince_ >= kHoldSeconds;
-    return done_;
+    if (frameTime - *heldSince_ < kHoldSeconds - kTimeTolerance)
+        return false;
+    heldSince_.reset();
+    const bool turn = kind_ == ZCStepKind::TurnHeadLeft || kind_ == ZCStepKind::TurnHeadRight;
+    if (turn && phase_ != Phase::Back) {
+        phase_ = phase_ == Phase::Frontal ? Phase::Turned : Phase::Back;
+        return false;
+    }
+    done_ = true;
+    return true;
+}
+
+FaceFollower::Change FaceFollower::observe(const FaceAnalysis& analysis, double frameTime)
+{
+    if (analysis.faces.empty()) {
+        if (following_ && frameTime - lastSeen_ > kLostAfter) {
+            following_ = false;
+            return Change::Lost;
+        }
+        return Change::None;
+    }
+    if (analysis.faces.size() > 1)
+        return Change::None;
+    const QRectF face = analysis.faces.front();
+    if (!following_) {
+        following_ = true;
+        last_ = face;
+        lastSeen_ = frameTime;
+        appearance_ = analysis.appearance;
+        return Change::None;
+    }
+    // Frames the detector skipped widen what counts as the same place.
+    const double frames = std::max(1.0, (frameTime - lastSeen_) * 30.0);
+    const QPointF moved = face.center() - last_.center();
+    const double jump = std::hypot(moved.x(), moved.y()) / std::max(last_.width(), 1.0);
+    const double growth = face.width() / std::max(last_.width(), 1.0);
+    const double allowedGrowth = std::pow(kMaxGrowth, std::min(frames, 4.0));
+    const bool samePlace = jump <= kMaxJump * std::min(frames, 4.0) && growth <= allowedGrowth
+        && growth >= 1.0 / allowedGrowth;
+    // Appearance is compared only when both frames have it (cascade frames
+    // without a judged face carry none).
+    const bool alike = appearance_.empty() || analysis.appearance.empty()
+        || FaceAnalyzer::appearanceSimilarity(appearance_, analysis.appearance) >= kMinSimilarity;
+    last_ = face;
+    lastSeen_ = frameTime;
+    if (samePlace && alike) {
+        if (appearance_.empty())
+            appearance_ = analysis.appearance;
+        return Change::None;
+    }
+    appearance_ = analysis.appearance;
+    return Change::Replaced;
 }
 
 }  // namespace zavo::core::detail

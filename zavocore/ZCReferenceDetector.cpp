@@ -48,9 +48,13 @@ GuidanceMessage messageFor(Guidance guidance)
     case Guidance::MultipleFaces: return {ZCErrorCode::MultipleFaces, "errors.multiple_faces_detected"};
     case Guidance::TooFar: return {ZCErrorCode::FaceSize, "errors.face_too_far"};
     case Guidance::TooClose: return {ZCErrorCode::FaceSize, "errors.face_too_close"};
+    case Guidance::OffCentre: return {ZCErrorCode::FaceSize, "errors.face_off_centre"};
+    case Guidance::TurnedAway: return {ZCErrorCode::BadQuality, "errors.look_straight"};
     case Guidance::TooDark: return {ZCErrorCode::BadQuality, "errors.too_dark"};
     case Guidance::TooBright: return {ZCErrorCode::BadQuality, "errors.too_bright"};
+    case Guidance::Backlit: return {ZCErrorCode::BadQuality, "errors.light_behind"};
     case Guidance::Blurred: return {ZCErrorCode::BadQuality, "errors.blurred"};
+    case Guidance::EyesShut: return {ZCErrorCode::BadQuality, "errors.eyes_closed"};
     case Guidance::None: break;
     }
     return {ZCErrorCode::BadQuality, "errors.blurred"};
@@ -124,6 +128,10 @@ public:
     platform::ConsumerThread::Next round();
 
     void launch(std::vector<StepPlan> steps);
+    /// The steps in the order they run: the ones asking for an action
+    /// shuffled when there are two or more and the settings say so, and a
+    /// "look at the camera" step last, where the shot is taken.
+    static std::vector<StepPlan> arrange(std::vector<StepPlan> steps, const ZCDetectorSettings& settings);
     void resume();
     void process(const platform::SampleBuffer& frame, const PreviewGeometry& geometry);
     void livenessAnswered(uint64_t generation, bool live, const platform::ErrorPtr& error);
@@ -138,7 +146,10 @@ private:
     /// Back to the last "look at the camera" step, for another shot.
     void returnToFrontalStep();
     void resetSpell();
-    void followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime);
+    /// Someone else took the user's place, or the user's face was gone for
+    /// a while: what was done was done by someone who may not be there.
+    void followedFaceChanged(FaceFollower::Change change);
+    void followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime, bool mirrored);
     void updateGuidance(Guidance guidance, double frameTime);
     void reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize, const PreviewGeometry& geometry);
     void considerShot(const FaceAnalysis& analysis, const FrameView& view, platform::MediaTime pts, double frameTime);
@@ -157,6 +168,7 @@ private:
     std::vector<StepPlan> steps_;
     size_t stepIndex_ = 0;
     std::optional<StepJudge> judge_;       // for a step that asks the user to act
+    FaceFollower follower_;                // the one person doing the steps
     std::optional<double> promptedAt_;    // frame time of the step's last prompt
     bool warnedUnjudgeable_ = false;
     Clock::time_point stepDeadline_;
@@ -166,7 +178,6 @@ private:
     // The spell of good frames under way, and its best frame so far.
     std::optional<double> spellStart_;
     std::optional<ZCBestShot> candidate_;
-    std::optional<ZCBestShot> shot_;  // the last finished frontal step's
     ZCBestShotPtr checkedShot_;  // waiting for the liveness verdict
 
     // Guidance pacing.
@@ -175,6 +186,7 @@ private:
     double pendingSince_ = 0;
     Guidance reportedGuidance_ = Guidance::None;
     double reportedAt_ = 0;
+    const char* lastGuidanceKey_ = nullptr;  // of the step under way
     bool faceShown_ = false;
 };
 
@@ -227,22 +239,35 @@ platform::ConsumerThread::Next ZCReferenceDetector::Worker::round()
 
 // ------------------------------------------------------------------ wizard
 
-void ZCReferenceDetector::Worker::launch(std::vector<StepPlan> steps)
+std::vector<StepPlan> ZCReferenceDetector::Worker::arrange(std::vector<StepPlan> steps,
+                                                           const ZCDetectorSettings& settings)
 {
+    // The shot is taken while the user looks at the camera after every
+    // action, so that it shows the person who did them, facing the camera:
+    // the host's first "look" step goes last, or a default one is added.
+    const auto look = std::find_if(steps.begin(), steps.end(),
+                                   [](const StepPlan& step) { return step.kind == ZCStepKind::LookAtCamera; });
+    StepPlan last{ZCStepKind::LookAtCamera, settings.stepTimeout};
+    if (look != steps.end()) {
+        last = *look;
+        steps.erase(look);
+    }
     // A new order every session: a recording of one session does not pass
     // the next.
-    if (shared_->settings.shuffleSteps)
+    if (settings.shuffleSteps && steps.size() >= 2)
         std::shuffle(steps.begin(), steps.end(), std::mt19937(std::random_device{}()));
-    // The shot is taken while the user looks at the camera, so there is
-    // always such a step; one the host left out comes last.
-    if (std::none_of(steps.begin(), steps.end(), [](const StepPlan& step) { return step.kind == ZCStepKind::LookAtCamera; }))
-        steps.push_back({ZCStepKind::LookAtCamera, shared_->settings.stepTimeout});
-    steps_ = std::move(steps);
+    steps.push_back(last);
+    return steps;
+}
+
+void ZCReferenceDetector::Worker::launch(std::vector<StepPlan> steps)
+{
+    steps_ = arrange(std::move(steps), shared_->settings);
     stepIndex_ = 0;
-    shot_.reset();
     checkedShot_.reset();
     reportedGuidance_ = pendingGuidance_ = Guidance::None;
     analyzer_.reset();
+    follower_.reset();
     state_ = State::Searching;
     startStep();
     if (!analyzer_.loadError().isEmpty() && !reportedUnavailable_) {
@@ -281,6 +306,7 @@ void ZCReferenceDetector::Worker::startStep()
     else
         judge_.emplace(step.kind);
     promptedAt_.reset();
+    lastGuidanceKey_ = promptKeyFor(step.kind);
     if (const char* prompt = promptKeyFor(step.kind))
         fail(ZCErrorCode::StepPrompt, prompt);
     stepDeadline_ = Clock::now() + seconds(timeout);
@@ -311,7 +337,10 @@ void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::option
     if (state_ == State::Searching && now >= stepDeadline_) {
         qCInfo(platform::lcCore) << "wizard step" << stepIndex_ << "timed out";
         state_ = State::Done;
-        fail(ZCErrorCode::StepTimeout, "errors.step_timeout");
+        // The last thing the user was told is most likely why they did not
+        // make it: the message says it again.
+        const QString reason = lastGuidanceKey_ ? QString::fromLatin1(lastGuidanceKey_) : QString();
+        reportError(makeZCError(ZCErrorCode::StepTimeout, QStringLiteral("errors.step_timeout"), reason));
         return;
     }
     qCWarning(platform::lcCore) << "no frame for" << shared_->settings.frameTimeout << "s";
@@ -357,8 +386,10 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     if (!analysis.faces.empty())
         shared_->faceFound = true;
     reportFace(analysis, frameSize, geometry);
+    if (const FaceFollower::Change change = follower_.observe(analysis, frameTime); change != FaceFollower::Change::None)
+        followedFaceChanged(change);
     if (judge_) {
-        followStep(analysis, frameSize.width(), frameTime);
+        followStep(analysis, frameSize.width(), frameTime, frame.isMirrored());
         return;
     }
     updateGuidance(analysis.guidance, frameTime);
@@ -366,7 +397,23 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
         considerShot(analysis, view, pts, frameTime);
 }
 
-void ZCReferenceDetector::Worker::followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime)
+void ZCReferenceDetector::Worker::followedFaceChanged(FaceFollower::Change change)
+{
+    resetSpell();
+    if (change == FaceFollower::Change::Replaced && stepIndex_ > 0) {
+        qCInfo(platform::lcCore) << "another face took the user's place; the steps start again";
+        stepIndex_ = 0;
+        startStep();
+        return;
+    }
+    // Lost, or replaced during the first step: that step starts again, on
+    // its running time limit.
+    if (judge_)
+        judge_.emplace(steps_[stepIndex_].kind);
+}
+
+void ZCReferenceDetector::Worker::followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime,
+                                             bool mirrored)
 {
     // While the user acts, only a missing or a second face is worth saying;
     // otherwise the step's prompt stays up.
@@ -384,7 +431,7 @@ void ZCReferenceDetector::Worker::followStep(const FaceAnalysis& analysis, doubl
         warnedUnjudgeable_ = true;
         qCWarning(platform::lcCore) << "head turns need the face network's landmarks; this step cannot be passed";
     }
-    if (judge_->observe(analysis, frameWidth, frameTime))
+    if (judge_->observe(analysis, frameWidth, frameTime, mirrored))
         finishStep();
 }
 
@@ -416,6 +463,7 @@ void ZCReferenceDetector::Worker::updateGuidance(Guidance guidance, double frame
     reportedGuidance_ = guidance;
     reportedAt_ = frameTime;
     const GuidanceMessage message = messageFor(guidance);
+    lastGuidanceKey_ = message.key;
     fail(message.code, message.key);
 }
 
@@ -428,23 +476,34 @@ void ZCReferenceDetector::Worker::considerShot(const FaceAnalysis& analysis, con
     }
     if (!spellStart_)
         spellStart_ = frameTime;
-    if (!candidate_ || analysis.quality.total > candidate_->quality().total)
-        candidate_.emplace(copyToImage(view), analysis.faces.front(), analysis.quality, pts);
+    if (!candidate_ || analysis.quality.total > candidate_->quality().total) {
+        // The eyes are judged only every few frames of a good face: the
+        // frame that may become the shot is looked at itself.
+        if (!analysis.eyesMeasured && !analysis.landmarks.empty()
+            && analyzer_.eyesOpenness(view, analysis.landmarks.front()) < shared_->settings.minEyeOpenness) {
+            resetSpell();
+            return;
+        }
+        std::optional<ZCFaceKeypoints> keypoints;
+        if (!analysis.landmarks.empty()) {
+            const FaceLandmarks& l = analysis.landmarks.front();
+            keypoints = ZCFaceKeypoints{l.rightEye, l.leftEye, l.noseTip, l.mouth, l.rightEar, l.leftEar};
+        }
+        candidate_.emplace(copyToImage(view), analysis.faces.front(), analysis.quality, pts, keypoints);
+    }
     if (frameTime - *spellStart_ >= shared_->settings.steadyDuration)
         finishStep();
 }
 
 void ZCReferenceDetector::Worker::finishStep()
 {
-    if (steps_[stepIndex_].kind == ZCStepKind::LookAtCamera)
-        shot_ = std::move(candidate_);
     if (stepIndex_ + 1 < steps_.size()) {
         ++stepIndex_;
         startStep();
         return;
     }
-    auto shot = std::make_shared<const ZCBestShot>(std::move(*shot_));
-    shot_.reset();
+    // The last step is a look at the camera (arrange): its spell's best frame.
+    auto shot = std::make_shared<const ZCBestShot>(std::move(*candidate_));
     resetSpell();
     if (!liveness_) {
         deliver(std::move(shot));

@@ -6,9 +6,13 @@
     <message><source>errors.multiple_faces_detected</source><translation>More than one face is in view. Make sure only you are in front of the camera.</translation></message>
     <message><source>errors.no_face</source><translation>No face found. Look at the camera.</translation></message>
     <message><source>errors.face_too_far</source><translation>Move closer to the camera.</translation></message>
-    <message><source>errors.face_too_close</source><translation>Part of your face is out of the picture. Move back a little.</translation></message>
-    <message><source>errors.too_dark</source><translation>It is too dark. Find a brighter place.</translation></message>
+    <message><source>errors.face_too_close</source><translation>Move back a little: your whole head must fit in the picture.</translation></message>
+    <message><source>errors.too_dark</source><translation>It is too dark. Find more light.</translation></message>
     <message><source>errors.too_bright</source><translation>There is too much light on your face.</translation></message>
+    <message><source>errors.face_off_centre</source><translation>Centre your face in the picture.</translation></message>
+    <message><source>errors.look_straight</source><translation>Look straight at the camera.</translation></message>
+    <message><source>errors.eyes_closed</source><translation>Open your eyes.</translation></message>
+    <message><source>errors.light_behind</source><translation>The light is behind you. Face the light.</translation></message>
     <message><source>errors.blurred</source><translation>The picture is blurred. Hold still.</translation></message>
     <message><source>errors.step_timeout</source><translation>Time is up. Please try again.</translation></message>
     <message><source>errors.no_frames</source><translation>The camera stopped sending pictures.</translation></message>

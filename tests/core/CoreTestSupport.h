@@ -170,6 +170,8 @@ private:
 struct DetectorRig {
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
     core::ZCBestShotDetectorPtr detector;
+    /// Frames as a front camera delivers them: mirrored.
+    bool mirrored = false;
 
     explicit DetectorRig(core::ZCDetectorSettings settings,
                          std::shared_ptr<core::ZCOnlineLivenessProtocol> liveness = nullptr)
@@ -185,8 +187,10 @@ struct DetectorRig {
     {
         const platform::SampleBuffer first = frameFromImage(image, platform::MediaTime::zero(), format);
         for (double t = from; t < to - 1e-9; t += 1.0 / 30) {
-            detector->pushFrame(platform::SampleBuffer(first.imageBuffer(), platform::MediaTime::fromSeconds(t, 600),
-                                                       first.formatDescription()));
+            platform::SampleBuffer frame(first.imageBuffer(), platform::MediaTime::fromSeconds(t, 600),
+                                         first.formatDescription());
+            frame.setMirrored(mirrored);
+            detector->pushFrame(frame);
         }
     }
 };

@@ -191,6 +191,13 @@ private slots:
         clock->advance(200ms);
         QTRY_COMPARE(rig.delegate->codes().count(1000), 1);
         QCOMPARE(rig.delegate->keys().last(), QStringLiteral("errors.step_timeout"));
+        // The text says again what the user was last told: no face.
+        const auto timeout = rig.delegate->errors().last();
+        QCOMPARE(timeout.error->userInfo().value(core::kZCLastGuidanceInfoKey).toString(),
+                 QStringLiteral("errors.no_face"));
+        QVERIFY2(timeout.text.startsWith(core::zc_localized(QStringLiteral("errors.step_timeout")))
+                     && timeout.text.endsWith(core::zc_localized(QStringLiteral("errors.no_face"))),
+                 qPrintable(timeout.text));
         // The wizard is over: frames change nothing.
         const qsizetype events = rig.delegate->events().size();
         rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")), 0.5, 1.5);
@@ -268,8 +275,10 @@ private slots:
 
     void aMissingCascadeIsReportedAtLaunch()
     {
+        // The face cascades matter only without the network; the eyes'
+        // always.
         auto settings = testSettings();
-        settings.faceCascadePath = QStringLiteral("/nonexistent/face.xml");
+        settings.eyeCascadePath = QStringLiteral("/nonexistent/eye.xml");
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("face detector unavailable"));
         Rig rig(settings);
         rig.detector->launchWizard();

@@ -78,7 +78,8 @@ private slots:
         QTest::newRow("grace hopper") << "matplotlib__grace_hopper.jpg" << 1 << Guidance::None;
         QTest::newRow("astronaut") << "skimage__astronaut.png" << 1 << Guidance::TooFar;
         // Soft but not blurred once measured on the face alone.
-        QTest::newRow("marie curie") << "xraylarch__Marie_Curie.jpg" << 1 << Guidance::None;
+        // Turned about 25 degrees: past what a matcher wants.
+        QTest::newRow("marie curie") << "xraylarch__Marie_Curie.jpg" << 1 << Guidance::TurnedAway;
         // A face in profile is a face: it counts when there are several.
         QTest::newRow("camera, profile") << "skimage__camera.png" << 1 << Guidance::TooFar;
         QTest::newRow("qt logo") << "gpl/kphotoalbum__qt-logo.jpg" << 3 << Guidance::MultipleFaces;
@@ -247,6 +248,11 @@ private slots:
     /// However large, a whole face is good; cut by the frame's edge it is
     /// too close; with too few pixels across it, too far. A box that wobbles
     /// around a limit does not make the verdict flicker.
+    /// A face with room around it is good however large; one filling the
+    /// frame is asked to move back (a portrait needs the whole head with room
+    /// around it, whatever the face's own sharpness); one at an edge is asked
+    /// to centre; one with too few pixels across to come closer. A box that
+    /// wobbles around a limit does not make the verdict flicker.
     void sizeVerdictsFollowWhatAPortraitNeeds()
     {
         const QImage grace = photo("matplotlib__grace_hopper.jpg");
@@ -258,11 +264,15 @@ private slots:
             return frame;
         };
         FaceAnalyzer analyzer{core::ZCDetectorSettings{}};
-        const int large = 1300;  // the face about 600 of the frame's 720 pixels
+        const int large = 1050;  // the face about 480 of the frame's 720 pixels
         const FaceAnalysis whole = analyse(analyzer, at(large, (720 - large) / 2));
         QCOMPARE(int(whole.faces.size()), 1);
-        QVERIFY2(whole.faces.front().width() > 500, qPrintable(QString::number(whole.faces.front().width())));
-        QVERIFY(whole.guidance != Guidance::TooClose && whole.guidance != Guidance::TooFar);
+        QVERIFY2(whole.faces.front().width() > 420, qPrintable(QString::number(whole.faces.front().width())));
+        QCOMPARE(whole.guidance, Guidance::None);
+        const FaceAnalysis filling = analyse(analyzer, at(1400, (720 - 1400) / 2));
+        QVERIFY2(filling.faces.size() == 1 && filling.faces.front().width() > 0.76 * 720,
+                 qPrintable(QString::number(filling.faces.front().width())));
+        QCOMPARE(filling.guidance, Guidance::TooClose);
         QCOMPARE(analyse(analyzer, at(300, 210)).guidance, Guidance::TooFar);
 
         // Slide the large face out over the left edge, frame by frame as a
@@ -270,12 +280,12 @@ private slots:
         analyzer.reset();
         int left = (720 - large) / 2;
         Guidance verdict = Guidance::None;
-        for (; left > (720 - large) / 2 - 200 && verdict != Guidance::TooClose; left -= 4)
+        for (; left > (720 - large) / 2 - 200 && verdict != Guidance::OffCentre; left -= 4)
             verdict = analyseNext(analyzer, at(large, left)).guidance;
-        QCOMPARE(verdict, Guidance::TooClose);
+        QCOMPARE(verdict, Guidance::OffCentre);
         for (int wobble = 0; wobble < 8; ++wobble) {
             const int shift = wobble % 2 ? 8 : 0;
-            QCOMPARE(analyseNext(analyzer, at(large, left + shift)).guidance, Guidance::TooClose);
+            QCOMPARE(analyseNext(analyzer, at(large, left + shift)).guidance, Guidance::OffCentre);
         }
     }
 
@@ -286,7 +296,6 @@ private slots:
         const double frontal = analyse(analyzer, grace).quality.pose;
         const FaceAnalysis turned = analyse(analyzer, photo("xraylarch__Marie_Curie.jpg"));
         QVERIFY2(frontal > turned.quality.pose + 0.2, qPrintable(QStringLiteral("%1 %2").arg(frontal).arg(turned.quality.pose)));
-        QVERIFY(frontal > analyse(analyzer, turnedAway(grace, 0.5)).quality.pose);
     }
 
     void withoutTheNetworkTheCascadesFindFaces_data()
