@@ -1,7 +1,10 @@
 #include "DemoSession.h"
 
 #include "base/DispatchQueue.h"
+#include "camera-screen/ZMUICustomizerProtocol.h"
 #include "ui/ZMFaceDetectionView.h"
+#include "ui/ZMVideoStreamNotificationView.h"
+#include "zavocore/ZCErrorCodes.h"
 
 #include <QAbstractButton>
 
@@ -25,6 +28,38 @@ bool looksLikeCloseButton(const QAbstractButton& button)
     }
     return false;
 }
+
+/// The built-in banner, noting the key of every message it is given: the
+/// guidance a user of this session read. Main thread, like every view.
+class GuidanceBanner final : public ZMVideoStreamNotificationView {
+public:
+    explicit GuidanceBanner(std::shared_ptr<QStringList> shown) : shown_(std::move(shown)) {}
+    void showNotificationMessage(platform::ErrorPtr error) override
+    {
+        if (error) {
+            const QString key = error->userInfo().value(QString::fromLatin1(core::kZCMessageKeyInfoKey)).toString();
+            const QString said = key.isEmpty() ? error->localizedDescription() : key;
+            if (shown_->isEmpty() || shown_->constLast() != said)
+                shown_->append(said);
+        }
+        ZMVideoStreamNotificationView::showNotificationMessage(std::move(error));
+    }
+
+private:
+    std::shared_ptr<QStringList> shown_;
+};
+
+class GuidanceWatch final : public ZMUICustomizerProtocol {
+public:
+    explicit GuidanceWatch(std::shared_ptr<QStringList> shown) : shown_(std::move(shown)) {}
+    std::unique_ptr<ZMVideoStreamNotificationViewProtocol> videoStreamNotificationView() override
+    {
+        return std::make_unique<GuidanceBanner>(shown_);
+    }
+
+private:
+    std::shared_ptr<QStringList> shown_;
+};
 
 }  // namespace
 
@@ -100,8 +135,10 @@ QWidget* DemoSession::start()
     started_ = Clock::now();
     if (timing_)
         timing_->markSessionStart();
-    screen_ = ZMCameraBuilder::viewController(delegate_, std::move(configuration), nullptr, nullptr,
-                                              options_.recordVideo);
+    shownGuidance_->clear();
+    screen_ = ZMCameraBuilder::viewController(
+        delegate_, std::move(configuration), nullptr,
+        std::make_shared<ZMCustomization>(std::make_shared<GuidanceWatch>(shownGuidance_)), options_.recordVideo);
     if (screen_ && !options_.steps.empty())
         screen_->defineInteractionsStep(options_.steps);
     faceWatch_.start();
@@ -145,6 +182,7 @@ void DemoSession::deliver(SessionOutcome outcome, Clock::time_point at)
     }
     if (outcome.bestShot)
         outcome.timeToBestShotMs = milliseconds(at - started_);
+    outcome.guidance = *shownGuidance_;
     outcome_ = std::move(outcome);
     emit finished();
     settleVideo();

@@ -24,6 +24,9 @@ struct SessionOutcome {
     std::optional<QString> videoFile;
     std::optional<double> timeToFirstFrameMs;
     std::optional<double> timeToBestShotMs;
+    /// The string-table keys of the messages the banner showed, in order
+    /// (a message shown again right after itself counts once).
+    QStringList guidance;
 };
 
 struct SessionOptions {
@@ -88,6 +91,7 @@ private:
     Clock::time_point started_{};
     std::shared_ptr<DemoSession*> self_;
     std::shared_ptr<Delegate> delegate_;
+    std::shared_ptr<QStringList> shownGuidance_ = std::make_shared<QStringList>();
     ZMCameraViewControllerPtr screen_;
     std::weak_ptr<ZMCameraViewControllerProtocol> released_;
     std::optional<SessionOutcome> outcome_;

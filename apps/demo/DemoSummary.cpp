@@ -29,7 +29,8 @@ QJsonObject qualityJson(const core::ZCQualityScore& quality)
             {QStringLiteral("exposure"), rounded(quality.exposure)},
             {QStringLiteral("faceSize"), rounded(quality.faceSize)},
             {QStringLiteral("centring"), rounded(quality.centring)},
-            {QStringLiteral("pose"), rounded(quality.pose)}};
+            {QStringLiteral("pose"), rounded(quality.pose)},
+            {QStringLiteral("eyesOpen"), rounded(quality.eyesOpen)}};
 }
 
 QJsonArray boxJson(const QRectF& box)
@@ -95,8 +96,13 @@ QJsonObject sessionSummary(const SessionOutcome& outcome, const std::optional<Vi
         summary.insert(QStringLiteral("outcome"), QStringLiteral("bestShot"));
         summary.insert(QStringLiteral("errorCode"), null);
         summary.insert(QStringLiteral("errorText"), null);
-        summary.insert(QStringLiteral("quality"), qualityJson(outcome.bestShot->quality()));
+        const core::ZCQualityScore& quality = outcome.bestShot->quality();
+        summary.insert(QStringLiteral("quality"), qualityJson(quality));
         summary.insert(QStringLiteral("faceBox"), boxJson(outcome.bestShot->faceRect()));
+        summary.insert(QStringLiteral("pose"), QJsonObject{{QStringLiteral("yaw"), rounded(quality.headPose.yaw)},
+                                                           {QStringLiteral("pitch"), rounded(quality.headPose.pitch)},
+                                                           {QStringLiteral("roll"), rounded(quality.headPose.roll)}});
+        summary.insert(QStringLiteral("eyesOpen"), rounded(quality.eyesOpen));
     } else {
         const ZMCameraError& error = *outcome.error;
         summary.insert(QStringLiteral("outcome"), QStringLiteral("error"));
@@ -107,7 +113,10 @@ QJsonObject sessionSummary(const SessionOutcome& outcome, const std::optional<Vi
         summary.insert(QStringLiteral("errorText"), error.localizedDescription());
         summary.insert(QStringLiteral("quality"), null);
         summary.insert(QStringLiteral("faceBox"), null);
+        summary.insert(QStringLiteral("pose"), null);
+        summary.insert(QStringLiteral("eyesOpen"), null);
     }
+    summary.insert(QStringLiteral("guidance"), QJsonArray::fromStringList(outcome.guidance));
     addVideo(summary, outcome.videoFile, video);
     summary.insert(QStringLiteral("timeToFirstFrameMs"), optionalNumber(outcome.timeToFirstFrameMs));
     summary.insert(QStringLiteral("timeToBestShotMs"), optionalNumber(outcome.timeToBestShotMs));

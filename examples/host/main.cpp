@@ -16,7 +16,20 @@ public:
 
     void bestShot(zavo::core::ZCBestShotPtr shot, std::optional<QString> videoFile) override
     {
-        finish(0, QStringLiteral("best shot, quality %1").arg(shot->quality().total), videoFile);
+        const zavo::core::ZCQualityScore& q = shot->quality();
+        QString line = QStringLiteral("best shot, quality %1, yaw %2 pitch %3 roll %4, eyes open %5")
+                           .arg(q.total, 0, 'f', 2)
+                           .arg(q.headPose.yaw, 0, 'f', 1)
+                           .arg(q.headPose.pitch, 0, 'f', 1)
+                           .arg(q.headPose.roll, 0, 'f', 1)
+                           .arg(q.eyesOpen, 0, 'f', 2);
+        if (const auto& points = shot->keypoints())
+            line += QStringLiteral(", eyes at (%1, %2) and (%3, %4)")
+                        .arg(points->rightEye.x(), 0, 'f', 0)
+                        .arg(points->rightEye.y(), 0, 'f', 0)
+                        .arg(points->leftEye.x(), 0, 'f', 0)
+                        .arg(points->leftEye.y(), 0, 'f', 0);
+        finish(0, line, videoFile);
     }
     void error(const zavo::ZMCameraError& error, std::optional<QString> videoFile) override
     {

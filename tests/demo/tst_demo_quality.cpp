@@ -1,0 +1,172 @@
+// What a user in front of the camera gets, through the whole screen on the
+// file camera (mirrored, as a front camera): clips spliced from real photos
+// where the best shot must come from the right part, the guidance must say
+// what to change, and a splice of two people must not pass a turn.
+#include "DemoCamera.h"
+#include "DemoSession.h"
+#include "MediaTestSupport.h"
+
+#include "base/FileSystem.h"
+#include "camera/CaptureAuthorization_p.h"
+#include "zavocore/ZCStepConfig.h"
+#include "zavocore/ZavoCore_p.h"
+
+#include <QFile>
+#include <QPainter>
+#include <QTemporaryDir>
+#include <QTextStream>
+#include <QWidget>
+#include <QtTest>
+
+using namespace zavo;
+using namespace zavo::demo;
+
+namespace {
+
+const QString kData = QStringLiteral(ZAVO_TEST_DATA_DIR);
+
+/// The file of a labelled set whose columns after the first match values
+/// (an empty value matches anything).
+QString labelled(const QString& set, const QStringList& values)
+{
+    QFile file(kData + QLatin1Char('/') + set + QStringLiteral("/labels.csv"));
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+        return {};
+    QTextStream in(&file);
+    in.readLine();
+    while (!in.atEnd()) {
+        const QStringList row = in.readLine().trimmed().split(QLatin1Char(','));
+        bool match = row.size() > values.size();
+        for (qsizetype i = 0; match && i < values.size(); ++i)
+            match = values[i].isEmpty() || row[i + 1] == values[i];
+        if (match)
+            return kData + QLatin1Char('/') + set + QLatin1Char('/') + row[0];
+    }
+    return {};
+}
+
+/// A pose-labelled render of identity at yaw (pitch 0).
+QString posed(const QString& identity, int yaw)
+{
+    return labelled(QStringLiteral("pose"), {identity, QString::number(yaw), QStringLiteral("0")});
+}
+
+struct Part {
+    QString image;
+    double seconds;
+};
+
+/// A 720x1280 30 fps clip of the images, each fitted into the frame on grey.
+bool makeClip(const QString& path, const QList<Part>& parts)
+{
+    QStringList arguments;
+    QString graph;
+    for (qsizetype i = 0; i < parts.size(); ++i) {
+        arguments << "-loop" << "1" << "-t" << QString::number(parts[i].seconds) << "-i" << parts[i].image;
+        graph += QStringLiteral("[%1]scale=720:1280:force_original_aspect_ratio=decrease,pad=720:1280:(ow-iw)/2:(oh-ih)/2:gray,"
+                                "setsar=1,fps=30[v%1];")
+                     .arg(i);
+    }
+    for (qsizetype i = 0; i < parts.size(); ++i)
+        graph += QStringLiteral("[v%1]").arg(i);
+    graph += QStringLiteral("concat=n=%1:v=1:a=0,format=yuv420p").arg(parts.size());
+    arguments << "-filter_complex" << graph << "-c:v" << "libx264" << "-preset" << "veryfast" << path;
+    QString errors;
+    if (!testing::ffmpeg(arguments, &errors)) {
+        qWarning("ffmpeg: %s", qPrintable(errors));
+        return false;
+    }
+    return true;
+}
+
+/// Mean absolute difference per channel, 0..255, of two pictures compared
+/// at a small size (the camera's conversions and scaling stay well under 10).
+double difference(const QImage& a, const QImage& b)
+{
+    const QImage x = a.scaled(64, 64, Qt::IgnoreAspectRatio, Qt::SmoothTransformation).convertToFormat(QImage::Format_RGB32);
+    const QImage y = b.scaled(64, 64, Qt::IgnoreAspectRatio, Qt::SmoothTransformation).convertToFormat(QImage::Format_RGB32);
+    double sum = 0;
+    for (int row = 0; row < 64; ++row) {
+        for (int column = 0; column < 64; ++column) {
+            const QRgb p = x.pixel(column, row), q = y.pixel(column, row);
+            sum += std::abs(qRed(p) - qRed(q)) + std::abs(qGreen(p) - qGreen(q)) + std::abs(qBlue(p) - qBlue(q));
+        }
+    }
+    return sum / (64 * 64 * 3);
+}
+
+}  // namespace
+
+class TestDemoQuality : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir scratch;
+    DetectorTiming timing;
+
+    /// One session on clip to its end, with the given steps and step limit.
+    std::optional<SessionOutcome> runSession(const QString& clip, std::vector<core::ZCStepConfigPtr> steps = {},
+                                             double stepTimeout = 8)
+    {
+        QString problem;
+        const auto camera = FrontCamera::install({CameraChoice::Kind::File, clip}, &problem);
+        if (!camera) {
+            qWarning("%s", qPrintable(problem));
+            return std::nullopt;
+        }
+        SessionOptions options;
+        options.recordVideo = false;
+        options.steps = std::move(steps);
+        options.adjustConfiguration = [stepTimeout](core::ZCZavoConfiguration& configuration) {
+            configuration.detector.stepTimeout = stepTimeout;
+            configuration.detector.shuffleSteps = false;
+        };
+        DemoSession session(options, &timing);
+        QSignalSpy finished(&session, &DemoSession::finished);
+        QWidget* view = session.start();
+        view->resize(360, 640);
+        view->show();
+        if (!finished.wait(90000))
+            return std::nullopt;
+        std::optional<SessionOutcome> outcome = session.outcome();
+        session.release();
+        return outcome;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(scratch.isValid());
+        platform::setDocumentsDirectory(scratch.path());
+        platform::CaptureAuthorization::setPolicy(std::make_shared<platform::FixedCaptureAuthorizationPolicy>(
+            platform::AuthorizationStatus::Authorized, true));
+        QVERIFY2(testing::haveFfmpegTools(), "ffmpeg is needed to make the clips (scripts/setup.sh installs it)");
+    }
+
+    void cleanupTestCase()
+    {
+        platform::CaptureAuthorization::setPolicy(nullptr);
+        platform::setDocumentsDirectory({});
+    }
+
+    /// A face filling the frame is told to move back, and never taken.
+    void aFaceTooCloseIsToldToMoveBack()
+    {
+        const QImage grace(kData + QStringLiteral("/matplotlib__grace_hopper.jpg"));
+        // The face about 600 of the frame's 720 pixels, the chin at the edge.
+        const QImage close = grace.scaledToWidth(1400, Qt::SmoothTransformation).copy(340, 200, 720, 1280);
+        const QString still = scratch.filePath(QStringLiteral("close.png"));
+        QVERIFY(close.save(still));
+        const QString clip = scratch.filePath(QStringLiteral("close.mp4"));
+        QVERIFY(makeClip(clip, {{still, 3}}));
+        const auto outcome = runSession(clip, {}, 4);
+        QVERIFY(outcome);
+        QVERIFY(!outcome->bestShot);
+        QVERIFY2(outcome->guidance.contains(QStringLiteral("errors.face_too_close")),
+                 qPrintable(outcome->guidance.join(QLatin1Char(' '))));
+        QVERIFY2(outcome->error && outcome->error->localizedDescription().contains(core::zc_localized(QStringLiteral("errors.face_too_close"))),
+                 outcome->error ? qPrintable(outcome->error->localizedDescription()) : "no error");
+    }
+};
+
+QTEST_MAIN(TestDemoQuality)
+#include "tst_demo_quality.moc"
