@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The outcome of a whole session (the demo, headless) on every test photo
 # shown to the camera for 4 s, and on every test clip: what a user in front
-# of each would get. Prints one line per input; exit 1 when one differs from
-# what it should be.
+# of each would get, and the guidance the banner showed on the way. Prints
+# one line per input; exit 1 when an outcome differs from what it should be.
 #   bench/core/outcomes.sh [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -17,7 +17,7 @@ expected=(
   "matplotlib__grace_hopper.jpg bestShot"
   "skimage__astronaut.png 1000"           # a face too small for a sharp portrait
   "skimage__camera.png 1000"              # a profile, too far
-  "xraylarch__Marie_Curie.jpg bestShot"
+  "xraylarch__Marie_Curie.jpg 1000"      # turned about 25 degrees: look straight
   "opencv-doc__baboon.jpg 1000"           # no human face
   "gpl/kphotoalbum__snow.jpg 1000"        # no face
   "gpl/kphotoalbum__bar55_2.jpg 1000"     # two faces and a third in the dark
@@ -43,9 +43,16 @@ for entry in "${expected[@]}"; do
   esac
   summary=$(QT_QPA_PLATFORM=offscreen "$demo" --camera "$clip" --no-record --timeout 60 \
               --output "$work/out" 2>/dev/null | tail -1 || true)
-  got=$(python3 -c 'import json,sys; s=json.loads(sys.argv[1]); print("bestShot" if s["outcome"]=="bestShot" else s.get("errorInnerCode", s.get("errorCode")))' "$summary")
+  read -r got said < <(python3 -c '
+import json, sys
+s = json.loads(sys.argv[1])
+got = "bestShot" if s["outcome"] == "bestShot" else s.get("errorInnerCode", s.get("errorCode"))
+said = ",".join(k.split(".")[-1] for k in s.get("guidance") or []) or "-"
+if s.get("pose"):
+    said += " | yaw %.0f pitch %.0f roll %.0f eyes %.2f" % (s["pose"]["yaw"], s["pose"]["pitch"], s["pose"]["roll"], s["eyesOpen"])
+print(got, said)' "$summary")
   verdict=ok; [ "$got" = "$want" ] || { verdict=WRONG; failures=$((failures + 1)); }
-  printf '%-36s %-9s (expected %s) %s\n' "$input" "$got" "$want" "$verdict"
+  printf '%-36s %-9s (expected %s) %-5s %s\n' "$input" "$got" "$want" "$verdict" "$said"
 done
 echo "$failures wrong"
 [ "$failures" -eq 0 ]
