@@ -273,6 +273,13 @@ int clip(const QString& path)
         const auto& b = *frame.imageBuffer();
         const FrameView view{b.baseAddress(), b.width(), b.height(), b.bytesPerRow(), b.pixelFormat()};
         const FaceAnalysis f = analyzer.analyze(view, QPointF(view.width / 2.0, view.height / 2.0));
+        if (qEnvironmentVariableIsSet("ZAVO_EYES_EVERY_FRAME")) {
+            // For finding the frames worth looking at when labelling eyes.
+            if (f.faces.size() == 1 && !f.landmarks.empty())
+                std::printf("%d %.3f %.2f\n", index, frame.presentationTimeStamp().seconds(),
+                            analyzer.eyesOpenness(view, f.landmarks.front()));
+            continue;
+        }
         if (index % 3)
             continue;
         std::printf("%5.2f s %-13s", frame.presentationTimeStamp().seconds(), guidanceName(f.guidance));
