@@ -152,7 +152,8 @@ private:
     void followStep(const FaceAnalysis& analysis, double frameWidth, double frameTime, bool mirrored);
     void updateGuidance(Guidance guidance, double frameTime);
     void reportFace(const FaceAnalysis& analysis, const QSizeF& frameSize, const PreviewGeometry& geometry);
-    void considerShot(const FaceAnalysis& analysis, const FrameView& view, platform::MediaTime pts, double frameTime);
+    void considerShot(const FaceAnalysis& analysis, const FrameView& view, platform::MediaTime pts, double frameTime,
+                      bool mirrored);
     void finishStep();
     void deliver(ZCBestShotPtr shot);
     void fail(ZCErrorCode code, const char* key);
@@ -394,7 +395,7 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     }
     updateGuidance(analysis.guidance, frameTime);
     if (state_ == State::Searching)
-        considerShot(analysis, view, pts, frameTime);
+        considerShot(analysis, view, pts, frameTime, frame.isMirrored());
 }
 
 void ZCReferenceDetector::Worker::followedFaceChanged(FaceFollower::Change change)
@@ -468,7 +469,7 @@ void ZCReferenceDetector::Worker::updateGuidance(Guidance guidance, double frame
 }
 
 void ZCReferenceDetector::Worker::considerShot(const FaceAnalysis& analysis, const FrameView& view,
-                                               platform::MediaTime pts, double frameTime)
+                                               platform::MediaTime pts, double frameTime, bool mirrored)
 {
     if (!analysis.isGood()) {
         resetSpell();
@@ -486,8 +487,11 @@ void ZCReferenceDetector::Worker::considerShot(const FaceAnalysis& analysis, con
         }
         std::optional<ZCFaceKeypoints> keypoints;
         if (!analysis.landmarks.empty()) {
+            // The network names the points as an unmirrored picture shows
+            // them; in a mirrored one the person's right eye is on the right.
             const FaceLandmarks& l = analysis.landmarks.front();
-            keypoints = ZCFaceKeypoints{l.rightEye, l.leftEye, l.noseTip, l.mouth, l.rightEar, l.leftEar};
+            keypoints = mirrored ? ZCFaceKeypoints{l.leftEye, l.rightEye, l.noseTip, l.mouth, l.leftEar, l.rightEar}
+                                 : ZCFaceKeypoints{l.rightEye, l.leftEye, l.noseTip, l.mouth, l.rightEar, l.leftEar};
         }
         candidate_.emplace(copyToImage(view), analysis.faces.front(), analysis.quality, pts, keypoints);
     }

@@ -116,9 +116,32 @@ private slots:
         QVERIFY(shot->faceRect().width() > 300);
         QVERIFY(shot->quality().total > 0.5);
         QVERIFY(shot->frameTime().seconds() <= 0.6);
+        // The keypoints on the face, in the shot's pixels: the person's
+        // right eye on the picture's left (these frames are unmirrored).
+        QVERIFY(shot->keypoints());
+        const core::ZCFaceKeypoints& points = *shot->keypoints();
+        QVERIFY(shot->faceRect().contains(points.rightEye) && shot->faceRect().contains(points.leftEye));
+        QVERIFY(shot->faceRect().contains(points.noseTip) && shot->faceRect().contains(points.mouth));
+        QVERIFY(points.rightEye.x() < points.noseTip.x() && points.noseTip.x() < points.leftEye.x());
+        QVERIFY(points.rightEye.y() < points.noseTip.y() && points.noseTip.y() < points.mouth.y());
         // The screen is exactly half the frame: rectangles are halved.
         const QRectF onScreen = rig.delegate->rects().last();
         QCOMPARE(onScreen, QRectF(shot->faceRect().topLeft() / 2, shot->faceRect().size() / 2));
+    }
+
+    void aMirroredShotNamesThePersonsOwnEyes()
+    {
+        // A front camera's mirrored frame shows the person's right eye on
+        // the picture's right.
+        Rig rig;
+        rig.mirrored = true;
+        rig.detector->launchWizard();
+        rig.feed(cameraFrame(photo("matplotlib__grace_hopper.jpg")).mirrored(true, false), 0.0, 1.5);
+        QCOMPARE(rig.delegate->shots().size(), 1);
+        const auto& points = rig.delegate->shots().front()->keypoints();
+        QVERIFY(points);
+        QVERIFY(points->leftEye.x() < points->noseTip.x() && points->noseTip.x() < points->rightEye.x());
+        QVERIFY(points->leftEar.x() < points->rightEar.x());
     }
 
     void timeGoingBackStartsTheSpellAgain()
