@@ -46,7 +46,7 @@ double threadCpuMs()
 double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
 struct Stats {
-    double median = 0, p90 = 0, max = 0;
+    double median = 0, p90 = 0, max = 0, mean = 0;
 };
 
 Stats stats(std::vector<double> v)
@@ -54,7 +54,10 @@ Stats stats(std::vector<double> v)
     if (v.empty())
         return {};
     std::sort(v.begin(), v.end());
-    return {v[v.size() / 2], v[v.size() * 9 / 10], v.back()};
+    double sum = 0;
+    for (double x : v)
+        sum += x;
+    return {v[v.size() / 2], v[v.size() * 9 / 10], v.back(), sum / double(v.size())};
 }
 
 std::vector<platform::SampleBuffer> decode(const QString& path)
@@ -217,9 +220,10 @@ void benchAnalysis(const std::vector<platform::SampleBuffer>& frames)
     }
     if (!forward.empty()) {
         const Stats f = stats(forward);
-        std::printf("  network's bare forward pass (one 128x128 input): median %.2f ms; analysis / forward pass: "
-                    "median %.2fx, p90 %.2fx (goal <= 1.3x)\n",
-                    f.median, network.steady.median / f.median, network.steady.p90 / f.median);
+        std::printf("  network's bare forward pass (one 128x128 input): median %.2f ms, mean %.2f; analysis / forward "
+                    "pass: median %.2fx, mean %.2fx, p90 %.2fx (goal <= 1.3x)\n",
+                    f.median, f.mean, network.steady.median / f.median, network.steady.mean / f.mean,
+                    network.steady.p90 / f.median);
     }
     std::printf("  baseline full-resolution cascade: median %.2f ms; cascades' ratio %.3f (whole search %.3f)\n", b.median,
                 cascades.steady.median / b.median, cascades.whole.median / b.median);
