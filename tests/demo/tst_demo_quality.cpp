@@ -48,7 +48,7 @@ QString labelled(const QString& set, const QStringList& values)
 /// A pose-labelled render of identity at yaw (pitch 0).
 QString posed(const QString& identity, int yaw)
 {
-    return labelled(QStringLiteral("pose"), {identity, QString::number(yaw), QStringLiteral("0")});
+    return labelled(QStringLiteral("headpose"), {identity, QString::number(yaw), QStringLiteral("0")});
 }
 
 struct Part {
@@ -165,6 +165,48 @@ private slots:
                  qPrintable(outcome->guidance.join(QLatin1Char(' '))));
         QVERIFY2(outcome->error && outcome->error->localizedDescription().contains(core::zc_localized(QStringLiteral("errors.face_too_close"))),
                  outcome->error ? qPrintable(outcome->error->localizedDescription()) : "no error");
+    }
+
+    /// A head turning to the user's own left and back passes a "turn left"
+    /// step, and the shot is the frontal face after it; a clip cut from one
+    /// person turning to another facing the camera passes nothing.
+    void aTurnPassesOnlyWhenTheSamePersonTurnsAndComesBack()
+    {
+        // The clip is what the camera sees: turned towards the picture's
+        // right is the person's own left.
+        const QString frontal = posed(QStringLiteral("hopper"), 0);
+        const QString turned = posed(QStringLiteral("hopper"), 45);
+        const QString other = posed(QStringLiteral("collins"), 0);
+        QVERIFY(!frontal.isEmpty() && !turned.isEmpty() && !other.isEmpty());
+        const auto turnLeft = [] {
+            return std::vector<core::ZCStepConfigPtr>{std::make_shared<core::ZCStepConfig>(core::ZCStepKind::TurnHeadLeft, 6)};
+        };
+
+        const QString real = scratch.filePath(QStringLiteral("turn.mp4"));
+        QVERIFY(makeClip(real, {{frontal, 1.0}, {turned, 1.0}, {frontal, 3.0}}));
+        const auto passed = runSession(real, turnLeft());
+        QVERIFY(passed);
+        QVERIFY2(passed->bestShot, passed->error ? qPrintable(passed->error->localizedDescription()) : "");
+        const double at = passed->bestShot->frameTime().seconds();
+        QVERIFY2(at >= 2.0 && at < 5.0, qPrintable(QString::number(at)));
+        // The shot shows the frontal face (mirrored, as the front camera
+        // delivered it), not the turned one: compare where the clip put the
+        // render in the frame.
+        const QImage shot = passed->bestShot->image();
+        const QSize fitted = QImage(frontal).size().scaled(shot.size(), Qt::KeepAspectRatio);
+        const QRect placed(QPoint((shot.width() - fitted.width()) / 2, (shot.height() - fitted.height()) / 2), fitted);
+        const double toFrontal = difference(shot.copy(placed), QImage(frontal).mirrored(true, false));
+        const double toTurned = difference(shot.copy(placed), QImage(turned).mirrored(true, false));
+        QVERIFY2(toFrontal < 10 && toFrontal < toTurned / 2,
+                 qPrintable(QStringLiteral("difference to the frontal render %1, to the turned %2").arg(toFrontal).arg(toTurned)));
+
+        const QString splice = scratch.filePath(QStringLiteral("splice.mp4"));
+        QVERIFY(makeClip(splice, {{frontal, 1.0}, {turned, 1.0}, {other, 3.0}}));
+        const auto refused = runSession(splice, turnLeft());
+        QVERIFY(refused);
+        QVERIFY(!refused->bestShot);
+        QVERIFY(refused->error);
+        QCOMPARE(refused->error->bestShotErrorValue()->code(), 1000);
     }
 };
 
