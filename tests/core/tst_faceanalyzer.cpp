@@ -3,6 +3,7 @@
 #include "AnalyzerTestSupport.h"
 #include "zavocore/ZCPreviewGeometry_p.h"
 
+#include <QFile>
 #include <QPainter>
 #include <QTest>
 
@@ -126,6 +127,37 @@ private slots:
         const FaceAnalysis analysis = analyse(analyzer, frame);
         QCOMPARE(int(analysis.faces.size()), 1);
         QCOMPARE(analysis.guidance, guidance);
+    }
+
+    void tellsOpenFromShutEyesOnRealFaces_data()
+    {
+        // tests/data/eyes: real photos labelled by looking (labels.csv says
+        // where each comes from), shut meaning an eye closed or a slit.
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<bool>("open");
+        QFile labels(testing::dataPath(QStringLiteral("eyes/labels.csv")));
+        QVERIFY(labels.open(QIODevice::ReadOnly | QIODevice::Text));
+        labels.readLine();
+        while (!labels.atEnd()) {
+            const QStringList row = QString::fromUtf8(labels.readLine()).trimmed().split(QLatin1Char(','));
+            if (row.size() > 2)
+                QTest::newRow(qPrintable(row[0])) << row[0] << (row[1] == QLatin1String("open"));
+        }
+    }
+    void tellsOpenFromShutEyesOnRealFaces()
+    {
+        QFETCH(QString, file);
+        QFETCH(bool, open);
+        FaceAnalyzer analyzer{core::ZCDetectorSettings()};
+        const QImage image = photo(QStringLiteral("eyes/") + file);
+        const FaceAnalysis analysis = analyse(analyzer, image);
+        QCOMPARE(analysis.landmarks.size(), size_t(1));
+        const platform::SampleBuffer frame = testing::frameFromImage(image, platform::MediaTime::zero());
+        const auto& buffer = *frame.imageBuffer();
+        const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(),
+                             platform::PixelFormat::BGRA32};
+        const double openness = analyzer.eyesOpenness(view, analysis.landmarks.front());
+        QVERIFY2((openness >= core::ZCDetectorSettings().minEyeOpenness) == open, qPrintable(QString::number(openness)));
     }
 
     void faceCascadesAreNeededOnlyWithoutTheNetwork()

@@ -105,7 +105,8 @@ class TestDemoQuality : public QObject {
 
     /// One session on clip to its end, with the given steps and step limit.
     std::optional<SessionOutcome> runSession(const QString& clip, std::vector<core::ZCStepConfigPtr> steps = {},
-                                             double stepTimeout = 8)
+                                             double stepTimeout = 8,
+                                             std::function<void(core::ZCDetectorSettings&)> adjust = {})
     {
         QString problem;
         const auto camera = FrontCamera::install({CameraChoice::Kind::File, clip}, &problem);
@@ -116,9 +117,11 @@ class TestDemoQuality : public QObject {
         SessionOptions options;
         options.recordVideo = false;
         options.steps = std::move(steps);
-        options.adjustConfiguration = [stepTimeout](core::ZCZavoConfiguration& configuration) {
+        options.adjustConfiguration = [stepTimeout, adjust](core::ZCZavoConfiguration& configuration) {
             configuration.detector.stepTimeout = stepTimeout;
             configuration.detector.shuffleSteps = false;
+            if (adjust)
+                adjust(configuration.detector);
         };
         DemoSession session(options, &timing);
         QSignalSpy finished(&session, &DemoSession::finished);
@@ -146,6 +149,37 @@ private slots:
     {
         platform::CaptureAuthorization::setPolicy(nullptr);
         platform::setDocumentsDirectory({});
+    }
+
+    /// A clip that opens with shut eyes and then shows an open-eyed face
+    /// takes its shot from the second part, and says why not the first.
+    void shutEyesAreNeverTheShot()
+    {
+        const QString shut = kData + QStringLiteral("/eyes/gpl/canyon_squinting_woman.jpg");
+        const QString open = kData + QStringLiteral("/eyes/gpl/jesper.jpg");
+        const QString clip = scratch.filePath(QStringLiteral("eyes.mp4"));
+        QVERIFY(makeClip(clip, {{shut, 2.0}, {open, 3.0}}));
+        // The shut-eyed photo is small and blurs when the clip fills the
+        // frame with it: let blur pass, so that only the eyes refuse it.
+        const auto outcome = runSession(clip, {}, 8, [](core::ZCDetectorSettings& settings) { settings.minSharpness = 2; });
+        QVERIFY(outcome);
+        QVERIFY2(outcome->bestShot, outcome->error ? qPrintable(outcome->error->localizedDescription()) : "");
+        QVERIFY2(outcome->guidance.contains(QStringLiteral("errors.eyes_closed")),
+                 qPrintable(outcome->guidance.join(QLatin1Char(' '))));
+        const double at = outcome->bestShot->frameTime().seconds();
+        QVERIFY2(at >= 2.0 && at < 5.0, qPrintable(QString::number(at)));
+        // The shot's pixels are the open-eyed face (mirrored, as the front
+        // camera delivered it), not the shut-eyed one.
+        const QImage shot = outcome->bestShot->image();
+        const auto placed = [&](const QString& image) {
+            const QSize fitted = QImage(image).size().scaled(shot.size(), Qt::KeepAspectRatio);
+            return QRect(QPoint((shot.width() - fitted.width()) / 2, (shot.height() - fitted.height()) / 2), fitted);
+        };
+        const double toOpen = difference(shot.copy(placed(open)), QImage(open).mirrored(true, false));
+        const double toShut = difference(shot.copy(placed(shut)), QImage(shut).mirrored(true, false));
+        QVERIFY2(toOpen < 10 && toOpen < toShut / 2,
+                 qPrintable(QStringLiteral("difference to the open-eyed part %1, to the shut-eyed %2").arg(toOpen).arg(toShut)));
+        QVERIFY(outcome->bestShot->quality().eyesOpen >= 0.35);
     }
 
     /// A face filling the frame is told to move back, and never taken.
