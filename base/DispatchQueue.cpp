@@ -169,6 +169,7 @@ struct MainQueueState {
     int wakeFd = -1;
     QPointer<QSocketNotifier> notifier;       // GUI thread only
     std::atomic<bool> applicationSeen{false};
+    std::atomic<int> delayedPending{0};  // asyncAfter blocks not yet run
 
     MainQueueState() : wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -326,11 +327,23 @@ void DispatchQueue::asyncAfter(Duration delay, Block block)
     }
     // Timers belong to the thread that starts them: start it on the GUI thread.
     const auto deadline = State::Clock::now() + delay;
+    mainQueueState().delayedPending.fetch_add(1);
     async([deadline, block = std::move(block)]() mutable {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - State::Clock::now());
         QTimer::singleShot(std::max<std::chrono::milliseconds>(left, std::chrono::milliseconds(0)), Qt::PreciseTimer,
-                           mainContext(), std::move(block));
+                           mainContext(), [block = std::move(block)] {
+                               block();
+                               mainQueueState().delayedPending.fetch_sub(1);
+                           });
     });
+}
+
+int DispatchQueue::pendingDelayedCount() const
+{
+    if (!state_)
+        return mainQueueState().delayedPending.load();
+    MutexLocker lock(state_->mutex);
+    return int(state_->timers.size());
 }
 
 void DispatchQueue::asyncAfter(Duration delay, const std::shared_ptr<DispatchWorkItem>& item)

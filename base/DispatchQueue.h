@@ -65,6 +65,11 @@ public:
     void asyncAfter(Duration delay, const std::shared_ptr<DispatchWorkItem>& item);
     void asyncAfter(double seconds, Block block);
 
+    /// Blocks handed to asyncAfter whose time has not come yet. Lets a test
+    /// wait for the timers a component left behind to fire, instead of
+    /// sleeping past them.
+    int pendingDelayedCount() const;
+
     /// Number of serial-queue threads alive in the process (for leak checks).
     static int liveThreadCount();
 

@@ -135,6 +135,7 @@ function(zavo_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zavo_build_flags Qt6::Test ${ARG_LIBS})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
   target_compile_definitions(${name} PRIVATE
     ZAVO_TEST_DATA_DIR="${ZAVO_TEST_DATA_DIR}")
   add_test(NAME ${name} COMMAND ${name})

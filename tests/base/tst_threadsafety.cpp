@@ -74,6 +74,8 @@ private slots:
                 value.set(5);
                 setterDone = true;
             });
+            // The pause is what is tested: it gives the setter time to get
+            // past the lock if the lock did not hold it.
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             const bool blocked = !setterDone;
             v = 2;

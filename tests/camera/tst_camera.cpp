@@ -1,6 +1,7 @@
 // The camera platform: discovery, devices, sessions, the frame output, the
 // preview, permission and orientation, driven through synthetic cameras.
 #include "base/ThreadSafety.h"
+#include "QueueBarriers.h"
 #include "CameraTestSupport.h"
 
 #include "camera/CaptureAuthorization_p.h"
@@ -503,7 +504,9 @@ private slots:
             std::this_thread::yield();
         QCOMPARE(layer->receivedFrameCount(), int64_t(20));
         QTRY_VERIFY(view->paintedFrameCount() > paintedBefore);
-        QTest::qWait(100);  // any late paint would land here
+        // Any late paint lands once the frames' hops and the update requests
+        // they posted have run.
+        QVERIFY(zavo::testing::flushQueues({&DispatchQueue::main()}));
         // At most a frame caught mid-conversion besides the newest.
         QVERIFY2(view->paintedFrameCount() - paintedBefore <= 2,
                  qPrintable(QString::number(view->paintedFrameCount() - paintedBefore)));

@@ -2,6 +2,7 @@
 // format choice, frames, switching, preview layer, orientation, recorder
 // callbacks, and a clean end.
 #include "base/ThreadSafety.h"
+#include "QueueBarriers.h"
 #include "CameraTestSupport.h"
 
 #include "capture/ZMCameraCaptureManager.h"
@@ -249,7 +250,7 @@ private slots:
         QCOMPARE(answers.front(), expected);
         QVERIFY(onMain);
         QCOMPARE(policy->requestCount(), requests);
-        QTest::qWait(50);
+        QVERIFY(zavo::testing::flushMainQueue());  // a second answer would have landed
         QCOMPARE(answers.size(), size_t(1));
     }
 

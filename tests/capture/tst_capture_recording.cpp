@@ -1,6 +1,7 @@
 // Whole capture sessions with a file camera and recording on, through each
 // recorder, checked with FFmpeg's own prober; and the bad inputs: corrupt
 // files, an unwritable Documents folder.
+#include "MissingPrerequisite.h"
 #include "base/ThreadSafety.h"
 #include "CameraTestSupport.h"
 
@@ -139,7 +140,7 @@ private slots:
     void initTestCase()
     {
         if (QStandardPaths::findExecutable("ffprobe").isEmpty())
-            QSKIP("ffprobe is needed to check the recorded files");
+            ZAVO_SKIP_MISSING("ffprobe is needed to check the recorded files");
         QVERIFY(scratch.isValid());
         QVERIFY(QFile::exists(kClip));
         CaptureDeviceRegistry::shared().setProviders({});

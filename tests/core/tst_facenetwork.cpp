@@ -1,5 +1,6 @@
 // The face network on real photos: which faces it finds, where its
 // landmarks land, what pose they give, and the fall-back to the cascades.
+#include "MissingPrerequisite.h"
 #include "AnalyzerTestSupport.h"
 
 #include <QFile>
@@ -67,7 +68,7 @@ private slots:
         settings = {};
         if (!QFileInfo(FaceAnalyzer::defaultNetworkPath()).isFile()
             && !QByteArray(QTest::currentTestFunction()).startsWith("without"))
-            QSKIP("no face network in this build: run scripts/fetch-model.sh, then configure again");
+            ZAVO_SKIP_MISSING("no face network in this build: run scripts/fetch-model.sh, then configure again");
     }
 
     void findsTheFacesInPhotos_data()

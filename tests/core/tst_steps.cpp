@@ -1,6 +1,7 @@
 // Interaction steps that ask the user to act: how each is judged, and the
 // wizard that runs them on real faces (frontal and three-quarter photos;
 // a frontal photo turned in the hand stands for a printed face).
+#include "MissingPrerequisite.h"
 #include "AnalyzerTestSupport.h"
 #include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZCInteractionStep_p.h"
@@ -238,7 +239,7 @@ private slots:
     void aTurnThenALookGivesTheShotOfTheLook()
     {
         if (!networkInstalled())
-            QSKIP("the face network is not installed (scripts/setup.sh fetches it)");
+            ZAVO_SKIP_MISSING("the face network is not installed (scripts/setup.sh fetches it)");
         // A real head rendered turned (the user's right is the frame's right
         // in a front camera's mirrored frames).
         const QImage frontal = framed(headPose("hopper", 0));
@@ -272,7 +273,7 @@ private slots:
     void leftAndRightAreTheUsersOwnWhateverTheMirroring()
     {
         if (!networkInstalled())
-            QSKIP("the face network is not installed (scripts/setup.sh fetches it)");
+            ZAVO_SKIP_MISSING("the face network is not installed (scripts/setup.sh fetches it)");
         // An unmirrored (back) camera: the user's right is the frame's left.
         const QImage frontal = framed(headPose("collins", 0));
         for (const int yaw : {45, -45}) {
@@ -289,7 +290,7 @@ private slots:
     void aSpliceOfTwoPeopleDoesNotPassATurn()
     {
         if (!networkInstalled())
-            QSKIP("the face network is not installed (scripts/setup.sh fetches it)");
+            ZAVO_SKIP_MISSING("the face network is not installed (scripts/setup.sh fetches it)");
         Wizard wizard({std::make_shared<ZCStepConfig>(ZCStepKind::TurnHeadRight, 3)});
         wizard.feed(framed(headPose("hopper", 0)), 0.5);
         wizard.feed(framed(headPose("hopper", 45)), 0.5);
@@ -306,7 +307,7 @@ private slots:
     void aPrintTurnedInTheHandDoesNotPassATurn()
     {
         if (!networkInstalled())
-            QSKIP("the face network is not installed (scripts/setup.sh fetches it)");
+            ZAVO_SKIP_MISSING("the face network is not installed (scripts/setup.sh fetches it)");
         const QImage print = photo("matplotlib__grace_hopper.jpg");
         Wizard wizard({std::make_shared<ZCStepConfig>(ZCStepKind::TurnHeadRight, 3)});
         wizard.feed(framed(print), 0.5);
@@ -321,7 +322,7 @@ private slots:
     void closerThenLook()
     {
         if (!networkInstalled())
-            QSKIP("the face network is not installed (scripts/setup.sh fetches it)");
+            ZAVO_SKIP_MISSING("the face network is not installed (scripts/setup.sh fetches it)");
         const QImage face = photo("matplotlib__grace_hopper.jpg");
         Wizard wizard({std::make_shared<ZCStepConfig>(ZCStepKind::MoveCloser, 10)});
         wizard.feed(framed(face, 400), 0.5);

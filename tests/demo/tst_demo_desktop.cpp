@@ -11,6 +11,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include "MissingPrerequisite.h"
+
 namespace {
 
 struct Run {
@@ -131,7 +133,7 @@ private slots:
         QFETCH(QString, scale);
         const QString xvfbRun = QStandardPaths::findExecutable(QStringLiteral("xvfb-run"));
         if (xvfbRun.isEmpty() || QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty())
-            QSKIP("no X server to start: install the xvfb package (scripts/setup.sh does)");
+            ZAVO_SKIP_MISSING("no X server to start: install the xvfb package (scripts/setup.sh does)");
         if (offscreenBox.isNull()) {
             QProcessEnvironment offscreen = withoutDisplay();
             offscreen.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));

@@ -1,5 +1,6 @@
 // Reading media files: track lists, transforms, decoding, and every way a
 // file can be unusable.
+#include "MissingPrerequisite.h"
 #include "MediaTestSupport.h"
 #include "media/Asset.h"
 
@@ -71,7 +72,7 @@ private slots:
     void initTestCase()
     {
         if (!haveFfmpegTools())
-            QSKIP("ffmpeg and ffprobe are needed to make the test clips");
+            ZAVO_SKIP_MISSING("ffmpeg and ffprobe are needed to make the test clips");
         QVERIFY(dir.isValid());
         clip = dir.filePath("clip.mp4");
         rotated = dir.filePath("rotated.mp4");

@@ -1,5 +1,6 @@
 // Writing MP4 files: what ffprobe and the reader see in them, and how the
 // writer behaves when the file cannot be written.
+#include "MissingPrerequisite.h"
 #include "MediaTestSupport.h"
 #include "media/Asset.h"
 #include "media/AssetWriter_p.h"
@@ -92,7 +93,7 @@ private slots:
     void initTestCase()
     {
         if (!haveFfmpegTools())
-            QSKIP("ffprobe is needed to check the files");
+            ZAVO_SKIP_MISSING("ffprobe is needed to check the files");
     }
 
     void writesScaledH264ThatReadsBack()

@@ -1,5 +1,6 @@
 // The frame-dump recorder: frame files, assembly into the session video, the
 // delegate's calls and their threads, and the failures.
+#include "MissingPrerequisite.h"
 #include "MediaTestSupport.h"
 #include "resources/ZMBundleLink_p.h"
 #include "media/Asset.h"
@@ -135,7 +136,7 @@ private slots:
     void initTestCase()
     {
         if (!haveFfmpegTools())
-            QSKIP("ffprobe is needed to check the session videos");
+            ZAVO_SKIP_MISSING("ffprobe is needed to check the session videos");
         setDocumentsDirectory(documents.path());
         folder = documents.filePath("bright_fold");
         videoPath = folder + "/ZMRecordedVideo.mp4";

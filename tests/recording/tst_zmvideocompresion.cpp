@@ -1,5 +1,6 @@
 // The compressor: a portrait movie with sound becomes a small silent one that
 // keeps its orientation, in the input's place; and every way it can fail.
+#include "MissingPrerequisite.h"
 #include "MediaTestSupport.h"
 #include "base/DispatchQueue.h"
 #include "base/ProcessInfo_p.h"
@@ -71,7 +72,7 @@ private slots:
     void initTestCase()
     {
         if (!haveFfmpegTools())
-            QSKIP("ffmpeg and ffprobe are needed to make and check the clips");
+            ZAVO_SKIP_MISSING("ffmpeg and ffprobe are needed to make and check the clips");
         portraitSource = dir.filePath("portrait-source.mp4");
         audioSource = dir.filePath("audio-source.m4a");
         // Encoded first, then remuxed: the command line writes the rotation

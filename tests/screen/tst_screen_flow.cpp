@@ -3,6 +3,7 @@
 // liveness and recording callbacks and the user's buttons. No camera is
 // registered, so capture runs without frames unless a test adds one.
 #include "base/ThreadSafety.h"
+#include "QueueBarriers.h"
 #include "ScreenTestSupport.h"
 
 #include "camera/CaptureDevice.h"
@@ -612,7 +613,9 @@ private slots:
         QTRY_COMPARE(host->count(), 1);
         QCOMPARE(host->last().error->kind(), ZMCameraError::Case::canceled);
         policy->answer(true);
-        QTest::qWait(50);
+        // The answer hops to the main queue and from there to the session
+        // queue, where a screen that ignored the close would launch.
+        QVERIFY(zavo::testing::flushQueues({&platform::DispatchQueue::main(), screen->captureManager()->captureSessionQueue().get()}));
         QCOMPARE(detector->launches, 0);
         QVERIFY(!screen->captureManager()->session() || !screen->captureManager()->session()->isRunning());
         QVERIFY(!screen->view());  // never built again
@@ -647,7 +650,10 @@ private slots:
         reporter()->detectionRect(QRectF(10, 10, 50, 50), QSizeF(720, 1280));
         report(1022);
         reporter()->livenessIsActive(true);
-        QTest::qWait(2200);  // past the long banner's time
+        // The banner shown before the close hides itself on a timer: let it
+        // fire into the dead view, and whatever it sets off land.
+        QVERIFY(zavo::testing::settleMainTimers());
+        QVERIFY(zavo::testing::flushQueues({screen->captureManager()->captureSessionQueue().get(), &platform::DispatchQueue::main()}));
         QCOMPARE(host->count(), 1);
         QVERIFY(!screen->view());
     }
@@ -691,7 +697,7 @@ private slots:
         // Both endings run their stop and find nobody to tell.
         QTRY_VERIFY(!screen->closedByUser());
         screen->captureManager()->captureSessionQueue()->sync([] {});
-        QTest::qWait(50);  // a delivery hopping through the main queue lands here
+        QVERIFY(zavo::testing::flushMainQueue());  // a delivery hopping through the main queue lands here
         QCOMPARE(tally->load(), 0);
         host = std::make_shared<HostDelegate>();
     }
