@@ -65,7 +65,7 @@ const QTranslator* Bundle::translator() const
         t.hasTable = t.translator.load(QLocale::system(), translationBase_, QStringLiteral("_"), dir)
             || t.translator.load(translationBase_ + QStringLiteral("_en"), dir);
         if (!t.hasTable)
-            qCWarning(lcPlatform) << "no string table for bundle" << identifier_;
+            qCWarning(lcBase) << "no string table for bundle" << identifier_;
     });
     return translations_->hasTable ? &translations_->translator : nullptr;
 }

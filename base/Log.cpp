@@ -1,13 +1,20 @@
 #include "base/Log_p.h"
 
+// Debug lines are off unless a rule turns them on: the V4L2 layer, for one,
+// has a line per device for every hot-plug scan.
 namespace zavo::platform {
-Q_LOGGING_CATEGORY(lcPlatform, "zavo.platform")
-Q_LOGGING_CATEGORY(lcMedia, "zavo.media")
-Q_LOGGING_CATEGORY(lcCamera, "zavo.camera")
-Q_LOGGING_CATEGORY(lcCapture, "zavo.capture")
-Q_LOGGING_CATEGORY(lcRecording, "zavo.recording")
-Q_LOGGING_CATEGORY(lcScreen, "zavo.screen")
-Q_LOGGING_CATEGORY(lcUi, "zavo.ui")
-Q_LOGGING_CATEGORY(lcCore, "zavo.core")
-Q_LOGGING_CATEGORY(lcWeb, "zavo.web")
+Q_LOGGING_CATEGORY(lcBase, "zavo.base", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCameraDevice, "zavo.camera.device", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCameraSession, "zavo.camera.session", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCameraOutput, "zavo.camera.output", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCameraV4l2, "zavo.camera.v4l2", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCapture, "zavo.capture", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcMediaPixels, "zavo.media.pixels", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcMediaWriter, "zavo.media.writer", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcRecordingFrames, "zavo.recording.frames", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcRecordingStorage, "zavo.recording.storage", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcScreen, "zavo.screen", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCoreDetector, "zavo.core.detector", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcCoreAnalyzer, "zavo.core.analyzer", QtInfoMsg)
+Q_LOGGING_CATEGORY(lcWebLiveness, "zavo.web.liveness", QtInfoMsg)
 }  // namespace zavo::platform

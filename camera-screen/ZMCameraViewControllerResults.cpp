@@ -245,7 +245,7 @@ void ZMCameraViewController::captureDidFailWithError(platform::ErrorPtr error)
 {
     // The camera will send no more frames: end now the way the detector ends
     // when frames stop, instead of waiting out its frame time-out.
-    qCWarning(platform::lcCore, "the camera stopped: %s",
+    qCWarning(platform::lcScreen, "the camera stopped: %s",
               qUtf8Printable(error ? error->localizedDescription() : QStringLiteral("no reason given")));
     bestShotError(core::makeZCError(core::ZCErrorCode::NoFrames, QStringLiteral("errors.no_frames")));
 }

@@ -80,11 +80,11 @@ void CaptureDevice::setActiveFormat(const CaptureDeviceFormatPtr& format)
 {
     MutexLocker lock(mutex_);
     if (lockCount_ == 0) {
-        qCWarning(lcCamera) << "active format of" << uniqueID_ << "set without the configuration lock; ignored";
+        qCWarning(lcCameraDevice) << "active format of" << uniqueID_ << "set without the configuration lock; ignored";
         return;
     }
     if (std::find(formats_.begin(), formats_.end(), format) == formats_.end()) {
-        qCWarning(lcCamera) << "active format of" << uniqueID_ << "is not one of its formats; ignored";
+        qCWarning(lcCameraDevice) << "active format of" << uniqueID_ << "is not one of its formats; ignored";
         return;
     }
     activeFormat_ = format;
@@ -137,7 +137,7 @@ void CaptureDevice::setFocusMode(FocusMode mode)
     {
         MutexLocker lock(mutex_);
         if (lockCount_ == 0 || std::find(focusModes_.begin(), focusModes_.end(), mode) == focusModes_.end()) {
-            qCWarning(lcCamera) << "focus mode" << int(mode) << "of" << uniqueID_
+            qCWarning(lcCameraDevice) << "focus mode" << int(mode) << "of" << uniqueID_
                                 << "not set: unsupported or not locked for configuration";
             return;
         }
@@ -167,7 +167,7 @@ void CaptureDevice::setFocusPointOfInterest(QPointF point)
 {
     MutexLocker lock(mutex_);
     if (lockCount_ == 0 || !focusPointSupported_) {
-        qCWarning(lcCamera) << "focus point of" << uniqueID_ << "not set: unsupported or not locked for configuration";
+        qCWarning(lcCameraDevice) << "focus point of" << uniqueID_ << "not set: unsupported or not locked for configuration";
         return;
     }
     focusPoint_ = point;

@@ -131,7 +131,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
                                                              .arg(shown.height()));
         }
         if (error) {
-            qCWarning(lcCamera, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
+            qCWarning(lcCameraOutput, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
                       qUtf8Printable(error->localizedDescription()));
             fail(error);
             return false;
@@ -164,7 +164,7 @@ struct CaptureMovieFileOutput::Recorder : std::enable_shared_from_this<Recorder>
         }
         dropped.fetch_add(1, std::memory_order_relaxed);
         if (writer->status() == AssetWriter::Status::Failed) {
-            qCWarning(lcCamera, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
+            qCWarning(lcCameraOutput, "Movie recording to <%s> failed: %s", qUtf8Printable(fileURL.toLocalFile()),
                       qUtf8Printable(writer->error() ? writer->error()->localizedDescription() : QString()));
             writer->cancelWriting();
             fail(writer->error());
@@ -271,7 +271,7 @@ void CaptureMovieFileOutput::setOutputSettings(const QVariantMap& settings,
 {
     const QString codec = settings.value(kVideoCodecKey, kVideoCodecTypeH264).toString();
     if (codec != kVideoCodecTypeH264)
-        qCWarning(lcCamera) << "movie file output: codec" << codec << "is not available; recording H.264";
+        qCWarning(lcCameraOutput) << "movie file output: codec" << codec << "is not available; recording H.264";
     MutexLocker lock(recorder_->mutex);
     recorder_->settings[connection.get()] = settings;
 }

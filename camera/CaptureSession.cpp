@@ -188,7 +188,7 @@ void CaptureSession::addInputLocked(const std::shared_ptr<CaptureInput>& input)
 void CaptureSession::addInput(const std::shared_ptr<CaptureInput>& input)
 {
     if (!canAddInput(input)) {
-        qCWarning(lcCamera) << "capture session: input refused";
+        qCWarning(lcCameraSession) << "capture session: input refused";
         return;
     }
     {
@@ -235,7 +235,7 @@ bool CaptureSession::canAddOutput(const std::shared_ptr<CaptureOutput>& output) 
 void CaptureSession::addOutput(const std::shared_ptr<CaptureOutput>& output)
 {
     if (!canAddOutput(output)) {
-        qCWarning(lcCamera) << "capture session: output refused";
+        qCWarning(lcCameraSession) << "capture session: output refused";
         return;
     }
     {
@@ -315,7 +315,7 @@ void logFormatChoice(const CaptureDevice& device, const QString& preset,
     if (opened > 0)
         reason += QStringLiteral("; the driver refused %1 better").arg(opened);
     const double rate = format.captureFrameRate(0.0);
-    qCInfo(lcCamera, "capture format of <%s>: %s %dx%d at %s for %s: %s", qUtf8Printable(device.localizedName()),
+    qCInfo(lcCameraSession, "capture format of <%s>: %s %dx%d at %s for %s: %s", qUtf8Printable(device.localizedName()),
            qUtf8Printable(fourCharCodeText(format.mediaSubType())), format.width(), format.height(),
            rate > 0 ? qUtf8Printable(QStringLiteral("%1 fps").arg(rate, 0, 'f', 3)) : "its own rate",
            qUtf8Printable(preset),
@@ -350,14 +350,14 @@ void CaptureSession::startCapture()
             // Only a camera that refused this very format may take another.
             if (!error || error->code() != long(CaptureErrorCode::FormatRefused))
                 break;
-            qCWarning(lcCamera, "%s; trying the next format", qUtf8Printable(error->localizedDescription()));
+            qCWarning(lcCameraSession, "%s; trying the next format", qUtf8Printable(error->localizedDescription()));
         }
         if (candidates.empty())
             run->stream = device->openStream(nullptr, &error);
         run->position = device->position();
         run->deviceName = device->localizedName();
         if (!run->stream) {
-            qCWarning(lcCamera, "Cannot start capture from <%s>: %s", qUtf8Printable(device->localizedName()),
+            qCWarning(lcCameraSession, "Cannot start capture from <%s>: %s", qUtf8Printable(device->localizedName()),
                       qUtf8Printable(error ? error->localizedDescription() : QString()));
             {
                 MutexLocker lock(mutex_);
@@ -415,7 +415,7 @@ void CaptureSession::captureLoop(Run* run)
             break;
         if (result == CaptureDeviceStream::ReadResult::Ended) {
             const QString reason = run->stream->endReason();
-            qCWarning(lcCamera, "Capture from <%s> ended: %s", qUtf8Printable(run->deviceName), qUtf8Printable(reason));
+            qCWarning(lcCameraSession, "Capture from <%s> ended: %s", qUtf8Printable(run->deviceName), qUtf8Printable(reason));
             const auto error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason);
             {
                 MutexLocker lock(session->mutex_);

@@ -81,7 +81,7 @@ void CaptureVideoDataOutput::setVideoSettings(const QVariantMap& settings)
 {
     const auto format = settings.value(kPixelBufferPixelFormatTypeKey);
     if (!settings.isEmpty() && format.isValid() && format.toUInt() != uint32_t(PixelFormat::BGRA32))
-        qCWarning(lcCamera) << "video data output: only BGRA frames are offered; pixel format"
+        qCWarning(lcCameraOutput) << "video data output: only BGRA frames are offered; pixel format"
                             << Qt::hex << format.toUInt() << "ignored";
     MutexLocker lock(core_->mutex);
     core_->settings = settings;

@@ -146,7 +146,7 @@ void AssetWriter::Private::fail(MediaErrorCode code, const QString& what, int ff
         status = Status::Failed;
         const QString reason = ffmpegError ? QStringLiteral("%1: %2").arg(what, ffmpeg::errorString(ffmpegError)) : what;
         error = makeMediaError(code, reason, ffmpegError);
-        qCWarning(lcMedia) << "writing" << finalPath << "failed:" << reason;
+        qCWarning(lcMediaWriter) << "writing" << finalPath << "failed:" << reason;
     }
     slotFreed.notify_all();
     if (input)

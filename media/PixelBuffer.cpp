@@ -152,7 +152,7 @@ std::shared_ptr<PixelBuffer> PixelBuffer::wrap(int width, int height, PixelForma
 PixelBuffer::~PixelBuffer()
 {
     if (lockCount_.load() != 0)
-        qCWarning(lcMedia) << "pixel buffer released while its base address is locked";
+        qCWarning(lcMediaPixels) << "pixel buffer released while its base address is locked";
     if (storage_) {
         if (auto pool = pool_.lock())
             pool->recycle(std::move(storage_));
@@ -173,7 +173,7 @@ void PixelBuffer::unlockBaseAddress(LockFlags)
 {
     if (lockCount_.fetch_sub(1, std::memory_order_relaxed) <= 0) {
         lockCount_.fetch_add(1, std::memory_order_relaxed);
-        qCWarning(lcMedia) << "pixel buffer unlocked more often than locked";
+        qCWarning(lcMediaPixels) << "pixel buffer unlocked more often than locked";
     }
 }
 

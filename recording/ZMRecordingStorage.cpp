@@ -64,12 +64,12 @@ void ZMRecordingStorage::recreateEmptyFolder()
                 const platform::ErrorObject object(QStringLiteral("POSIX"), error.value(),
                                                    {{platform::kLocalizedDescriptionKey,
                                                      QString::fromStdString(error.message())}});
-                qCWarning(platform::lcRecording, "Error while deleting old video <%s>",
+                qCWarning(platform::lcRecordingStorage, "Error while deleting old video <%s>",
                           qUtf8Printable(describeError(object)));
             }
         }
     } catch (const std::exception& exception) {
-        qCWarning(platform::lcRecording, "NSException while deleting old video <%s>", exception.what());
+        qCWarning(platform::lcRecordingStorage, "NSException while deleting old video <%s>", exception.what());
     }
     QDir().mkpath(path);
 }

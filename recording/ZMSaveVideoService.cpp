@@ -145,7 +145,7 @@ void ZMSaveVideoService::deleteFramesFiles()
         std::error_code error;
         std::filesystem::remove_all(QFile::encodeName(folder + QLatin1Char('/') + name).toStdString(), error);
         if (error)
-            qCWarning(lcRecording, "failed to delete old frame file <%s>", qUtf8Printable(name));
+            qCWarning(lcRecordingFrames, "failed to delete old frame file <%s>", qUtf8Printable(name));
     }
 }
 
@@ -173,7 +173,7 @@ void ZMSaveVideoService::flush(const QUrl& videoURL, std::function<void()> compl
     writer->startSessionAtSourceTime(MediaTime::zero());
     if (!adaptor->pixelBufferPool())
         return failFlush(completion);
-    qCInfo(lcRecording, "Totally captured %i frames", static_cast<int32_t>(framesCounter()));
+    qCInfo(lcRecordingFrames, "Totally captured %i frames", static_cast<int32_t>(framesCounter()));
     auto flushQueue = DispatchQueue::create(kZavoCameraBundleIdentifier + QStringLiteral(".ZMSaveVideoService.VideoFlush"));
     input->requestMediaDataWhenReady(flushQueue, [self = shared_from_this(), writer, input, adaptor, completion] {
         self->pump(writer, input, adaptor, completion);
@@ -220,7 +220,7 @@ AssetWriterPtr ZMSaveVideoService::createWriterWithVideoOutputURL(const QString&
 {
     // A missing file is reported too; the line is harmless then.
     if (ErrorPtr error = removeFile(path))
-        qCWarning(lcRecording, "Error while deleting old video <%s>", qUtf8Printable(describeError(*error)));
+        qCWarning(lcRecordingFrames, "Error while deleting old video <%s>", qUtf8Printable(describeError(*error)));
     AssetWriterPtr writer = AssetWriter::create(QUrl::fromLocalFile(path), FileType::MPEG4);
 
     auto input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, kEncodedWidth, kEncodedHeight});

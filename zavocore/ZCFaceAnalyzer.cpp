@@ -442,7 +442,7 @@ FaceAnalyzer::FaceAnalyzer(const ZCDetectorSettings& settings) : d(std::make_uni
          cascadePath(settings.verifierCascadePath, ZAVO_CASCADE_DIR "/haarcascade_frontalface_alt.xml"), missing);
     if (!missing.isEmpty())
         d->loadError = QStringLiteral("cannot load cascade %1").arg(missing.join(QStringLiteral(", ")));
-    qCWarning(platform::lcCore).noquote() << networkError + QStringLiteral("; faces are found by the Haar cascades, without landmarks or head pose");
+    qCWarning(platform::lcCoreAnalyzer).noquote() << networkError + QStringLiteral("; faces are found by the Haar cascades, without landmarks or head pose");
 }
 
 FaceAnalyzer::~FaceAnalyzer() = default;

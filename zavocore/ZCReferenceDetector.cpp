@@ -120,7 +120,7 @@ public:
         : shared_(std::move(shared)), liveness_(std::move(liveness)), analyzer_(shared_->settings)
     {
         if (!analyzer_.loadError().isEmpty())
-            qCWarning(platform::lcCore) << "face detector unavailable:" << analyzer_.loadError();
+            qCWarning(platform::lcCoreDetector) << "face detector unavailable:" << analyzer_.loadError();
     }
 
     /// One round of the detector's thread: every command, due timer and
@@ -336,7 +336,7 @@ void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::option
     if (!due || *due > now)
         return;
     if (state_ == State::Searching && now >= stepDeadline_) {
-        qCInfo(platform::lcCore) << "wizard step" << stepIndex_ << "timed out";
+        qCInfo(platform::lcCoreDetector) << "wizard step" << stepIndex_ << "timed out";
         state_ = State::Done;
         // The last thing the user was told is most likely why they did not
         // make it: the message says it again.
@@ -344,7 +344,7 @@ void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::option
         reportError(makeZCError(ZCErrorCode::StepTimeout, QStringLiteral("errors.step_timeout"), reason));
         return;
     }
-    qCWarning(platform::lcCore) << "no frame for" << shared_->settings.frameTimeout << "s";
+    qCWarning(platform::lcCoreDetector) << "no frame for" << shared_->settings.frameTimeout << "s";
     state_ = State::Done;
     fail(ZCErrorCode::NoFrames, "errors.no_frames");
 }
@@ -359,7 +359,7 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     if (!FaceAnalyzer::supports(buffer.pixelFormat())) {
         if (!reportedUnavailable_) {
             reportedUnavailable_ = true;
-            qCWarning(platform::lcCore) << "frames in pixel format" << Qt::hex << uint32_t(buffer.pixelFormat())
+            qCWarning(platform::lcCoreDetector) << "frames in pixel format" << Qt::hex << uint32_t(buffer.pixelFormat())
                                         << "cannot be analysed";
             fail(ZCErrorCode::DetectorUnavailable, "errors.unsupported_frames");
         }
@@ -402,7 +402,7 @@ void ZCReferenceDetector::Worker::followedFaceChanged(FaceFollower::Change chang
 {
     resetSpell();
     if (change == FaceFollower::Change::Replaced && stepIndex_ > 0) {
-        qCInfo(platform::lcCore) << "another face took the user's place; the steps start again";
+        qCInfo(platform::lcCoreDetector) << "another face took the user's place; the steps start again";
         stepIndex_ = 0;
         startStep();
         return;
@@ -430,7 +430,7 @@ void ZCReferenceDetector::Worker::followStep(const FaceAnalysis& analysis, doubl
     }
     if (!analysis.faces.empty() && !StepJudge::canJudge(kind, analysis) && !warnedUnjudgeable_) {
         warnedUnjudgeable_ = true;
-        qCWarning(platform::lcCore) << "head turns need the face network's landmarks; this step cannot be passed";
+        qCWarning(platform::lcCoreDetector) << "head turns need the face network's landmarks; this step cannot be passed";
     }
     if (judge_->observe(analysis, frameWidth, frameTime, mirrored))
         finishStep();
@@ -548,10 +548,10 @@ void ZCReferenceDetector::Worker::livenessAnswered(uint64_t generation, bool liv
     if (userCanFix)
         returnToFrontalStep();
     if (error) {
-        qCInfo(platform::lcCore) << "liveness check failed:" << error->localizedDescription();
+        qCInfo(platform::lcCoreDetector) << "liveness check failed:" << error->localizedDescription();
         reportError(error);
     } else {
-        qCInfo(platform::lcCore) << "liveness check refused the face";
+        qCInfo(platform::lcCoreDetector) << "liveness check refused the face";
         fail(ZCErrorCode::LivenessRefused, "errors.liveness_failed");
     }
 }

@@ -92,7 +92,7 @@ Result resultOfAnswer(const LivenessAnswer& answer)
     if (httpStatus < 200 || httpStatus >= 300)
         return failure(NetworkingError::zavoError(httpStatus, answer.reasonPhrase));
     if (!object || !object->value(QLatin1String("live")).isBool()) {
-        qCWarning(platform::lcWeb) << "liveness server sent an answer without a verdict:" << body.left(200);
+        qCWarning(platform::lcWebLiveness) << "liveness server sent an answer without a verdict:" << body.left(200);
         return failure(NetworkingError::livenessConnectionError());
     }
     Result result;
@@ -163,7 +163,7 @@ public:
             const Result result = resultOfAnswer(answerOf(*reply));
             reply->deleteLater();
             if (result.error)
-                qCInfo(platform::lcWeb) << "liveness check failed:" << result.error->localizedDescription();
+                qCInfo(platform::lcWebLiveness) << "liveness check failed:" << result.error->localizedDescription();
             completion(result);
         });
     }

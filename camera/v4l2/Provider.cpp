@@ -137,7 +137,7 @@ std::vector<CaptureDevicePtr> Provider::devices()
                 // then answers "denied" rather than "no camera".
                 refused << path;
                 if (!refused_.contains(path))
-                    qCWarning(lcCamera, "%s", qUtf8Printable(accessDeniedText(path)));
+                    qCWarning(lcCameraV4l2, "%s", qUtf8Printable(accessDeniedText(path)));
                 if (same != devices_.end() && (*same)->formats().empty())
                     present.push_back(*same);
                 else
@@ -146,7 +146,7 @@ std::vector<CaptureDevicePtr> Provider::devices()
             continue;
         }
         if (!description->skippedFormats.isEmpty())
-            qCDebug(lcCamera, "%s: formats not decoded here: %s", qUtf8Printable(path),
+            qCDebug(lcCameraV4l2, "%s: formats not decoded here: %s", qUtf8Printable(path),
                     qUtf8Printable(description->skippedFormats.join(QLatin1Char(' '))));
         if (same != devices_.end() && (*same)->localizedName() == description->card && (*same)->isConnected())
             present.push_back(*same);
@@ -156,12 +156,12 @@ std::vector<CaptureDevicePtr> Provider::devices()
     for (const auto& device : devices_) {
         if (std::find(present.begin(), present.end(), device) == present.end()) {
             static_cast<V4L2CaptureDevice&>(*device).markDisconnected();
-            qCInfo(lcCamera, "%s (%s) is gone", qUtf8Printable(device->location()), qUtf8Printable(device->localizedName()));
+            qCInfo(lcCameraV4l2, "%s (%s) is gone", qUtf8Printable(device->location()), qUtf8Printable(device->localizedName()));
         }
     }
     for (const auto& device : present) {
         if (std::find(devices_.begin(), devices_.end(), device) == devices_.end())
-            qCInfo(lcCamera, "%s (%s) is present", qUtf8Printable(device->location()), qUtf8Printable(device->localizedName()));
+            qCInfo(lcCameraV4l2, "%s (%s) is present", qUtf8Printable(device->location()), qUtf8Printable(device->localizedName()));
     }
     devices_ = std::move(present);
     refused_ = refused;

@@ -113,7 +113,7 @@ Stream::~Stream()
     }
     buffers_.release();
     if (damagedFrames() > 0)
-        qCWarning(lcCamera, "%s: skipped %lld damaged frames", qUtf8Printable(path_), (long long)damagedFrames());
+        qCWarning(lcCameraV4l2, "%s: skipped %lld damaged frames", qUtf8Printable(path_), (long long)damagedFrames());
 }
 
 CaptureDeviceStream::ReadResult Stream::read(SampleBuffer& frame)
@@ -181,7 +181,7 @@ bool Stream::makeFrame(const v4l2_buffer& buffer, SampleBuffer& frame)
     const int64_t before = decoder_->damagedFrames();
     if (!decoder_->decode(data, size, *pixels)) {
         if (before == 0)
-            qCWarning(lcCamera, "%s: a damaged frame was skipped (more are counted, not logged)",
+            qCWarning(lcCameraV4l2, "%s: a damaged frame was skipped (more are counted, not logged)",
                       qUtf8Printable(path_));
         return false;
     }
