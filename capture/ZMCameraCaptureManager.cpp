@@ -254,7 +254,6 @@ void ZMCameraCaptureManager::startVideoFileRecord()
         videoFile_ = path;
     }
     recordedFrames_.store(0);
-    recordingReports_.store(0);
     recordingFinal_.store(false);
     QFile::remove(path);  // a leftover from an earlier session; failure does not matter
     if (auto service = saveVideoService())
@@ -322,16 +321,22 @@ void ZMCameraCaptureManager::videoFlushingDidEndWithError(ErrorPtr error)
             qCWarning(lcCapture, ">>> Error while deleting video file <%s>", qUtf8Printable(file));
     }
     target->videoSavedWithError(error);
+}
 
-    // The movie-output recorder reports twice when it goes on to recompress
-    // (a kept, finished recording); its first report is final otherwise.
-    const int report = ++recordingReports_;
+void ZMCameraCaptureManager::videoRecordingDidFinish(ErrorPtr error)
+{
+    // The recorder's contract is one final per recording; a second would
+    // tell the host about a file it may already have moved or deleted.
+    if (recordingFinal_.exchange(true)) {
+        qCWarning(lcCapture, "a recorder reported a second end of one recording; ignored");
+        return;
+    }
+    auto target = delegate();
+    if (!target)
+        return;
+    const QString file = videoFile();
     const bool exists = QFile::exists(file);
-    const bool recompresses = std::dynamic_pointer_cast<ZMSaveVideoExService>(saveVideoService()) != nullptr;
-    // A failed recording's first report is final, and the recompression of
-    // what it left then reports once more: the host hears of one final only.
-    if ((!recompresses || report >= 2 || error || !exists) && !recordingFinal_.exchange(true))
-        target->recordingDidFinish(exists ? std::optional<QString>(file) : std::nullopt, error);
+    target->recordingDidFinish(exists ? std::optional<QString>(file) : std::nullopt, error);
 }
 
 // ---------------------------------------------- discovery and format choice

@@ -145,6 +145,7 @@ public:
     // ZMSaveVideoServiceDelegate (any thread).
     void videoFlushingWillBegin() override;
     void videoFlushingDidEndWithError(platform::ErrorPtr error) override;
+    void videoRecordingDidFinish(platform::ErrorPtr error) override;
 
     // Frames (setSampleBufferDelegateQueue).
     void captureOutputDidOutputSampleBuffer(platform::CaptureVideoDataOutput& output,
@@ -166,7 +167,6 @@ private:
     std::atomic<double> frameHeight_{1280.0};
     std::atomic<int> cameraPosition_{0};
     std::atomic<int64_t> recordedFrames_{0};
-    std::atomic<int> recordingReports_{0};
     std::atomic<bool> recordingFinal_{false};  // the host was told this recording is final
 
     platform::DispatchQueuePtr captureSessionQueue_;

@@ -63,12 +63,13 @@ struct AssetWriterInput::Private {
     DispatchQueuePtr requestQueue ZAVO_GUARDED_BY(mutex);
     std::function<void()> requestBlock ZAVO_GUARDED_BY(mutex);
 
-    // Owned by whichever thread appends (appends are serialised by appendMutex).
-    std::mutex appendMutex;
-    VideoFrameConverter converter;
-    int64_t lastTicks = std::numeric_limits<int64_t>::min();
-    bool fitChosen = false;
-    int fitRotation = 0;  // the quarter turn that fits the shown picture into the encoded one
+    // Appends may come from any thread, one at a time: this lock serialises
+    // them and guards what one append leaves for the next.
+    Mutex appendMutex;
+    VideoFrameConverter converter ZAVO_GUARDED_BY(appendMutex);
+    int64_t lastTicks ZAVO_GUARDED_BY(appendMutex) = std::numeric_limits<int64_t>::min();
+    bool fitChosen ZAVO_GUARDED_BY(appendMutex) = false;
+    int fitRotation ZAVO_GUARDED_BY(appendMutex) = 0;  // the quarter turn that fits the shown picture into the encoded one
 
     bool append(const std::shared_ptr<PixelBuffer>& buffer, MediaTime time, int rotation = 0, bool mirrored = false);
     void dispatchRequest();
@@ -80,9 +81,20 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
     QString partPath;
     DispatchQueuePtr encodeQueue;
 
+    // The writer's life, one phase at a time. Every move goes through
+    // moveTo(), which refuses the moves not listed there, so that a late
+    // cancel, a second start or a failure after the end cannot undo an
+    // outcome the caller has already been told.
+    //
+    //   Idle --start--> Starting --file open--> Writing --finishWriting--> Finishing --> Completed
+    //   Idle, Starting, Writing, Finishing --cancel--> Cancelled
+    //   Starting, Writing, Finishing --error--> Failed
+    //   Idle --finishWriting--> Cancelled (nothing was ever written)
+    enum class Phase { Idle, Starting, Writing, Finishing, Completed, Failed, Cancelled };
+
     mutable Mutex mutex;
     std::condition_variable slotFreed;
-    Status status ZAVO_GUARDED_BY(mutex) = Status::Unknown;
+    Phase phase ZAVO_GUARDED_BY(mutex) = Phase::Idle;
     ErrorPtr error ZAVO_GUARDED_BY(mutex);
     bool faststart ZAVO_GUARDED_BY(mutex) = false;
     // Set under the lock by addInput, which only succeeds before writing
@@ -93,9 +105,10 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
     MediaTime sessionStart ZAVO_GUARDED_BY(mutex) = MediaTime::invalid();
     AVRational timeBase ZAVO_GUARDED_BY(mutex){0, 1};  // from the first frame
     std::vector<int> freeSlots ZAVO_GUARDED_BY(mutex);
-    bool partFileExists ZAVO_GUARDED_BY(mutex) = false;
-    bool starting ZAVO_GUARDED_BY(mutex) = false;
-    bool finishRequested ZAVO_GUARDED_BY(mutex) = false;
+    // Not a phase: whether this writer still owns a file under the hidden
+    // name. A later writer for the same path makes a new one, which this
+    // writer's destruction must not remove.
+    bool ownsPartFile ZAVO_GUARDED_BY(mutex) = false;
     // How the first frame went into the encoded picture; the stream's aspect
     // and display matrix are made from it when the encoder opens.
     media::PictureFit fit ZAVO_GUARDED_BY(mutex);
@@ -121,10 +134,35 @@ struct AssetWriter::Private : std::enable_shared_from_this<AssetWriter::Private>
 
     ~Private() { discardPartFile(); }
 
-    bool isWriting() const
+    static bool allowed(Phase from, Phase to)
+    {
+        switch (to) {
+        case Phase::Starting: return from == Phase::Idle;
+        case Phase::Writing: return from == Phase::Starting;
+        case Phase::Finishing: return from == Phase::Writing;
+        case Phase::Completed: return from == Phase::Finishing;
+        case Phase::Failed: return from == Phase::Starting || from == Phase::Writing || from == Phase::Finishing;
+        case Phase::Cancelled:
+            return from == Phase::Idle || from == Phase::Starting || from == Phase::Writing || from == Phase::Finishing;
+        case Phase::Idle: return false;
+        }
+        return false;
+    }
+    /// Moves to `to` when the machine allows it from the present phase.
+    bool moveTo(Phase to) ZAVO_REQUIRES(mutex)
+    {
+        if (!allowed(phase, to))
+            return false;
+        qCDebug(lcMediaWriter) << finalPath << "phase" << int(phase) << "->" << int(to);
+        phase = to;
+        return true;
+    }
+    /// Frames may be encoded and the file written: before the end was reached.
+    static bool isActive(Phase phase) { return phase == Phase::Writing || phase == Phase::Finishing; }
+    bool isActive() const
     {
         MutexLocker lock(mutex);
-        return status == Status::Writing;
+        return isActive(phase);
     }
     void fail(MediaErrorCode code, const QString& what, int ffmpegError = 0);
     void releaseSlot(int slot);
@@ -141,9 +179,8 @@ void AssetWriter::Private::fail(MediaErrorCode code, const QString& what, int ff
 {
     {
         MutexLocker lock(mutex);
-        if (status != Status::Writing && !(status == Status::Unknown && starting))
+        if (!moveTo(Phase::Failed))
             return;
-        status = Status::Failed;
         const QString reason = ffmpegError ? QStringLiteral("%1: %2").arg(what, ffmpeg::errorString(ffmpegError)) : what;
         error = makeMediaError(code, reason, ffmpegError);
         qCWarning(lcMediaWriter) << "writing" << finalPath << "failed:" << reason;
@@ -168,7 +205,7 @@ void AssetWriter::Private::discardPartFile()
     bool exists = false;
     {
         MutexLocker lock(mutex);
-        std::swap(exists, partFileExists);
+        std::swap(exists, ownsPartFile);
     }
     if (exists)
         QFile::remove(partPath);
@@ -314,7 +351,7 @@ bool AssetWriter::Private::drainPackets()
 
 void AssetWriter::Private::encode(int slot, int64_t ticks)
 {
-    if (isWriting() && (encoder || openEncoder())) {
+    if (isActive() && (encoder || openEncoder())) {
         AVFrame* picture = pictures[slot].get();
         picture->pts = ticks;
         rememberTime(ticks);
@@ -331,7 +368,7 @@ void AssetWriter::Private::encode(int slot, int64_t ticks)
 
 void AssetWriter::Private::finish(const std::function<void()>& completion)
 {
-    if (isWriting() && (encoder || openEncoder())) {
+    if (isActive() && (encoder || openEncoder())) {
         int result = avcodec_send_frame(encoder.get(), nullptr);
         if (result < 0)
             fail(MediaErrorCode::EncodeFailed, QStringLiteral("Encoding failed"), result);
@@ -340,23 +377,21 @@ void AssetWriter::Private::finish(const std::function<void()>& completion)
             if (result < 0)
                 fail(MediaErrorCode::CannotWrite, QStringLiteral("Cannot finish %1").arg(finalPath), result);
         }
-        if (isWriting()) {
+        if (isActive()) {
             // avio_closep flushes the last buffered bytes; a full disk shows here.
             result = avio_closep(&output->pb);
             if (result < 0)
                 fail(MediaErrorCode::CannotWrite, QStringLiteral("Cannot close %1").arg(finalPath), result);
         }
         // rename() replaces an earlier file at the final path in one step.
-        if (isWriting() && std::rename(QFile::encodeName(partPath).constData(), QFile::encodeName(finalPath).constData()) != 0)
+        if (isActive() && std::rename(QFile::encodeName(partPath).constData(), QFile::encodeName(finalPath).constData()) != 0)
             fail(MediaErrorCode::CannotWrite, QStringLiteral("Cannot move the file into place"), AVERROR(errno));
     }
     encoder.reset();
     {
         MutexLocker lock(mutex);
-        if (status == Status::Writing) {
-            status = Status::Completed;
-            partFileExists = false;
-        }
+        if (moveTo(Phase::Completed))
+            ownsPartFile = false;
     }
     discardPartFile();
     slotFreed.notify_all();
@@ -417,7 +452,7 @@ bool AssetWriterInput::isReadyForMoreMediaData() const
     if (!writer)
         return false;
     MutexLocker lock(writer->mutex);
-    return writer->status == AssetWriter::Status::Writing && !writer->inputFinished;
+    return writer->phase == AssetWriter::Private::Phase::Writing && !writer->inputFinished;
 }
 
 void AssetWriterInput::requestMediaDataWhenReady(DispatchQueuePtr queue, std::function<void()> block)
@@ -432,8 +467,9 @@ void AssetWriterInput::requestMediaDataWhenReady(DispatchQueuePtr queue, std::fu
     bool over = false;
     if (auto writer = d->writer.lock()) {
         MutexLocker lock(writer->mutex);
-        over = writer->inputFinished
-            || (writer->status != AssetWriter::Status::Unknown && writer->status != AssetWriter::Status::Writing);
+        using Phase = AssetWriter::Private::Phase;
+        over = writer->inputFinished || (writer->phase != Phase::Idle && writer->phase != Phase::Starting
+                                         && writer->phase != Phase::Writing);
     }
     // A writer that failed or ended never asks for data: keeping the block
     // would only keep alive whatever it holds (often this very input).
@@ -493,12 +529,13 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
     auto core = writer.lock();
     if (!buffer || !time.isValid() || !core)
         return false;
-    std::lock_guard appending(appendMutex);
+    MutexLocker appending(appendMutex);
+    using Phase = AssetWriter::Private::Phase;
     int slot = -1;
     int64_t ticks = 0;
     {
         MutexLocker lock(core->mutex);
-        if (core->status != AssetWriter::Status::Writing || core->inputFinished || !core->sessionStart.isValid())
+        if (core->phase != Phase::Writing || core->inputFinished || !core->sessionStart.isValid())
             return false;
         if (core->timeBase.num == 0)
             core->timeBase = AVRational{1, time.timescale};
@@ -507,9 +544,11 @@ bool AssetWriterInput::Private::append(const std::shared_ptr<PixelBuffer>& buffe
             return true;  // before the session: trimmed, as asked
         if (ticks <= lastTicks)
             return false;  // the file's timeline only goes forward
-        while (core->freeSlots.empty() && core->status == AssetWriter::Status::Writing)
+        // A finish asked meanwhile still takes this frame: it was accepted
+        // before the end, and its encode block queues ahead of the finish.
+        while (core->freeSlots.empty() && AssetWriter::Private::isActive(core->phase))
             core->mutex.wait(core->slotFreed);
-        if (core->status != AssetWriter::Status::Writing)
+        if (!AssetWriter::Private::isActive(core->phase))
             return false;
         slot = core->freeSlots.back();
         core->freeSlots.pop_back();
@@ -608,10 +647,8 @@ AssetWriter::~AssetWriter()
     // A writer dropped while writing stops; queued blocks still hold the
     // state and let it go (removing the partial file) when they are done.
     MutexLocker lock(d->mutex);
-    if (d->status == Status::Writing && !d->finishRequested) {
-        d->status = Status::Cancelled;
+    if (d->phase == Private::Phase::Writing && d->moveTo(Private::Phase::Cancelled))
         d->slotFreed.notify_all();
-    }
 }
 
 QUrl AssetWriter::outputURL() const { return QUrl::fromLocalFile(d->finalPath); }
@@ -632,7 +669,7 @@ void AssetWriter::setShouldOptimizeForNetworkUse(bool optimize)
 bool AssetWriter::canAddInput(const AssetWriterInputPtr& input) const
 {
     MutexLocker lock(d->mutex);
-    return input && d->status == Status::Unknown && !d->input && input->d->writer.expired();
+    return input && d->phase == Private::Phase::Idle && !d->input && input->d->writer.expired();
 }
 
 void AssetWriter::addInput(AssetWriterInputPtr input)
@@ -649,9 +686,9 @@ bool AssetWriter::startWriting()
     std::shared_ptr<AssetWriterInput::Private> input;
     {
         MutexLocker lock(d->mutex);
-        if (d->status != Status::Unknown || d->starting)
+        // Writing only once everything an append touches exists.
+        if (!d->moveTo(Private::Phase::Starting))
             return false;
-        d->starting = true;  // Writing only once everything an append touches exists
         input = d->input;
     }
     if (!input) {
@@ -674,7 +711,7 @@ bool AssetWriter::startWriting()
     }
     {
         MutexLocker lock(d->mutex);
-        d->partFileExists = true;
+        d->ownsPartFile = true;
     }
     const VideoOutputSettings& settings = input->settings;
     for (int i = 0; i < kPictureSlots; ++i) {
@@ -696,9 +733,8 @@ bool AssetWriter::startWriting()
     d->encodeQueue = DispatchQueue::create(QStringLiteral("zavo.platform.AssetWriter.encode"));
     {
         MutexLocker lock(d->mutex);
-        if (d->status != Status::Unknown)
+        if (!d->moveTo(Private::Phase::Writing))
             return false;  // cancelled meanwhile
-        d->status = Status::Writing;
         for (int i = 0; i < kPictureSlots; ++i)
             d->freeSlots.push_back(i);
     }
@@ -723,7 +759,10 @@ void AssetWriter::finishWriting(std::function<void()> completion)
     {
         MutexLocker lock(d->mutex);
         d->inputFinished = true;
-        d->finishRequested = true;
+        if (d->phase == Private::Phase::Idle)
+            d->moveTo(Private::Phase::Cancelled);
+        else
+            d->moveTo(Private::Phase::Finishing);
     }
     if (!d->encodeQueue) {
         // Never started: nothing to write, but the caller still hears back,
@@ -742,9 +781,8 @@ void AssetWriter::cancelWriting()
 {
     {
         MutexLocker lock(d->mutex);
-        if (d->status != Status::Writing && d->status != Status::Unknown)
+        if (!d->moveTo(Private::Phase::Cancelled))
             return;
-        d->status = Status::Cancelled;
     }
     d->slotFreed.notify_all();
     if (d->input)
@@ -756,7 +794,16 @@ void AssetWriter::cancelWriting()
 AssetWriter::Status AssetWriter::status() const
 {
     MutexLocker lock(d->mutex);
-    return d->status;
+    switch (d->phase) {
+    case Private::Phase::Idle:
+    case Private::Phase::Starting: return Status::Unknown;
+    case Private::Phase::Writing:
+    case Private::Phase::Finishing: return Status::Writing;
+    case Private::Phase::Completed: return Status::Completed;
+    case Private::Phase::Failed: return Status::Failed;
+    case Private::Phase::Cancelled: return Status::Cancelled;
+    }
+    return Status::Unknown;
 }
 
 ErrorPtr AssetWriter::error() const

@@ -5,6 +5,8 @@
 
 #include <QFile>
 
+#include <atomic>
+
 namespace zavo {
 
 using namespace platform;
@@ -120,22 +122,36 @@ void ZMSaveVideoExService::reportFinishedRecording(const QUrl& fileURL, ErrorPtr
         return;  // no report, no recompression: the recorded file stays as it is
     const QString recorded = fileURL.toLocalFile();
     target->videoFlushingDidEndWithError(error);
-    target.reset();
     // A delegate that wants no video deletes it as it hears of it. A
     // recording that succeeded and is gone now was removed on purpose: there
     // is nothing to recompress, and a compressor run on the missing file
-    // would only report a bad-quality failure that never happened. The
-    // reports then end as they do where no recompression exists.
-    if (!error && !QFile::exists(recorded))
+    // would only report a bad-quality failure that never happened.
+    // Where the compressor does not run, nothing more comes.
+    const bool exists = QFile::exists(recorded);
+    if ((!error && !exists) || !ZMVideoCompresion::runsOnThisPlatform()) {
+        target->videoRecordingDidFinish(error);
         return;
+    }
+    // A failed recording is final as it stands; what it left is still
+    // recompressed and reported, but decides nothing. Otherwise the
+    // compressor's first report decides: it reports failure and then success
+    // when the new file could not be swapped in, and the file is then the
+    // original recording, which the failure describes.
+    auto decided = std::make_shared<std::atomic<bool>>(error != nullptr);
+    if (error)
+        target->videoRecordingDidFinish(error);
+    target.reset();
     // The compressor's report goes to whoever is the delegate by then.
     compressionService_->compressFileWithUrlToCompress(
-        recorded, ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this()](long result) {
+        recorded, ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this(), decided](long result) {
             ErrorPtr compressionError;
             if (result == rawValue(CompressionResult::failure))
                 compressionError = ZMRecordingStorage::badQualityError();
-            if (auto current = self->delegate())
+            if (auto current = self->delegate()) {
                 current->videoFlushingDidEndWithError(compressionError);
+                if (!decided->exchange(true))
+                    current->videoRecordingDidFinish(compressionError);
+            }
         });
 }
 

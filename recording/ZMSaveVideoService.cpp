@@ -182,8 +182,11 @@ void ZMSaveVideoService::flush(const QUrl& videoURL, std::function<void()> compl
 
 void ZMSaveVideoService::failFlush(const std::function<void()>& completion)
 {
-    if (auto delegate = delegate_.lock())
-        delegate->videoFlushingDidEndWithError(ZMRecordingStorage::videoFlushFailedError());
+    if (auto delegate = delegate_.lock()) {
+        const auto error = ZMRecordingStorage::videoFlushFailedError();
+        delegate->videoFlushingDidEndWithError(error);
+        delegate->videoRecordingDidFinish(error);
+    }
     if (completion)
         completion();
 }
@@ -207,8 +210,10 @@ void ZMSaveVideoService::pump(const AssetWriterPtr& writer, const AssetWriterInp
     input->markAsFinished();
     // The writer's outcome is not looked at: the flush reports success.
     writer->finishWriting([self = shared_from_this(), completion] {
-        if (auto delegate = self->delegate_.lock())
+        if (auto delegate = self->delegate_.lock()) {
             delegate->videoFlushingDidEndWithError(nullptr);
+            delegate->videoRecordingDidFinish(nullptr);
+        }
         if (completion)
             completion();
     });

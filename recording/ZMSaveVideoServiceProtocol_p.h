@@ -15,8 +15,15 @@ public:
     virtual ~ZMSaveVideoServiceDelegate() = default;
     /// Sent synchronously from endRecordWithCompletion, before the file is made.
     virtual void videoFlushingWillBegin() = 0;
-    /// Sent when a file is done (null error) or failed.
+    /// Sent when a file is done (null error) or failed. A recorder that goes
+    /// on to work on the file (recompression) sends it again for that step.
     virtual void videoFlushingDidEndWithError(platform::ErrorPtr error) = 0;
+    /// Sent once, after the last videoFlushingDidEndWithError of a recording:
+    /// the file is as it will stay (or gone), and nothing more comes for it.
+    /// error is the one that decided the outcome (null on success). Only the
+    /// recorder knows which report is its last, so it says so here rather
+    /// than leaving the listener to count.
+    virtual void videoRecordingDidFinish(platform::ErrorPtr error) = 0;
 };
 
 class ZMSaveVideoServiceProtocol {

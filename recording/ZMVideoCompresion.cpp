@@ -52,9 +52,11 @@ void ZMVideoCompresion::compressFileWithUrlToCompress(const QString& urlToCompre
     });
 }
 
+bool ZMVideoCompresion::runsOnThisPlatform() { return ProcessInfo::isOperatingSystemAtLeast(16, 0, 0); }
+
 void ZMVideoCompresion::compressFile(const QString& urlToCompress, const QString& outputURL, Completion completion)
 {
-    if (!ProcessInfo::isOperatingSystemAtLeast(16, 0, 0))
+    if (!runsOnThisPlatform())
         return;
     auto asset = Asset::assetWithURL(QUrl::fromLocalFile(urlToCompress));
     // A reader that cannot be made leaves the field as it was: a reader from

@@ -43,6 +43,8 @@ public:
     /// completion may be called twice: failure then success when the
     /// re-encoded file was written but could not be swapped into place.
     void compressFile(const QString& urlToCompress, const QString& outputURL, Completion completion);
+    /// False below platform version 16.0, where compressFile does nothing.
+    static bool runsOnThisPlatform();
     /// The message-style form: the completion receives the result's raw value.
     void compressFileWithUrlToCompress(const QString& urlToCompress, const QString& outputURL,
                                        std::function<void(long)> completion);

@@ -310,6 +310,10 @@ private slots:
             {
                 add(error ? QStringLiteral("did-end %1").arg(error->code()) : QStringLiteral("did-end nil"));
             }
+            void videoRecordingDidFinish(ErrorPtr error) override
+            {
+                add(error ? QStringLiteral("final %1").arg(error->code()) : QStringLiteral("final nil"));
+            }
             void add(const QString& event)
             {
                 zavo::MutexLocker lock(mutex);
@@ -357,7 +361,9 @@ private slots:
         // from the output's thread (or already, on a busy machine).
         QVERIFY(completed);
         QCOMPARE(spy->seen().value(0), QStringLiteral("will-begin"));
-        QTRY_COMPARE_WITH_TIMEOUT(spy->seen(), (QStringList{"will-begin", "did-end nil", "did-end nil"}), 30000);
+        // The recording, then its recompression, and only then the end.
+        QTRY_COMPARE_WITH_TIMEOUT(spy->seen(), (QStringList{"will-begin", "did-end nil", "did-end nil", "final nil"}),
+                                  30000);
         QCOMPARE(probe(url.toLocalFile())->size, QSize(320, 180));
 
         // The capture manager stops the session first, then the recording:
@@ -370,16 +376,16 @@ private slots:
         QTRY_VERIFY(!recorder->videoFileOutput()->isRecording());
         QTRY_VERIFY(probe(url.toLocalFile()).has_value());
         recorder->endRecordWithCompletion({});
-        QTRY_COMPARE_WITH_TIMEOUT(spy->seen().size(), 6, 30000);
-        QCOMPARE(spy->seen().mid(3), (QStringList{"will-begin", "did-end nil", "did-end nil"}));
+        QTRY_COMPARE_WITH_TIMEOUT(spy->seen().size(), 8, 30000);
+        QCOMPARE(spy->seen().mid(4), (QStringList{"will-begin", "did-end nil", "did-end nil", "final nil"}));
         session->startRunning();
 
         // Below the compressor's version gate only the recording reports.
         ProcessInfo::setOperatingSystemVersion({15, 0, 0});
         QVERIFY(record(15));
         recorder->endRecordWithCompletion({});
-        QTRY_COMPARE_WITH_TIMEOUT(spy->seen().size(), 8, 30000);
-        QCOMPARE(spy->seen().mid(6), (QStringList{"will-begin", "did-end nil"}));
+        QTRY_COMPARE_WITH_TIMEOUT(spy->seen().size(), 11, 30000);
+        QCOMPARE(spy->seen().mid(8), (QStringList{"will-begin", "did-end nil", "final nil"}));
         QCOMPARE(probe(url.toLocalFile())->size, QSize(160, 288));
 
         // Without a delegate: no report, no completion, no recompression.
@@ -400,7 +406,7 @@ private slots:
         QTRY_VERIFY(!output->isRecording());
         QTRY_COMPARE_WITH_TIMEOUT(processThreadCount(), baselineThreads + 1, 30000);  // the output's own thread
         QVERIFY(!completed);
-        QCOMPARE(spy->seen().size(), 8);
+        QCOMPARE(spy->seen().size(), 11);
         QCOMPARE(probe(url.toLocalFile())->size, QSize(160, 288));
     }
 

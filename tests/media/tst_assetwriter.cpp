@@ -358,6 +358,36 @@ private slots:
         }
         QTRY_COMPARE(leftovers(scratch.path()), QStringList());
     }
+
+    // Once a caller has heard the outcome, nothing later changes it: a late
+    // cancel does not turn a finished file into a cancelled one (and remove
+    // it), a second start does not reopen it, and a writer finished before
+    // it started cannot be started afterwards.
+    void anOutcomeOnceReachedStays()
+    {
+        QTemporaryDir scratch;
+        {
+            Session s = makeSession(scratch.filePath("done.mp4"), 16, 16, {PixelFormat::BGRA32, 16, 16});
+            QVERIFY(s.writer->startWriting());
+            QVERIFY(!s.writer->startWriting());
+            s.writer->startSessionAtSourceTime(MediaTime::zero());
+            QVERIFY(s.adaptor->appendPixelBuffer(s.adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::zero()));
+            QVERIFY(finish(s.writer));
+            QCOMPARE(s.writer->status(), AssetWriter::Status::Completed);
+            s.writer->cancelWriting();
+            QVERIFY(!s.writer->startWriting());
+            QCOMPARE(s.writer->status(), AssetWriter::Status::Completed);
+            QVERIFY(!s.adaptor->appendPixelBuffer(s.adaptor->pixelBufferPool()->createPixelBuffer(), MediaTime::make(1, 30)));
+        }
+        QTRY_COMPARE(leftovers(scratch.path()), QStringList{"done.mp4"});
+        {
+            Session s = makeSession(scratch.filePath("never.mp4"), 16, 16, {PixelFormat::BGRA32, 16, 16});
+            QVERIFY(finish(s.writer));
+            QVERIFY(!s.writer->startWriting());
+            QCOMPARE(s.writer->status(), AssetWriter::Status::Cancelled);
+        }
+        QCOMPARE(leftovers(scratch.path()), QStringList{"done.mp4"});
+    }
 };
 
 QTEST_GUILESS_MAIN(TstAssetWriter)

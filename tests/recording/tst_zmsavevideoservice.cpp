@@ -35,6 +35,7 @@ public:
 
     void videoFlushingWillBegin() override { add(QStringLiteral("willBegin"), nullptr); }
     void videoFlushingDidEndWithError(ErrorPtr error) override { add(QStringLiteral("didEnd"), std::move(error)); }
+    void videoRecordingDidFinish(ErrorPtr error) override { add(QStringLiteral("final"), std::move(error)); }
 
     std::vector<Event> events() const
     {
@@ -224,11 +225,13 @@ private slots:
         QVERIFY(completionThread);
 
         const auto events = delegate->events();
-        QCOMPARE(events.size(), size_t(2));
+        QCOMPARE(events.size(), size_t(3));
         QCOMPARE(events[0].name, QStringLiteral("willBegin"));
         QVERIFY(events[0].thread == caller);
         QCOMPARE(events[1].name, QStringLiteral("didEnd"));
         QVERIFY(!events[1].error);
+        QCOMPARE(events[2].name, QStringLiteral("final"));  // nothing more comes for this recording
+        QVERIFY(!events[2].error);
         QVERIFY(events[1].thread != caller);
         QVERIFY(*completionThread == events[1].thread);
 
@@ -350,7 +353,9 @@ private slots:
         const auto completionThread = endAndWait(service);
         QVERIFY(completionThread);
         const auto events = delegate->events();
-        QCOMPARE(events.size(), size_t(2));
+        QCOMPARE(events.size(), size_t(3));
+        QCOMPARE(events[2].name, QStringLiteral("final"));
+        QVERIFY(events[2].error == events[1].error);
         QCOMPARE(events[1].name, QStringLiteral("didEnd"));
         QVERIFY(events[1].error);
         QCOMPARE(events[1].error->domain(), kZavoCameraBundleIdentifier);
@@ -386,7 +391,7 @@ private slots:
         setDocumentsDirectory(documents.path());
         QVERIFY(ended);
         const auto events = delegate->events();
-        QCOMPARE(events.size(), size_t(2));
+        QCOMPARE(events.size(), size_t(3));
         QVERIFY(events[1].error);
         QCOMPARE(events[1].error->code(), 1018L);
     }
