@@ -8,6 +8,10 @@
 
 namespace zavo::platform {
 
+namespace {
+thread_local const void* tlsCurrentConsumer = nullptr;
+}  // namespace
+
 struct ConsumerThread::State {
     Mutex mutex;
     std::condition_variable woken;
@@ -50,6 +54,7 @@ void ConsumerThread::start(const QByteArray& name, Round round)
     state_->thread = std::thread([state = state_, name, round = std::move(round)]() mutable {
         // Thread names are at most 15 characters.
         pthread_setname_np(pthread_self(), name.left(15).constData());
+        tlsCurrentConsumer = state.get();
         State::run(state, std::move(round));
     });
 }
@@ -62,6 +67,8 @@ void ConsumerThread::wake()
     }
     state_->woken.notify_one();
 }
+
+bool ConsumerThread::isCurrent() const { return tlsCurrentConsumer == state_.get(); }
 
 void ConsumerThread::join()
 {

@@ -48,6 +48,8 @@ public:
     void start(const QByteArray& name, Round round);
     /// Any thread: there is work, run a round soon.
     void wake();
+    /// True when called from one of this thread's rounds.
+    bool isCurrent() const;
     /// Waits for the thread to end; from the thread itself (a round that
     /// drops the last reference to the owner), lets it end on its own.
     void join();

@@ -2,6 +2,7 @@
 // wiring up to the first frame, and the user's two buttons. What the screen
 // does with the detector's reports is in ZMCameraViewControllerResults.cpp.
 #include "camera-screen/ZMCameraViewController_p.h"
+#include "base/Affinity_p.h"
 
 #include "resources/ZMBundleLink_p.h"
 
@@ -214,6 +215,7 @@ void ZMCameraViewController::loadView()
 
 void ZMCameraViewController::viewDidLoad()
 {
+    ZAVO_ASSERT_ON_MAIN();
     ViewController::viewDidLoad();
     // The camera turns with the screen it sits on; the configuration below
     // reads that screen's rotation, so name the screen before it starts.
@@ -299,6 +301,7 @@ void ZMCameraViewController::setupCloseButton()
 // inset by 10, the banner under it across the whole width at its own height).
 void ZMCameraViewController::layoutOverlay()
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (!viewSetUp_)
         return;
     const QRect bounds = view()->rect();
@@ -344,6 +347,7 @@ void ZMCameraViewController::viewWasDestroyed()
 
 void ZMCameraViewController::setupPreview(const platform::CaptureVideoPreviewLayerPtr& layer)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed())
         return;  // the session was cancelled with the view
     if (layer) {
@@ -382,6 +386,7 @@ void ZMCameraViewController::changeCamera() { captureManager()->switchCameraType
 
 void ZMCameraViewController::close()
 {
+    ZAVO_ASSERT_ON_MAIN();
     stopAndDeliver([](ZMCameraViewController& self) { self.deliverError(ZMCameraError::canceled()); });
 }
 
@@ -389,6 +394,7 @@ void ZMCameraViewController::close()
 
 void ZMCameraViewController::setLivenessActivityVisible(bool visible)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed())
         return;
     if (!livenessActivity_)
@@ -398,6 +404,7 @@ void ZMCameraViewController::setLivenessActivityVisible(bool visible)
 
 void ZMCameraViewController::moveFaceFrame(const QRectF& rect)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed())
         return;
     QWidget* face = faceDetectionView().widget();

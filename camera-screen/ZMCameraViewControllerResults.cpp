@@ -3,6 +3,7 @@
 // liveness activity), the capture manager's recording callbacks and the end
 // of the session with one call on the host's delegate.
 #include "camera-screen/ZMCameraError_p.h"
+#include "base/Affinity_p.h"
 #include "camera-screen/ZMCameraViewController_p.h"
 
 #include "base/DispatchQueue.h"
@@ -37,6 +38,7 @@ bool showsLongMessage(long code)
 
 void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus status)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed())
         return;  // cancelled with the view: nothing starts
     if (status == platform::AuthorizationStatus::Authorized) {
@@ -94,6 +96,7 @@ void ZMCameraViewController::livenessIsActive(bool active)
 
 void ZMCameraViewController::handleDetectorError(const platform::ErrorPtr& error)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (!wasViewDestroyed())
         faceDetectionView().switchToNegativeState();
     const ZMCameraError cameraError = cameraErrorFromDetector(platform::ErrorObject::bridge(error));
@@ -116,6 +119,7 @@ void ZMCameraViewController::handleDetectorError(const platform::ErrorPtr& error
 void ZMCameraViewController::handleNetworkingError(const ZMCameraError& cameraError,
                                                    const web::NetworkingError& networking)
 {
+    ZAVO_ASSERT_ON_MAIN();
     using Kind = web::NetworkingError::Kind;
     switch (networking.kind()) {
     case Kind::ZavoError:
@@ -152,6 +156,7 @@ void ZMCameraViewController::handleNetworkingError(const ZMCameraError& cameraEr
 void ZMCameraViewController::handleDetectorCode(const ZMCameraError& cameraError,
                                                 const platform::ErrorObjectPtr& detectorError)
 {
+    ZAVO_ASSERT_ON_MAIN();
     const long code = detectorError->code();
     if (endsSession(code)) {
         finishWithError(cameraError);
@@ -170,6 +175,7 @@ void ZMCameraViewController::handleDetectorCode(const ZMCameraError& cameraError
 
 void ZMCameraViewController::showNotification(platform::ErrorPtr error, bool isLong)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed() || !canShow_ || !error)
         return;
     const platform::ErrorPtr current = notificationView_->notificationMessage();
@@ -254,12 +260,14 @@ void ZMCameraViewController::captureDidFailWithError(platform::ErrorPtr error)
 
 void ZMCameraViewController::finishWithError(const ZMCameraError& error)
 {
+    ZAVO_ASSERT_ON_MAIN();
     closedByUser_ = false;
     stopAndDeliver([error](ZMCameraViewController& self) { self.deliverError(error); });
 }
 
 void ZMCameraViewController::finishWithBestShot(core::ZCBestShotPtr bestShot)
 {
+    ZAVO_ASSERT_ON_MAIN();
     stopAndDeliver([bestShot](ZMCameraViewController& self) { self.deliverBestShot(bestShot); });
 }
 

@@ -7,6 +7,7 @@
 #include "base/ProcessInfo_p.h"
 #include "recording/ZMRecordingStorage_p.h"
 #include "recording/ZMSaveVideoExService.h"
+#include "base/Affinity_p.h"
 #include "recording/ZMSaveVideoService.h"
 
 #include <QFile>
@@ -142,6 +143,7 @@ void ZMCameraCaptureManager::configureWithCameraPosition(CaptureDevicePosition p
 
 void ZMCameraCaptureManager::configureTask(CaptureDevicePosition position, const std::function<void()>& completion)
 {
+    ZAVO_ASSERT_ON(captureSessionQueue_);
     auto call = [&completion] {
         if (completion)
             completion();
@@ -284,6 +286,7 @@ void ZMCameraCaptureManager::defineSampleBufferhandler(SampleBufferHandler handl
 void ZMCameraCaptureManager::captureOutputDidOutputSampleBuffer(CaptureVideoDataOutput&,
                                                                 const SampleBuffer& sampleBuffer, CaptureConnection&)
 {
+    ZAVO_ASSERT_ON(setSampleBufferDelegateQueue());
     if (recordVideo()) {
         if (auto service = saveVideoService()) {
             recordedFrames_.fetch_add(1, std::memory_order_relaxed);
@@ -343,6 +346,7 @@ void ZMCameraCaptureManager::videoRecordingDidFinish(ErrorPtr error)
 
 CaptureDevicePtr ZMCameraCaptureManager::cameraDeviceWithPosition(CaptureDevicePosition position)
 {
+    ZAVO_ASSERT_ON(captureSessionQueue_);
     const auto wanted = position == CaptureDevicePosition::Unspecified ? CaptureDevicePosition::Front : position;
     const auto discovery = CaptureDeviceDiscoverySession::discoverySession({kCaptureDeviceTypeBuiltInWideAngleCamera},
                                                                            MediaType::Video, wanted);
@@ -386,6 +390,7 @@ CaptureDeviceFormatPtr ZMCameraCaptureManager::findRequiredFormatWithDevice(cons
 
 void ZMCameraCaptureManager::configureActiveFormat(const CaptureDevicePtr& device)
 {
+    ZAVO_ASSERT_ON(captureSessionQueue_);
     const auto format = findRequiredFormatWithDevice(device, frameWidth(), frameHeight(), fps());
     if (format) {
         useSessionPreset(CaptureSessionPreset::InputPriority);
@@ -403,6 +408,7 @@ void ZMCameraCaptureManager::configureActiveFormat(const CaptureDevicePtr& devic
 
 bool ZMCameraCaptureManager::useSessionPreset(const QString& preset)
 {
+    ZAVO_ASSERT_ON(captureSessionQueue_);
     // Asks the stored camera, not the device being configured.
     const auto device = camera();
     const bool supported = device && device->supportsSessionPreset(preset);
@@ -484,6 +490,7 @@ void ZMCameraCaptureManager::switchCameraType()
 
 void ZMCameraCaptureManager::switchTask()
 {
+    ZAVO_ASSERT_ON(captureSessionQueue_);
     auto current = session();
     if (!current)
         return;

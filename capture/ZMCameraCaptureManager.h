@@ -126,7 +126,9 @@ public:
     void startVideoFileRecord();
     void stopVideoFileRecordWithCompletion(std::function<void()> completion);
 
-    // Device discovery and format choice (session queue).
+    // Device discovery and format choice, on the session queue; the choice
+    // itself (findRequiredFormatWithDevice) only reads the device it is
+    // given and may run anywhere.
     platform::CaptureDevicePtr cameraDeviceWithPosition(platform::CaptureDevicePosition position);
     platform::CaptureDeviceFormatPtr findRequiredFormatWithDevice(const platform::CaptureDevicePtr& device,
                                                                   double width, double height, double maximumFPS);

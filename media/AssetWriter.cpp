@@ -413,6 +413,7 @@ std::shared_ptr<AssetWriterInput> AssetWriterInput::create(MediaType mediaType, 
     input->d->settings = settings;
     // Block averaging plus bicubic: close to a full bicubic shrink (the
     // command line's) at a quarter of its cost on camera-size frames.
+    MutexLocker appending(input->d->appendMutex);
     input->d->converter.setScaling(VideoFrameConverter::Scaling::Bicubic);
     return input;
 }

@@ -1,4 +1,5 @@
 #include "shell/CaptureVideoPreviewView_p.h"
+#include "base/Affinity_p.h"
 
 #include "base/FrameHandoff_p.h"
 #include "camera/OrientedFrameConverter_p.h"
@@ -60,6 +61,7 @@ void CaptureVideoPreviewView::requestUpdate()
 
 void CaptureVideoPreviewView::convertNewest()
 {
+    ZAVO_ASSERT_ON(convertQueue_);
     // Cleared first: a frame that arrives from now on needs a conversion of
     // its own, and gets one after this.
     conversion_->pending.store(false);
@@ -77,6 +79,7 @@ void CaptureVideoPreviewView::convertNewest()
 
 void CaptureVideoPreviewView::layerChanged()
 {
+    ZAVO_ASSERT_ON_MAIN();
     updatePending_.store(false);
     if (const QRectF frame = layer_->frame(); frame.isValid() && frame.toAlignedRect() != geometry())
         setGeometry(frame.toAlignedRect());
@@ -110,6 +113,7 @@ void CaptureVideoPreviewView::placeImage(const QSizeF& imageSize, const QRectF& 
 /// Picks up the newest converted frame; false while there is none.
 bool CaptureVideoPreviewView::takeConverted()
 {
+    ZAVO_ASSERT_ON_MAIN();
     std::shared_ptr<PixelBuffer> ready = conversion_->ready.newest();
     if (ready && ready != shown_) {
         // BGRA bytes are Qt's 32-bit xRGB on a little-endian machine; the
@@ -124,6 +128,7 @@ bool CaptureVideoPreviewView::takeConverted()
 
 void CaptureVideoPreviewView::paintEvent(QPaintEvent* event)
 {
+    ZAVO_ASSERT_ON_MAIN();
     QPainter painter(this);
     if (!layer_ || !takeConverted()) {
         painter.fillRect(rect(), Qt::black);

@@ -1,16 +1,15 @@
 #include "zavocore/ZCBestShotDetectorProtocol.h"
 #include "zavocore/ZCReferenceDetector_p.h"
 
-#include <mutex>
+#include "base/ThreadSafety.h"
 
 namespace zavo::core {
 
 namespace {
 // The installed factory; builders may run on any thread.
-std::mutex gFactoryMutex;
-ZCBestShotBuilder::Factory& installedFactory()
+Guarded<ZCBestShotBuilder::Factory>& installedFactory()
 {
-    static ZCBestShotBuilder::Factory factory;
+    static Guarded<ZCBestShotBuilder::Factory> factory;
     return factory;
 }
 }  // namespace
@@ -19,11 +18,7 @@ ZCBestShotDetectorPtr ZCBestShotBuilder::buildWithDelegate(std::weak_ptr<ZCBestS
                                                            std::shared_ptr<ZCOnlineLivenessProtocol> livenessAPI,
                                                            std::shared_ptr<ZCZavoConfiguration> configuration)
 {
-    Factory factory;
-    {
-        std::lock_guard lock(gFactoryMutex);
-        factory = installedFactory();
-    }
+    const Factory factory = installedFactory().get();
     if (factory)
         return factory(std::move(delegate), std::move(livenessAPI), std::move(configuration));
     // The detector keeps its own copy: the host may change its record later.
@@ -33,8 +28,7 @@ ZCBestShotDetectorPtr ZCBestShotBuilder::buildWithDelegate(std::weak_ptr<ZCBestS
 
 void ZCBestShotBuilder::setFactory(Factory factory)
 {
-    std::lock_guard lock(gFactoryMutex);
-    installedFactory() = std::move(factory);
+    installedFactory().set(std::move(factory));
 }
 
 }  // namespace zavo::core

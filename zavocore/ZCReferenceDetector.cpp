@@ -14,7 +14,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
+#include "base/Affinity_p.h"
+#include "base/ThreadSafety.h"
 #include <optional>
 #include <random>
 
@@ -92,20 +93,19 @@ struct ZCReferenceDetector::Shared {
     std::atomic<bool> stopping{false};  // also written under mutex, which a round holds
 
     platform::ConsumerThread thread;  // woken for every frame and command
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable processed;  // synchronous pushFrame waits for its frame
-    // Guarded by mutex:
-    platform::SampleBuffer pending;
-    uint64_t pushedFrames = 0;
-    uint64_t handledFrames = 0;
-    std::optional<Clock::time_point> lastArrival;
-    PreviewGeometry geometry;
-    std::deque<Command> commands;
+    platform::SampleBuffer pending ZAVO_GUARDED_BY(mutex);
+    uint64_t pushedFrames ZAVO_GUARDED_BY(mutex) = 0;
+    uint64_t handledFrames ZAVO_GUARDED_BY(mutex) = 0;
+    std::optional<Clock::time_point> lastArrival ZAVO_GUARDED_BY(mutex);
+    PreviewGeometry geometry ZAVO_GUARDED_BY(mutex);
+    std::deque<Command> commands ZAVO_GUARDED_BY(mutex);
 
     void post(Command command)
     {
         {
-            std::lock_guard lock(mutex);
+            MutexLocker lock(mutex);
             commands.push_back(std::move(command));
         }
         thread.wake();
@@ -195,8 +195,9 @@ private:
 
 platform::ConsumerThread::Next ZCReferenceDetector::Worker::round()
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     Shared* shared = shared_.get();
-    std::unique_lock lock(shared->mutex);
+    MutexLocker lock(shared->mutex);
     while (!shared->stopping) {
         if (!shared->commands.empty()) {
             Shared::Command command = std::move(shared->commands.front());
@@ -263,6 +264,7 @@ std::vector<StepPlan> ZCReferenceDetector::Worker::arrange(std::vector<StepPlan>
 
 void ZCReferenceDetector::Worker::launch(std::vector<StepPlan> steps)
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     steps_ = arrange(std::move(steps), shared_->settings);
     stepIndex_ = 0;
     checkedShot_.reset();
@@ -279,6 +281,7 @@ void ZCReferenceDetector::Worker::launch(std::vector<StepPlan> steps)
 
 void ZCReferenceDetector::Worker::resume()
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     if (state_ != State::Paused)
         return;
     state_ = State::Searching;
@@ -332,6 +335,7 @@ std::optional<Clock::time_point> ZCReferenceDetector::Worker::nextDeadline(
 
 void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::optional<Clock::time_point> lastArrival)
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     const auto due = nextDeadline(lastArrival);
     if (!due || *due > now)
         return;
@@ -353,6 +357,7 @@ void ZCReferenceDetector::Worker::checkTimers(Clock::time_point now, std::option
 
 void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, const PreviewGeometry& geometry)
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     if (state_ != State::Searching)
         return;
     platform::PixelBuffer& buffer = *frame.imageBuffer();
@@ -529,6 +534,7 @@ void ZCReferenceDetector::Worker::finishStep()
 
 void ZCReferenceDetector::Worker::livenessAnswered(uint64_t generation, bool live, const platform::ErrorPtr& error)
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     if (state_ != State::CheckingLiveness || generation != generation_)
         return;
     ZCBestShotPtr shot = std::exchange(checkedShot_, nullptr);
@@ -558,6 +564,7 @@ void ZCReferenceDetector::Worker::livenessAnswered(uint64_t generation, bool liv
 
 void ZCReferenceDetector::Worker::deliver(ZCBestShotPtr shot)
 {
+    ZAVO_ASSERT_ON(shared_->thread);
     state_ = State::Done;
     auto d = delegate();
     if (!d || d->bestShot(std::move(shot)))
@@ -605,7 +612,7 @@ ZCReferenceDetector::ZCReferenceDetector(std::weak_ptr<ZCBestShotDelegate> deleg
 ZCReferenceDetector::~ZCReferenceDetector()
 {
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLocker lock(shared_->mutex);
         shared_->stopping = true;
     }
     shared_->thread.wake();
@@ -616,26 +623,29 @@ ZCReferenceDetector::~ZCReferenceDetector()
 
 void ZCReferenceDetector::pushFrame(const platform::SampleBuffer& frame)
 {
+    ZAVO_ASSERT_ON_MAIN();
     if (!frame.isValid())
         return;
     platform::SampleBuffer dropped;  // released outside the lock
     uint64_t number = 0;
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLocker lock(shared_->mutex);
         dropped = std::exchange(shared_->pending, frame);
         number = ++shared_->pushedFrames;
         shared_->lastArrival = Clock::now();
     }
     shared_->thread.wake();
     if (shared_->settings.synchronousProcessing) {
-        std::unique_lock lock(shared_->mutex);
-        shared_->processed.wait(lock, [&] { return shared_->handledFrames >= number; });
+        MutexLocker lock(shared_->mutex);
+        while (shared_->handledFrames < number)
+            shared_->mutex.wait(shared_->processed);
     }
 }
 
 void ZCReferenceDetector::screenSize(const QSizeF& size, const platform::EdgeInsets& edges)
 {
-    std::lock_guard lock(shared_->mutex);
+    ZAVO_ASSERT_ON_MAIN();
+    MutexLocker lock(shared_->mutex);
     shared_->geometry = PreviewGeometry{size, edges};
 }
 
@@ -643,6 +653,7 @@ bool ZCReferenceDetector::faceFound() const { return shared_->faceFound; }
 
 void ZCReferenceDetector::launchWizard()
 {
+    ZAVO_ASSERT_ON_MAIN();
     // Steps belong to the main thread; only what they ask and their time
     // limits cross over.
     std::vector<StepPlan> plans;
@@ -657,6 +668,7 @@ void ZCReferenceDetector::defineStepsList(std::vector<ZCStepConfigPtr> steps) { 
 
 void ZCReferenceDetector::resume()
 {
+    ZAVO_ASSERT_ON_MAIN();
     shared_->post([](Worker& worker) { worker.resume(); });
 }
 
