@@ -9,6 +9,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QImage>
+#include <QPainter>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -87,7 +89,7 @@ void ZMSaveVideoService::beginRecordWithFileURL(const QUrl& fileURL)
 {
     setFramesCounter(0);
     recordVideoFileURL_ = fileURL;
-    captureSize_.set(QSize());
+    captureShape_.set({});
 }
 
 void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampleBuffer)
@@ -100,13 +102,33 @@ void ZMSaveVideoService::appendStorageWithSampleBuffer(const SampleBuffer& sampl
     // The files are read back and deleted within seconds, so they are not
     // synced to the disk: that sync cost more than the write itself.
     if (const std::shared_ptr<PixelBuffer>& image = sampleBuffer.imageBuffer()) {
-        captureSize_.with([&](QSize& size) {
-            if (size.isEmpty())
-                size = QSize(image->width(), image->height());
+        const QSize frameSize(image->width(), image->height());
+        const CaptureShape shape = captureShape_.with([&](CaptureShape& first) {
+            if (first.size.isEmpty())
+                first = {frameSize, qint64(image->bytesPerRow())};
+            return first;
         });
         image->lockBaseAddress(PixelBuffer::ReadWrite);
-        writeScratchFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
-                                   qint64(image->bytesPerRow()) * image->height());
+        if (frameSize == shape.size) {
+            writeScratchFileAtomically(path, reinterpret_cast<const char*>(image->baseAddress()),
+                                       qint64(image->bytesPerRow()) * image->height());
+        } else {
+            // The files carry no size and are read back at the first frame's:
+            // a camera switched to one of another size would be read as
+            // garbage. Its frames are fitted, whole, into the first frame's
+            // shape; only a switch pays for this.
+            const QImage frame(image->baseAddress(), frameSize.width(), frameSize.height(), int(image->bytesPerRow()),
+                               QImage::Format_ARGB32);
+            QByteArray bytes(qsizetype(shape.bytesPerRow * shape.size.height()), '\0');
+            QImage fitted(reinterpret_cast<uchar*>(bytes.data()), shape.size.width(), shape.size.height(),
+                          qsizetype(shape.bytesPerRow), QImage::Format_ARGB32);
+            fitted.fill(Qt::black);
+            const QImage scaled = frame.scaled(shape.size, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+            QPainter(&fitted).drawImage(QPoint((shape.size.width() - scaled.width()) / 2,
+                                               (shape.size.height() - scaled.height()) / 2),
+                                        scaled);
+            writeScratchFileAtomically(path, bytes.constData(), bytes.size());
+        }
         image->unlockBaseAddress(PixelBuffer::ReadWrite);
     }
     framesCounter_.fetch_add(1, std::memory_order_relaxed);
@@ -230,7 +252,7 @@ AssetWriterPtr ZMSaveVideoService::createWriterWithVideoOutputURL(const QString&
 
     auto input = AssetWriterInput::create(MediaType::Video, {VideoCodec::H264, kEncodedWidth, kEncodedHeight});
     *videoWriterInput = input;
-    QSize size = captureSize_.get();
+    QSize size = captureShape_.get().size;
     if (size.isEmpty())
         size = QSize(static_cast<int>(frameWidth_), static_cast<int>(frameHeight_));
     const PixelBufferAttributes source{PixelFormat::ARGB32, size.width(), size.height()};

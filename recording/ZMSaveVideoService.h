@@ -103,7 +103,13 @@ private:
     // The size the camera really delivers: a desktop webcam on the fallback
     // preset is often landscape where frameWidth x frameHeight is portrait,
     // and its files are read back at the size they were written with.
-    Guarded<QSize> captureSize_;
+    // The recording's first frame: its size and row length are how every
+    // frame file of the recording is written and read back.
+    struct CaptureShape {
+        QSize size;
+        qint64 bytesPerRow = 0;
+    };
+    Guarded<CaptureShape> captureShape_;
 };
 
 }  // namespace zavo

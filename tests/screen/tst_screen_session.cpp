@@ -1,7 +1,12 @@
 // Whole camera sessions: a file camera as the front camera, the reference
 // detector, and the recording on or off, from the builder to the host's
 // delegate and the video file left behind.
+#include "MissingPrerequisite.h"
+#include "PictureMarkers.h"
 #include "ScreenTestSupport.h"
+
+#include "base/ProcessInfo_p.h"
+#include "shell/CaptureVideoPreviewView_p.h"
 
 #include "media/Asset.h"
 #include "camera/file/FileCaptureDevice.h"
@@ -12,6 +17,7 @@
 
 #include <QApplication>
 #include <QFile>
+#include <QTemporaryDir>
 
 #include <chrono>
 #include <thread>
@@ -31,12 +37,21 @@ class TstScreenSession : public QObject {
     // moves this clock: a slow machine changes no outcome.
     std::optional<core::detail::HeldDetectorClock> clock;
 
+    QTemporaryDir scratch;
+    QString markedClip;  // made once, by the first test that needs it
+    static constexpr QSize kMarkedClipSize{1280, 720};
+
     std::shared_ptr<platform::FileCaptureDevice> useCamera(const char* clip, platform::CaptureDevicePosition position)
     {
+        return useCameraFile(dataPath(clip), position);
+    }
+    std::shared_ptr<platform::FileCaptureDevice> useCameraFile(const QString& clip,
+                                                               platform::CaptureDevicePosition position)
+    {
         platform::ErrorPtr error;
-        auto camera = platform::FileCaptureDevice::create(dataPath(clip), position, &error);
+        auto camera = platform::FileCaptureDevice::create(clip, position, &error);
         if (!camera)
-            qWarning("%s: %s", clip, qPrintable(error ? error->localizedDescription() : QString()));
+            qWarning("%s: %s", qPrintable(clip), qPrintable(error ? error->localizedDescription() : QString()));
         else
             platform::CaptureDeviceRegistry::shared().registerDevice(camera);
         return camera;
@@ -105,12 +120,105 @@ private slots:
         if (screen)
             QVERIFY(releaseScreen(screen, 30000));
         permission.reset();
+        platform::ProcessInfo::resetOperatingSystemVersion();
         platform::CaptureDeviceRegistry::shared().unregisterAll();
         // The recompression of one session's video must not overlap the
         // next session's recording into the same file; and nothing of a
         // session may be left running.
         QTRY_COMPARE_WITH_TIMEOUT(platform::DispatchQueue::liveThreadCount(), 0, 30000);
         clock.reset();
+    }
+
+    void everyPathShowsThePictureAsItsCameraSideWants_data()
+    {
+        QTest::addColumn<bool>("back");
+        QTest::addColumn<bool>("frameDump");
+        QTest::newRow("front camera, movie recorder") << false << false;
+        QTest::newRow("front camera, frame-dump recorder") << false << true;
+        QTest::newRow("back camera, movie recorder") << true << false;
+        QTest::newRow("back camera, frame-dump recorder") << true << true;
+    }
+
+    // The front camera is a mirror: the preview, the frames the detector
+    // judges (the best shot is one of them) and the session video all show
+    // the user as in a mirror. The back camera shows the scene as it is.
+    // Every path is upright. Each picture is read back by its content, the
+    // videos decoded by ffmpeg as a player shows them.
+    void everyPathShowsThePictureAsItsCameraSideWants()
+    {
+        QFETCH(bool, back);
+        QFETCH(bool, frameDump);
+        if (!haveFfmpegTools())
+            ZAVO_SKIP_MISSING("ffmpeg makes the marked clip and decodes the session videos");
+        if (markedClip.isEmpty()) {
+            const QString path = scratch.filePath(QStringLiteral("marked-face.mp4"));
+            QVERIFY(makeMarkedFaceClip(path, kMarkedClipSize));
+            markedClip = path;
+        }
+        const QImage reference = markedFace(kMarkedClipSize);
+        if (frameDump)
+            platform::ProcessInfo::setOperatingSystemVersion({15, 0, 0});
+        std::shared_ptr<platform::FileCaptureDevice> front;
+        if (back) {
+            // The session starts at the front, which shows no face, then
+            // switches once the front camera has been seen working.
+            front = useCamera("E_no_face.mp4", platform::CaptureDevicePosition::Front);
+            QVERIFY(front && useCameraFile(markedClip, platform::CaptureDevicePosition::Back));
+        } else {
+            QVERIFY(useCameraFile(markedClip, platform::CaptureDevicePosition::Front));
+        }
+        present(true);
+        if (back) {
+            QTRY_VERIFY_WITH_TIMEOUT(front->loopCount() >= 1, 30000);
+            clickChangeCamera();
+        }
+        const bool mirrored = !back;
+        QString why;
+
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        const Outcome outcome = host->last();
+        QVERIFY2(outcome.bestShot, qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
+        // The preview as the screen shows it, its own views over it; the
+        // last frame it painted is the shot's camera's.
+        const QImage screenshot = screen->view()->grab().toImage();
+        QVERIFY2(looksShownAs(screenshot, reference, 0, mirrored, true, &why), qPrintable("preview: " + why));
+
+        const QImage shot = outcome.bestShot->image();
+        QVERIFY2(looksShownAs(shot, reference, 0, mirrored, false, &why), qPrintable("best shot: " + why));
+        // The face is where the box says.
+        QPointF centre = markedFaceCentre(kMarkedClipSize);
+        if (mirrored)
+            centre.setX(kMarkedClipSize.width() - centre.x());
+        const QPointF scaled(centre.x() * shot.width() / kMarkedClipSize.width(),
+                             centre.y() * shot.height() / kMarkedClipSize.height());
+        QVERIFY2(outcome.bestShot->faceRect().contains(scaled), qPrintable(QStringLiteral("box %1,%2 %3x%4, face at %5,%6")
+                                                                          .arg(outcome.bestShot->faceRect().x())
+                                                                          .arg(outcome.bestShot->faceRect().y())
+                                                                          .arg(outcome.bestShot->faceRect().width())
+                                                                          .arg(outcome.bestShot->faceRect().height())
+                                                                          .arg(scaled.x())
+                                                                          .arg(scaled.y())));
+
+        QTRY_COMPARE_WITH_TIMEOUT(host->finals().size(), size_t(1), 60000);
+        const auto final = host->finals().front();
+        QVERIFY(final.videoFile && !final.error);
+        // The movie recorder records from the camera through a connection of
+        // its own, which is not mirrored, as the phone's movie output records
+        // what the camera sees; the frame-dump recorder stores the frames the
+        // detector was given, mirrored at the front. After a switch the frame
+        // dump keeps its first camera's shape (the front's 360x640) and fits
+        // the back camera's frames into it.
+        const bool videoMirrored = mirrored && frameDump;
+        const QImage videoReference = back && frameDump ? fittedInto(reference, QSize(360, 640)) : reference;
+        const QImage lastFrame = shownLastFrame(*final.videoFile, scratch.path());
+        if (qEnvironmentVariableIsSet("ZAVO_KEEP_PICTURES")) {
+            const QString tag = QString::fromLatin1(QTest::currentDataTag()).replace(' ', '_').replace(',', "");
+            screenshot.save(QStringLiteral("/tmp/pic-%1-preview.png").arg(tag));
+            shot.save(QStringLiteral("/tmp/pic-%1-shot.png").arg(tag));
+            lastFrame.save(QStringLiteral("/tmp/pic-%1-video.png").arg(tag));
+        }
+        QVERIFY2(looksShownAs(lastFrame, videoReference, 0, videoMirrored, false, &why),
+                 qPrintable("session video: " + why));
     }
 
     void faceClipGivesABestShotAndItsVideo()

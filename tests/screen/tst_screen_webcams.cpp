@@ -3,6 +3,7 @@
 // backend, and a busy, forbidden or unplugged camera must end the session
 // the documented way, leaving no descriptor, mapping or thread behind.
 #include "FakeWebcams.h"
+#include "PictureMarkers.h"
 #include "ScreenTestSupport.h"
 
 #include "base/DispatchQueue.h"
@@ -82,15 +83,19 @@ private slots:
     void recordedWebcamsGiveABestShot()
     {
         QFETCH(QString, file);
-        webcams->kernel->plug(QStringLiteral("video0"), fixtureCamera(file));
+        auto camera = fixtureCamera(file);
+        camera->feed = pictureFeed(markedFace);
+        webcams->kernel->plug(QStringLiteral("video0"), camera);
         PermissionScope permission(AuthorizationStatus::Authorized);
         present(false);
         QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 60000);
         const Outcome outcome = host->last();
         QVERIFY2(outcome.bestShot, qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
-        // Upright and whole: the shot has the camera's landscape shape.
+        // Whatever the format (MJPEG, YUYV, NV12) and size: the shot is the
+        // whole picture, upright, mirrored as the only camera is the front.
         const QImage image = outcome.bestShot->image();
-        QVERIFY(image.width() > image.height());
+        QString why;
+        QVERIFY2(looksShownAs(image, markedFace(image.size()), 0, true, false, &why), qPrintable(why));
     }
 
     void busyWebcamEndsTheSession()

@@ -10,6 +10,7 @@
 #include "camera/v4l2/Kernel_p.h"
 
 #include <QByteArray>
+#include <QImage>
 #include <QSize>
 
 #include <chrono>
@@ -113,6 +114,9 @@ private:
 /// (its whole picture, centred, black around it) and encoded as MJPEG, YUYV
 /// or NV12. Frames are made once per format and size and then reused.
 FrameFeed clipFeed(const QString& path, int maxFrames = 90);
+/// A feed of one still picture, drawn by draw at each size asked for (so
+/// nothing is scaled or letterboxed), then sent as clipFeed's are.
+FrameFeed pictureFeed(std::function<QImage(QSize)> draw);
 /// A feed of the JPEG frames stored in an AVI or other file as they are
 /// (a real webcam recording); other formats or sizes get empty frames.
 FrameFeed storedJpegFeed(const QString& path, QSize* size);

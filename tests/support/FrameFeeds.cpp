@@ -12,6 +12,9 @@ extern "C" {
 
 #include <linux/videodev2.h>
 
+#include <QImage>
+
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <tuple>
@@ -136,6 +139,26 @@ QByteArray jpeg(const AVFrame& frame)
     return QByteArray(reinterpret_cast<const char*>(packet->data), packet->size);
 }
 
+/// source fitted into width x height and sent the way a webcam sends
+/// fourcc; empty for a format the fake does not make.
+QByteArray encodedAs(uint32_t fourcc, const AVFrame& source, int width, int height)
+{
+    if (fourcc == V4L2_PIX_FMT_MJPEG || fourcc == V4L2_PIX_FMT_JPEG) {
+        if (auto picture = fitted(source, width, height, AV_PIX_FMT_YUVJ422P))
+            return jpeg(*picture);
+    } else if (fourcc == V4L2_PIX_FMT_YUYV) {
+        if (auto picture = fitted(source, width, height, AV_PIX_FMT_YUYV422))
+            return packed(*picture);
+    } else if (fourcc == V4L2_PIX_FMT_YUV420) {
+        if (auto picture = fitted(source, width, height, AV_PIX_FMT_YUV420P))
+            return packed(*picture);
+    } else if (fourcc == V4L2_PIX_FMT_NV12) {
+        if (auto picture = fitted(source, width, height, AV_PIX_FMT_NV12))
+            return packed(*picture);
+    }
+    return {};
+}
+
 class ClipFeed {
 public:
     ClipFeed(const QString& path, int maxFrames) : frames_(decodeFrames(path, maxFrames)) {}
@@ -152,20 +175,7 @@ public:
             if (!cached[at].isEmpty())
                 return cached[at];
         }
-        QByteArray bytes;
-        if (fourcc == V4L2_PIX_FMT_MJPEG || fourcc == V4L2_PIX_FMT_JPEG) {
-            if (auto picture = fitted(*frames_[at], width, height, AV_PIX_FMT_YUVJ422P))
-                bytes = jpeg(*picture);
-        } else if (fourcc == V4L2_PIX_FMT_YUYV) {
-            if (auto picture = fitted(*frames_[at], width, height, AV_PIX_FMT_YUYV422))
-                bytes = packed(*picture);
-        } else if (fourcc == V4L2_PIX_FMT_YUV420) {
-            if (auto picture = fitted(*frames_[at], width, height, AV_PIX_FMT_YUV420P))
-                bytes = packed(*picture);
-        } else if (fourcc == V4L2_PIX_FMT_NV12) {
-            if (auto picture = fitted(*frames_[at], width, height, AV_PIX_FMT_NV12))
-                bytes = packed(*picture);
-        }
+        const QByteArray bytes = encodedAs(fourcc, *frames_[at], width, height);
         zavo::MutexLocker lock(mutex_);
         cache_[{fourcc, width, height}][at] = bytes;
         return bytes;
@@ -185,6 +195,38 @@ FrameFeed clipFeed(const QString& path, int maxFrames)
     auto feed = std::make_shared<ClipFeed>(path, maxFrames);
     return [feed](uint32_t fourcc, int width, int height, int64_t index) {
         return feed->frame(fourcc, width, height, index);
+    };
+}
+
+FrameFeed pictureFeed(std::function<QImage(QSize)> draw)
+{
+    struct Cache {
+        zavo::Mutex mutex;
+        std::map<std::tuple<uint32_t, int, int>, QByteArray> frames ZAVO_GUARDED_BY(mutex);
+    };
+    auto cache = std::make_shared<Cache>();
+    return [draw = std::move(draw), cache](uint32_t fourcc, int width, int height, int64_t) {
+        if (width <= 0 || height <= 0)
+            return QByteArray();
+        {
+            zavo::MutexLocker lock(cache->mutex);
+            const auto found = cache->frames.find({fourcc, width, height});
+            if (found != cache->frames.end())
+                return found->second;
+        }
+        const QImage picture = draw(QSize(width, height)).convertToFormat(QImage::Format_RGB32);
+        auto frame = makeAVFrame();
+        frame->format = AV_PIX_FMT_BGRA;  // QImage's RGB32 bytes on a little-endian machine
+        frame->width = picture.width();
+        frame->height = picture.height();
+        if (av_frame_get_buffer(frame.get(), 0) < 0)
+            return QByteArray();
+        for (int y = 0; y < picture.height(); ++y)
+            std::memcpy(frame->data[0] + y * frame->linesize[0], picture.constScanLine(y), size_t(picture.width()) * 4);
+        const QByteArray bytes = encodedAs(fourcc, *frame, width, height);
+        zavo::MutexLocker lock(cache->mutex);
+        cache->frames[{fourcc, width, height}] = bytes;
+        return bytes;
     };
 }
 

@@ -84,4 +84,15 @@ inline QImage shownFirstFrame(const QString& path, const QString& scratchFolder)
     return image.convertToFormat(QImage::Format_RGB32);
 }
 
+/// A frame near the end of a file as a player shows it (see shownFirstFrame).
+inline QImage shownLastFrame(const QString& path, const QString& scratchFolder)
+{
+    const QString png = scratchFolder + QStringLiteral("/shown-last-frame.png");
+    if (!ffmpeg({"-sseof", "-0.4", "-i", path, "-frames:v", "1", "-vf", "scale=trunc(iw*sar/2)*2:ih,setsar=1", png}))
+        return {};
+    QImage image(png);
+    QFile::remove(png);
+    return image.convertToFormat(QImage::Format_RGB32);
+}
+
 }  // namespace zavo::testing
