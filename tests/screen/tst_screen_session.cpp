@@ -7,6 +7,7 @@
 
 #include "base/ProcessInfo_p.h"
 #include "shell/CaptureVideoPreviewView_p.h"
+#include "shell/DeviceScreen.h"
 
 #include "media/Asset.h"
 #include "camera/file/FileCaptureDevice.h"
@@ -38,7 +39,6 @@ class TstScreenSession : public QObject {
     std::optional<core::detail::HeldDetectorClock> clock;
 
     QTemporaryDir scratch;
-    QString markedClip;  // made once, by the first test that needs it
     static constexpr QSize kMarkedClipSize{1280, 720};
 
     std::shared_ptr<platform::FileCaptureDevice> useCamera(const char* clip, platform::CaptureDevicePosition position)
@@ -121,6 +121,7 @@ private slots:
             QVERIFY(releaseScreen(screen, 30000));
         permission.reset();
         platform::ProcessInfo::resetOperatingSystemVersion();
+        platform::Device::setOrientationOverride(std::nullopt);
         platform::CaptureDeviceRegistry::shared().unregisterAll();
         // The recompression of one session's video must not overlap the
         // next session's recording into the same file; and nothing of a
@@ -133,10 +134,18 @@ private slots:
     {
         QTest::addColumn<bool>("back");
         QTest::addColumn<bool>("frameDump");
-        QTest::newRow("front camera, movie recorder") << false << false;
-        QTest::newRow("front camera, frame-dump recorder") << false << true;
-        QTest::newRow("back camera, movie recorder") << true << false;
-        QTest::newRow("back camera, frame-dump recorder") << true << true;
+        // A camera mounted turned, on a device whose orientation says so: the
+        // camera sees the scene turned, and the connection turns it back.
+        QTest::addColumn<int>("deviceOrientation");  // 0: the screen's own
+        QTest::addColumn<int>("mounting");           // how the camera sees the scene, turned clockwise
+        QTest::newRow("front camera, movie recorder") << false << false << 0 << 0;
+        QTest::newRow("front camera, frame-dump recorder") << false << true << 0 << 0;
+        QTest::newRow("back camera, movie recorder") << true << false << 0 << 0;
+        QTest::newRow("back camera, frame-dump recorder") << true << true << 0 << 0;
+        QTest::newRow("front camera, device turned left") << false << true
+                                                          << int(platform::DeviceOrientation::LandscapeLeft) << 90;
+        QTest::newRow("front camera, device turned right") << false << true
+                                                           << int(platform::DeviceOrientation::LandscapeRight) << 270;
     }
 
     // The front camera is a mirror: the preview, the frames the detector
@@ -148,24 +157,26 @@ private slots:
     {
         QFETCH(bool, back);
         QFETCH(bool, frameDump);
+        QFETCH(int, deviceOrientation);
+        QFETCH(int, mounting);
         if (!haveFfmpegTools())
             ZAVO_SKIP_MISSING("ffmpeg makes the marked clip and decodes the session videos");
-        if (markedClip.isEmpty()) {
-            const QString path = scratch.filePath(QStringLiteral("marked-face.mp4"));
-            QVERIFY(makeMarkedFaceClip(path, kMarkedClipSize));
-            markedClip = path;
-        }
         const QImage reference = markedFace(kMarkedClipSize);
+        const QString clip = scratch.filePath(QStringLiteral("marked-face-%1.mp4").arg(mounting));
+        if (!QFile::exists(clip))
+            QVERIFY(makeStillClip(clip, shownAs(reference, mounting, false)));
         if (frameDump)
             platform::ProcessInfo::setOperatingSystemVersion({15, 0, 0});
+        if (deviceOrientation)
+            platform::Device::setOrientationOverride(platform::DeviceOrientation(deviceOrientation));
         std::shared_ptr<platform::FileCaptureDevice> front;
         if (back) {
             // The session starts at the front, which shows no face, then
             // switches once the front camera has been seen working.
             front = useCamera("E_no_face.mp4", platform::CaptureDevicePosition::Front);
-            QVERIFY(front && useCameraFile(markedClip, platform::CaptureDevicePosition::Back));
+            QVERIFY(front && useCameraFile(clip, platform::CaptureDevicePosition::Back));
         } else {
-            QVERIFY(useCameraFile(markedClip, platform::CaptureDevicePosition::Front));
+            QVERIFY(useCameraFile(clip, platform::CaptureDevicePosition::Front));
         }
         present(true);
         if (back) {
@@ -179,9 +190,12 @@ private slots:
         const Outcome outcome = host->last();
         QVERIFY2(outcome.bestShot, qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
         // The preview as the screen shows it, its own views over it; the
-        // last frame it painted is the shot's camera's.
+        // last frame it painted is the shot's camera's. The preview follows
+        // the device's orientation only when the host turns on orientation
+        // following: here it shows the camera's own view.
         const QImage screenshot = screen->view()->grab().toImage();
-        QVERIFY2(looksShownAs(screenshot, reference, 0, mirrored, true, &why), qPrintable("preview: " + why));
+        QVERIFY2(looksShownAs(screenshot, reference, mounting, mirrored, true, &why),
+                 qPrintable("preview: " + why));
 
         const QImage shot = outcome.bestShot->image();
         QVERIFY2(looksShownAs(shot, reference, 0, mirrored, false, &why), qPrintable("best shot: " + why));

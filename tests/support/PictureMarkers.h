@@ -60,17 +60,23 @@ inline QPointF markedFaceCentre(QSize size)
     return {size.width() / 2.0, top + 0.47 * 480 * scale};
 }
 
-/// A clip of the marked face, still, for a file camera: seconds long at 30
-/// frames a second, H.264 as a phone or webcam recording would be.
-inline bool makeMarkedFaceClip(const QString& path, QSize size, int seconds = 3)
+/// A still clip of picture: seconds long at 30 frames a second, H.264 as a
+/// phone or webcam recording would be.
+inline bool makeStillClip(const QString& path, const QImage& picture, int seconds = 3)
 {
     const QString png = path + QStringLiteral(".png");
-    if (!markedFace(size).save(png))
+    if (!picture.save(png))
         return false;
     const bool made = ffmpeg({"-loop", "1", "-framerate", "30", "-i", png, "-t", QString::number(seconds), "-c:v",
                               "libx264", "-pix_fmt", "yuv420p", "-g", "30", path});
     QFile::remove(png);
     return made;
+}
+
+/// A still clip of the marked face, for a file camera.
+inline bool makeMarkedFaceClip(const QString& path, QSize size, int seconds = 3)
+{
+    return makeStillClip(path, markedFace(size), seconds);
 }
 #endif
 
