@@ -23,6 +23,8 @@ int rawPixelFormatOf(uint32_t pixelFormat)
     case V4L2_PIX_FMT_RGB24: return AV_PIX_FMT_RGB24;
     case V4L2_PIX_FMT_BGR24: return AV_PIX_FMT_BGR24;
     case V4L2_PIX_FMT_GREY: return AV_PIX_FMT_GRAY8;
+    case V4L2_PIX_FMT_XBGR32: return AV_PIX_FMT_BGR0;
+    case V4L2_PIX_FMT_RGBX32: return AV_PIX_FMT_RGB0;
     default: return -1;
     }
 }
@@ -135,6 +137,56 @@ bool FrameDecoder::decodeJpeg(const uint8_t* data, size_t size, PixelBuffer& des
     return ok;
 }
 
+namespace {
+
+// NV12 in, NV12 of the same size and range out: the rows are copied as they
+// are. The general scaler's same-format path left the chroma plane of such
+// frames unwritten (a green picture), and a copy is all the work there is.
+bool copyNV12(uint8_t* const planes[4], const int strides[4], int width, int height, bool fullRange,
+              PixelBuffer& destination)
+{
+    const PixelFormat wanted = fullRange ? PixelFormat::NV12FullRange : PixelFormat::NV12VideoRange;
+    if (destination.pixelFormat() != wanted || destination.width() != width || destination.height() != height
+        || strides[0] < width || strides[1] < width)
+        return false;
+    destination.lockBaseAddress();
+    for (int row = 0; row < height; ++row)
+        std::memcpy(destination.baseAddress(0) + size_t(row) * destination.bytesPerRow(0),
+                    planes[0] + size_t(row) * size_t(strides[0]), size_t(width));
+    for (int row = 0; row < (height + 1) / 2; ++row)
+        std::memcpy(destination.baseAddress(1) + size_t(row) * destination.bytesPerRow(1),
+                    planes[1] + size_t(row) * size_t(strides[1]), size_t((width + 1) / 2 * 2));
+    destination.unlockBaseAddress();
+    return true;
+}
+
+}  // namespace
+
+bool FrameDecoder::decodePlanes(const uint8_t* const planes[4], const int strides[4], int count,
+                                PixelBuffer& destination)
+{
+    const auto format = AVPixelFormat(rawFormat_);
+    if (rawFormat_ < 0 || count != av_pix_fmt_count_planes(format)) {
+        ++damaged_;
+        return false;
+    }
+    ImagePlanes source;
+    source.avPixelFormat = rawFormat_;
+    source.width = width_;
+    source.height = height_;
+    source.fullRange = fullRange_;
+    for (int plane = 0; plane < count; ++plane) {
+        source.data[plane] = const_cast<uint8_t*>(planes[plane]);
+        source.bytesPerRow[plane] = strides[plane];
+    }
+    const bool ok = (format == AV_PIX_FMT_NV12
+                     && copyNV12(source.data, source.bytesPerRow, width_, height_, fullRange_, destination))
+        || converter_.convert(source, destination);
+    if (!ok)
+        ++damaged_;
+    return ok;
+}
+
 bool FrameDecoder::convertRaw(const uint8_t* data, size_t size, PixelBuffer& destination)
 {
     // For planar formats bytesperline is the luma stride, and the chroma
@@ -158,6 +210,8 @@ bool FrameDecoder::convertRaw(const uint8_t* data, size_t size, PixelBuffer& des
         const int needed = av_image_fill_pointers(source.data, format, height_, bytes, source.bytesPerRow);
         if (needed < 0 || size < size_t(needed))
             return false;
+        if (format == AV_PIX_FMT_NV12 && copyNV12(source.data, source.bytesPerRow, width_, height_, fullRange_, destination))
+            return true;
     }
     return converter_.convert(source, destination);
 }

@@ -33,6 +33,11 @@ public:
     /// whole frame of the negotiated size.
     bool decode(const uint8_t* data, size_t size, PixelBuffer& destination);
 
+    /// For raw formats whose planes come in separate blocks (PipeWire hands
+    /// each plane of NV12 or I420 over in its own): planes[i] with its
+    /// stride, in the format's plane order.
+    bool decodePlanes(const uint8_t* const planes[4], const int strides[4], int count, PixelBuffer& destination);
+
     int64_t damagedFrames() const { return damaged_; }
 
 private:
