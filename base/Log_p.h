@@ -12,6 +12,8 @@ ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraDevice)  // "zavo.camera.device":
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraSession)  // "zavo.camera.session": capture sessions: format choice, start, end
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraOutput)  // "zavo.camera.output": video data and movie file outputs
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraV4l2)  // "zavo.camera.v4l2": the V4L2 backend: discovery, hot-plug, streaming
+ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraPipewire)  // "zavo.camera.pipewire": the PipeWire backend: cameras, format negotiation, streaming
+ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCameraPortal)  // "zavo.camera.portal": the desktop's camera portal
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcCapture)  // "zavo.capture": the capture manager
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcMediaPixels)  // "zavo.media.pixels": pixel buffers
 ZAVO_EXPORT Q_DECLARE_LOGGING_CATEGORY(lcMediaWriter)  // "zavo.media.writer": the asset writer: encoding and muxing

@@ -24,6 +24,7 @@
 #define ZAVO_RELEASE(...) ZAVO_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define ZAVO_TRY_ACQUIRE(...) ZAVO_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define ZAVO_RETURN_CAPABILITY(x) ZAVO_THREAD_ANNOTATION(lock_returned(x))
+#define ZAVO_ASSERT_CAPABILITY(x) ZAVO_THREAD_ANNOTATION(assert_capability(x))
 #define ZAVO_NO_THREAD_SAFETY_ANALYSIS ZAVO_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace zavo {

@@ -24,6 +24,9 @@ packages=(
   libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev libopencv-dnn-dev libopencv-calib3d-dev opencv-data
   libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
   xvfb xauth
+  libpipewire-0.3-dev
+  pipewire pipewire-bin wireplumber dbus-daemon
+  gstreamer1.0-tools gstreamer1.0-pipewire gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   clang libclang-rt-14-dev
 )
 

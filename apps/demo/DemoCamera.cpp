@@ -56,6 +56,11 @@ std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* pro
         return CameraChoice{CameraChoice::Kind::Synthetic, {}};
     if (value == QLatin1String("webcam"))
         return CameraChoice{CameraChoice::Kind::V4L2, {}};
+    // A desktop's camera through PipeWire is one of the machine's cameras
+    // too, named by its location; whether it is there is known only once
+    // the daemon is asked.
+    if (value.startsWith(QLatin1String("pipewire:")) && value.size() > 9)
+        return CameraChoice{CameraChoice::Kind::V4L2, value};
     if (!QFileInfo::exists(value)) {
         *problem = QStringLiteral("no such camera or video file: %1").arg(value);
         return std::nullopt;

@@ -14,15 +14,16 @@ struct CameraChoice {
     enum class Kind {
         Embedded,   // the sample face clip built into the demo
         Synthetic,  // the platform's test-pattern camera
-        V4L2,       // a webcam node such as /dev/video0, or (no path) the front webcam
+        V4L2,       // a camera of the machine: a webcam node such as /dev/video0, a PipeWire
+                    // camera (pipewire:<node name>), or (no path) the front webcam
         File,       // any video file, played in real time
     };
     Kind kind = Kind::Embedded;
-    QString path;  // V4L2 node or video file
+    QString path;  // camera location or video file
 };
 
-/// Reads the --camera value: "default", "synthetic", "webcam", "/dev/videoN"
-/// or a path. nullopt, with problem set, for a node or file that does not exist.
+/// Reads the --camera value: "default", "synthetic", "webcam", "/dev/videoN",
+/// "pipewire:<node name>" or a path. nullopt, with problem set, for a node or file that does not exist.
 std::optional<CameraChoice> parseCameraChoice(const QString& value, QString* problem);
 
 /// The chosen camera made the process's only front camera for as long as

@@ -49,9 +49,9 @@ void addDemoOptions(QCommandLineParser& parser)
     parser.addOption({kCamera,
                       QStringLiteral("The front camera: 'default' (the built-in sample face clip), 'synthetic' (a "
                                      "test pattern), 'webcam' (the machine's front webcam), a webcam such as "
-                                     "/dev/video0, or a video file."),
+                                     "/dev/video0, a desktop camera such as pipewire:<node name>, or a video file."),
                       QStringLiteral("camera"), QStringLiteral("default")});
-    parser.addOption({kListCameras, QStringLiteral("List the webcams (location, position, name, unique ID) and exit.")});
+    parser.addOption({kListCameras, QStringLiteral("List the machine's cameras, V4L2 and PipeWire (location, position, name, unique ID) and exit.")});
     parser.addOption({kNoRecord, QStringLiteral("Do not record the session video.")});
     parser.addOption({kOutput,
                       QStringLiteral("Folder for the best shot, the screenshot and the session video (under "

@@ -79,7 +79,7 @@ void dropOffscreenNoise(QtMsgType type, const QMessageLogContext& context, const
 
 }  // namespace
 
-/// --list-cameras: one tab-separated line per webcam.
+/// --list-cameras: one tab-separated line per camera of the machine.
 int listCameras()
 {
     QTextStream out(stdout);
@@ -91,7 +91,7 @@ int listCameras()
         out << camera.location << '\t' << position << '\t' << camera.name << '\t' << camera.uniqueID << '\n';
     }
     if (cameras.empty())
-        QTextStream(stderr) << "zavocamera-demo: no webcam found\n";
+        QTextStream(stderr) << "zavocamera-demo: no camera found\n";
     return 0;
 }
 
