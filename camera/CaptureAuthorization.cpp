@@ -2,6 +2,8 @@
 
 #include "base/DispatchQueue.h"
 #include "base/ThreadSafety.h"
+#include "camera/pipewire/Portal_p.h"
+#include "camera/pipewire/Provider_p.h"
 
 
 namespace zavo::platform {
@@ -13,19 +15,36 @@ public:
     AuthorizationStatus authorizationStatus() override
     {
         const auto devices = CaptureDeviceRegistry::shared().allDevices();
-        if (devices.empty())
-            return AuthorizationStatus::Restricted;
         for (const auto& device : devices) {
             if (device->canOpen())
                 return AuthorizationStatus::Authorized;
         }
-        return AuthorizationStatus::Denied;
+        // No camera this process can open, but the desktop's camera portal
+        // can hand some over: the question is still open, and a request
+        // puts it to the portal (which remembers the user's answer).
+        if (pipewire::CameraPortal::isAvailable())
+            return AuthorizationStatus::NotDetermined;
+        return devices.empty() ? AuthorizationStatus::Restricted : AuthorizationStatus::Denied;
     }
 
     void requestAccess(std::function<void(bool granted)> completion) override
     {
-        // There is nobody to ask: the answer is what the process can do.
-        completion(authorizationStatus() == AuthorizationStatus::Authorized);
+        if (authorizationStatus() != AuthorizationStatus::NotDetermined) {
+            // There is nobody to ask: the answer is what the process can do.
+            completion(authorizationStatus() == AuthorizationStatus::Authorized);
+            return;
+        }
+        std::shared_ptr<pipewire::Connection> connection;
+        QString why;
+        const auto answer = pipewire::CameraPortal::requestCameras(&connection, &why);
+        if (answer == pipewire::CameraPortal::Answer::Granted) {
+            // The portal's remote shows the cameras this process may use:
+            // they join the other providers' for as long as it lives.
+            auto providers = CaptureDeviceRegistry::shared().providers();
+            providers.push_back(std::make_shared<pipewire::Provider>(std::move(connection)));
+            CaptureDeviceRegistry::shared().setProviders(std::move(providers));
+        }
+        completion(answer == pipewire::CameraPortal::Answer::Granted);
     }
 };
 

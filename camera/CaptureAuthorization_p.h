@@ -1,7 +1,10 @@
 #pragma once
-// Camera permission. Linux has no per-application camera permission, so the
-// default policy answers from what the process can actually do: authorized
-// when some camera can be opened (file and synthetic cameras always can),
+// Camera permission. Linux has no per-application camera permission outside
+// sandboxes, so the default policy answers from what the process can do:
+// authorized when some camera can be opened (file and synthetic cameras
+// always can). When none can, the desktop's camera portal decides if the
+// session bus has one: the status is then not determined until a request
+// asks it, and its grant adds the cameras it hands over. Without a portal:
 // denied when cameras exist but none can be opened (device permissions),
 // restricted when there is no camera at all. A host with its own consent
 // screen, or a test, installs a policy of its own.
