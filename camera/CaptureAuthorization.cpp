@@ -27,6 +27,13 @@ public:
         // There is nobody to ask: the answer is what the process can do.
         completion(authorizationStatus() == AuthorizationStatus::Authorized);
     }
+
+    CameraFailureReason denialReason() override
+    {
+        // Denied here means cameras this user may not open.
+        return authorizationStatus() == AuthorizationStatus::Denied ? CameraFailureReason::NoPermission
+                                                                    : CameraFailureReason::None;
+    }
 };
 
 Guarded<std::shared_ptr<CaptureAuthorizationPolicy>> gPolicy;  // null means the default
@@ -41,6 +48,8 @@ FixedCaptureAuthorizationPolicy::FixedCaptureAuthorizationPolicy(AuthorizationSt
 void FixedCaptureAuthorizationPolicy::setStatus(AuthorizationStatus status) { status_.store(int(status)); }
 
 void FixedCaptureAuthorizationPolicy::setGrantsRequests(bool grants) { grants_.store(grants); }
+
+void FixedCaptureAuthorizationPolicy::setDenialReason(CameraFailureReason reason) { reason_.store(int(reason)); }
 
 int FixedCaptureAuthorizationPolicy::requestCount() const { return requests_.load(); }
 
@@ -76,6 +85,13 @@ AuthorizationStatus CaptureAuthorization::authorizationStatusForMediaType(MediaT
     if (mediaType != MediaType::Video)
         return AuthorizationStatus::Authorized;
     return policy()->authorizationStatus();
+}
+
+CameraFailureReason CaptureAuthorization::denialReasonForMediaType(MediaType mediaType)
+{
+    if (mediaType != MediaType::Video)
+        return CameraFailureReason::None;
+    return policy()->denialReason();
 }
 
 void CaptureAuthorization::requestAccessForMediaType(MediaType mediaType, std::function<void(bool granted)> completion)

@@ -54,6 +54,7 @@ enum class CaptureErrorCode : long {
     DeviceBusy = 6,          // another application holds the camera
     AccessDenied = 7,        // the user may not open the camera
     FormatRefused = 8,       // the camera listed a format and then gave another
+    NoBandwidth = 9,         // the bus cannot carry the format now (a session tries its next one)
 };
 ZAVO_EXPORT ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
 
