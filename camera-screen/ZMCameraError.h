@@ -16,8 +16,10 @@ public:
     /// The cases in declaration order; the order is the error's code.
     enum class Case { accessStatus = 0, networkingError = 1, bestShotError = 2, error = 3, canceled = 4 };
 
-    /// Camera permission is not granted.
-    static ZMCameraError accessStatus(platform::AuthorizationStatus status);
+    /// Camera permission is not granted; reason says why when that is known
+    /// (NoPermission, PortalRefused), and then chooses the message.
+    static ZMCameraError accessStatus(platform::AuthorizationStatus status,
+                                      platform::CameraFailureReason reason = platform::CameraFailureReason::None);
     static ZMCameraError networkingError(web::NetworkingError error);
     /// An error in the core framework's own domain (its detector's).
     static ZMCameraError bestShotError(platform::ErrorObjectPtr error);
@@ -31,6 +33,12 @@ public:
     std::optional<web::NetworkingError> networkingErrorValue() const;
     platform::ErrorObjectPtr bestShotErrorValue() const;
     platform::ErrorPtr errorValue() const;
+    /// What the user can do something about: why access was not granted
+    /// (accessStatus), or why the camera gave no pictures (the 1004 of
+    /// bestShotError: busy, unplugged, not enough USB bandwidth, no
+    /// pictures...). None for every other error, and when the cause is not
+    /// known.
+    platform::CameraFailureReason cameraFailureReason() const;
 
     QString domain() const override { return kZMCameraErrorDomain; }
     long code() const override { return static_cast<long>(kind()); }
@@ -40,8 +48,11 @@ public:
 private:
     friend ZMCameraError cameraErrorFromDetector(platform::ErrorObjectPtr detectorError);
     struct Canceled {};
-    using Payload = std::variant<platform::AuthorizationStatus, web::NetworkingError, platform::ErrorObjectPtr,
-                                 platform::ErrorPtr, Canceled>;
+    struct Access {
+        platform::AuthorizationStatus status;
+        platform::CameraFailureReason reason;
+    };
+    using Payload = std::variant<Access, web::NetworkingError, platform::ErrorObjectPtr, platform::ErrorPtr, Canceled>;
     explicit ZMCameraError(Payload payload) : payload_(std::move(payload)) {}
     Payload payload_;
 };

@@ -10,4 +10,11 @@ namespace zavo {
 /// error) becomes error.
 ZAVO_EXPORT ZMCameraError cameraErrorFromDetector(platform::ErrorObjectPtr detectorError);
 
+/// The string-table key of the message for reason; empty for None.
+ZAVO_EXPORT QString cameraFailureMessageKey(platform::CameraFailureReason reason);
+/// The session's ending when the camera gives no pictures: 1004 in the core
+/// framework's domain, with reason's message and the reason in its user info
+/// (the plain "no frames" message when the reason is None).
+ZAVO_EXPORT platform::ErrorObjectPtr cameraFailureError(platform::CameraFailureReason reason);
+
 }  // namespace zavo

@@ -8,6 +8,7 @@
 
 #include "base/DispatchQueue.h"
 #include "base/Log_p.h"
+#include "camera/CaptureDevice_p.h"
 #include "zavocore/ZCErrorCodes.h"
 #include "zavocore/ZavoCore_p.h"
 
@@ -54,9 +55,12 @@ void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus st
         return;
     }
     closedByUser_ = false;
-    DispatchQueue::main().async([weak = weakSelf(), status] {
+    const platform::CameraFailureReason reason = ZMCameraCaptureManager::cameraAccessDenialReason();
+    qCWarning(platform::lcScreen, "camera access not granted (status %d, %s)", int(status),
+              platform::cameraFailureReasonName(reason));
+    DispatchQueue::main().async([weak = weakSelf(), status, reason] {
         if (auto self = weak.lock())
-            self->finishWithError(ZMCameraError::accessStatus(status));
+            self->finishWithError(ZMCameraError::accessStatus(status, reason));
     });
 }
 
@@ -250,10 +254,12 @@ void ZMCameraViewController::deliverVideoFinal(const VideoFinal& final)
 void ZMCameraViewController::captureDidFailWithError(platform::ErrorPtr error)
 {
     // The camera will send no more frames: end now the way the detector ends
-    // when frames stop, instead of waiting out its frame time-out.
-    qCWarning(platform::lcScreen, "the camera stopped: %s",
+    // when frames stop, instead of waiting out its frame time-out, with the
+    // cause the user can act on where it is known.
+    const platform::CameraFailureReason reason = platform::cameraFailureReasonOf(error);
+    qCWarning(platform::lcScreen, "the camera stopped (%s): %s", platform::cameraFailureReasonName(reason),
               qUtf8Printable(error ? error->localizedDescription() : QStringLiteral("no reason given")));
-    bestShotError(core::makeZCError(core::ZCErrorCode::NoFrames, QStringLiteral("errors.no_frames")));
+    bestShotError(cameraFailureError(reason));
 }
 
 // ------------------------------------------------------------- endings

@@ -20,9 +20,15 @@ public:
                 return AuthorizationStatus::Authorized;
         }
         // No camera this process can open, but the desktop's camera portal
-        // can hand some over: the question is still open, and a request
-        // puts it to the portal (which remembers the user's answer).
-        if (pipewire::CameraPortal::isAvailable())
+        // can hand some over: the question is open until a request puts it
+        // to the portal. Its refusal stands for the rest of the process, as
+        // a refused permission does on a phone; the portal itself keeps the
+        // user's answer for the next start.
+        if (portalRefused_.load())
+            return AuthorizationStatus::Denied;
+        // A process that chose its own camera providers (a host with
+        // cameras of its own, a test) does not get the desktop's.
+        if (CaptureDeviceRegistry::shared().usesDefaultProviders() && pipewire::CameraPortal::isAvailable())
             return AuthorizationStatus::NotDetermined;
         return devices.empty() ? AuthorizationStatus::Restricted : AuthorizationStatus::Denied;
     }
@@ -40,15 +46,32 @@ public:
         if (answer == pipewire::CameraPortal::Answer::Granted) {
             // The portal's remote shows the cameras this process may use:
             // they join the other providers' for as long as it lives.
-            auto providers = CaptureDeviceRegistry::shared().providers();
+            auto& registry = CaptureDeviceRegistry::shared();
+            auto providers = registry.providers();  // empty: the defaults, not made yet
+            if (providers.empty() && registry.usesDefaultProviders())
+                providers = defaultCaptureDeviceProviders();
             providers.push_back(std::make_shared<pipewire::Provider>(std::move(connection)));
-            CaptureDeviceRegistry::shared().setProviders(std::move(providers));
+            registry.setProviders(std::move(providers));
+        } else if (answer == pipewire::CameraPortal::Answer::Refused) {
+            portalRefused_.store(true);
         }
         completion(answer == pipewire::CameraPortal::Answer::Granted);
     }
+
+    CameraFailureReason denialReason() override
+    {
+        if (authorizationStatus() != AuthorizationStatus::Denied)
+            return CameraFailureReason::None;
+        // Denied: the portal said no, or there are cameras this user may not open.
+        return portalRefused_.load() ? CameraFailureReason::PortalRefused : CameraFailureReason::NoPermission;
+    }
+
+private:
+    std::atomic<bool> portalRefused_{false};
 };
 
 Guarded<std::shared_ptr<CaptureAuthorizationPolicy>> gPolicy;  // null means the default
+Guarded<std::shared_ptr<CaptureAuthorizationPolicy>> gDefaultPolicy;  // made when first needed
 
 }  // namespace
 
@@ -60,6 +83,8 @@ FixedCaptureAuthorizationPolicy::FixedCaptureAuthorizationPolicy(AuthorizationSt
 void FixedCaptureAuthorizationPolicy::setStatus(AuthorizationStatus status) { status_.store(int(status)); }
 
 void FixedCaptureAuthorizationPolicy::setGrantsRequests(bool grants) { grants_.store(grants); }
+
+void FixedCaptureAuthorizationPolicy::setDenialReason(CameraFailureReason reason) { reason_.store(int(reason)); }
 
 int FixedCaptureAuthorizationPolicy::requestCount() const { return requests_.load(); }
 
@@ -80,13 +105,22 @@ void FixedCaptureAuthorizationPolicy::requestAccess(std::function<void(bool gran
 
 std::shared_ptr<CaptureAuthorizationPolicy> CaptureAuthorization::policy()
 {
-    static const auto defaultPolicy = std::make_shared<DefaultCaptureAuthorizationPolicy>();
     auto policy = gPolicy.get();
-    return policy ? policy : defaultPolicy;
+    if (policy)
+        return policy;
+    return gDefaultPolicy.with([](std::shared_ptr<CaptureAuthorizationPolicy>& fallback) {
+        if (!fallback)
+            fallback = std::make_shared<DefaultCaptureAuthorizationPolicy>();
+        return fallback;
+    });
 }
 
 void CaptureAuthorization::setPolicy(std::shared_ptr<CaptureAuthorizationPolicy> policy)
 {
+    // Back to the default means a fresh one: a portal's refusal is
+    // forgotten with the policy that heard it.
+    if (!policy)
+        gDefaultPolicy.set(nullptr);
     gPolicy.set(std::move(policy));
 }
 
@@ -95,6 +129,13 @@ AuthorizationStatus CaptureAuthorization::authorizationStatusForMediaType(MediaT
     if (mediaType != MediaType::Video)
         return AuthorizationStatus::Authorized;
     return policy()->authorizationStatus();
+}
+
+CameraFailureReason CaptureAuthorization::denialReasonForMediaType(MediaType mediaType)
+{
+    if (mediaType != MediaType::Video)
+        return CameraFailureReason::None;
+    return policy()->denialReason();
 }
 
 void CaptureAuthorization::requestAccessForMediaType(MediaType mediaType, std::function<void(bool granted)> completion)

@@ -25,6 +25,10 @@ public:
     /// Asks the user (or whatever stands in for them). Must answer exactly
     /// once, from any thread.
     virtual void requestAccess(std::function<void(bool granted)> completion) = 0;
+    /// Why access is not granted, once the status says so: NoPermission for
+    /// device permissions, PortalRefused for the desktop's camera portal;
+    /// None when there is nothing the user could change.
+    virtual CameraFailureReason denialReason() { return CameraFailureReason::None; }
 };
 
 /// A policy with a set status and a set answer: a request made while the
@@ -36,15 +40,18 @@ public:
 
     void setStatus(AuthorizationStatus status);
     void setGrantsRequests(bool grants);
+    void setDenialReason(CameraFailureReason reason);
     /// How many requests were made.
     int requestCount() const;
 
     AuthorizationStatus authorizationStatus() override;
     void requestAccess(std::function<void(bool granted)> completion) override;
+    CameraFailureReason denialReason() override { return CameraFailureReason(reason_.load()); }
 
 private:
     std::atomic<int> status_;
     std::atomic<bool> grants_;
+    std::atomic<int> reason_{int(CameraFailureReason::None)};
     std::atomic<int> requests_{0};
 };
 
@@ -56,8 +63,11 @@ public:
     /// The completion runs later, never inside this call, on a thread of the
     /// platform's choosing.
     static void requestAccessForMediaType(MediaType mediaType, std::function<void(bool granted)> completion);
+    /// The policy's reason for a status other than authorized; any thread.
+    static CameraFailureReason denialReasonForMediaType(MediaType mediaType);
 
-    /// Installs policy for the whole process; null restores the default.
+    /// Installs policy for the whole process; null restores the default,
+    /// afresh (with no portal answer heard yet).
     static void setPolicy(std::shared_ptr<CaptureAuthorizationPolicy> policy);
     static std::shared_ptr<CaptureAuthorizationPolicy> policy();
 };

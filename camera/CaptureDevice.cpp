@@ -3,6 +3,8 @@
 #include "camera/CaptureDevice_p.h"
 #include "base/Log_p.h"
 
+#include <QTimeZone>
+
 #include <algorithm>
 #include <cmath>
 
@@ -12,6 +14,78 @@ ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description)
 {
     return std::make_shared<const ErrorObject>(kCaptureErrorDomain, static_cast<long>(code),
                                                QVariantMap{{QString::fromLatin1(kLocalizedDescriptionKey), description}});
+}
+
+ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description, CameraFailureReason reason)
+{
+    QVariantMap info{{QString::fromLatin1(kLocalizedDescriptionKey), description}};
+    if (reason != CameraFailureReason::None)
+        info.insert(QString::fromLatin1(kCameraFailureReasonKey), int(reason));
+    return std::make_shared<const ErrorObject>(kCaptureErrorDomain, static_cast<long>(code), std::move(info));
+}
+
+CameraFailureReason cameraFailureReasonOf(const ErrorPtr& error)
+{
+    if (!error)
+        return CameraFailureReason::None;
+    bool ok = false;
+    const int value = error->userInfo().value(QString::fromLatin1(kCameraFailureReasonKey)).toInt(&ok);
+    if (!ok || value <= int(CameraFailureReason::None) || value > int(CameraFailureReason::NoPictures))
+        return CameraFailureReason::None;
+    return CameraFailureReason(value);
+}
+
+const char* cameraFailureReasonName(CameraFailureReason reason)
+{
+    switch (reason) {
+    case CameraFailureReason::None: break;
+    case CameraFailureReason::Busy: return "busy";
+    case CameraFailureReason::NoPermission: return "no permission";
+    case CameraFailureReason::PortalRefused: return "refused by the camera portal";
+    case CameraFailureReason::Unplugged: return "unplugged";
+    case CameraFailureReason::NoBandwidth: return "not enough USB bandwidth";
+    case CameraFailureReason::NoPictures: return "no pictures";
+    }
+    return "no known reason";
+}
+
+// ---------------------------------------------------------- power line
+
+namespace {
+Guarded<int> gPowerLineChoice{0};
+}  // namespace
+
+void setPowerLineFrequencyChoice(int hertz) { gPowerLineChoice.set(hertz == 50 || hertz == 60 ? hertz : 0); }
+
+int powerLineFrequencyChoice() { return gPowerLineChoice.get(); }
+
+int powerLineFrequencyFor(QLocale::Territory territory)
+{
+    using T = QLocale::Territory;
+    // Mains at 60 Hz; Japan runs both (50 in the east, 60 in the west) and
+    // stays with the rest of the world's 50, a host there may choose.
+    static constexpr T sixty[] = {
+        T::UnitedStates, T::Canada, T::Mexico, T::Guatemala, T::Belize, T::ElSalvador, T::Honduras, T::Nicaragua,
+        T::CostaRica, T::Panama, T::Cuba, T::Bahamas, T::DominicanRepublic, T::Haiti, T::PuertoRico,
+        T::UnitedStatesVirginIslands, T::CaymanIslands, T::Bermuda, T::TurksAndCaicosIslands, T::AntiguaAndBarbuda,
+        T::SaintKittsAndNevis, T::TrinidadAndTobago, T::Aruba, T::Colombia, T::Venezuela, T::Ecuador, T::Peru,
+        T::Brazil, T::Guyana, T::Suriname, T::Taiwan, T::SouthKorea, T::Philippines, T::SaudiArabia, T::Liberia,
+        T::Guam, T::AmericanSamoa, T::NorthernMarianaIslands, T::Micronesia, T::MarshallIslands, T::Palau,
+    };
+    return std::find(std::begin(sixty), std::end(sixty), territory) != std::end(sixty) ? 60 : 50;
+}
+
+int effectivePowerLineFrequency()
+{
+    if (const int chosen = powerLineFrequencyChoice())
+        return chosen;
+    // Where the machine is, not which language its user reads: an English
+    // locale is common far from the Americas, a time zone is local. "UTC"
+    // and the like name no territory; the locale is the next best guess.
+    QLocale::Territory territory = QTimeZone::systemTimeZone().territory();
+    if (territory == QLocale::AnyTerritory)
+        territory = QLocale::system().territory();
+    return powerLineFrequencyFor(territory);
 }
 
 // ------------------------------------------------------------------ format
@@ -386,12 +460,19 @@ void CaptureDeviceRegistry::setProviders(std::vector<CaptureDeviceProviderPtr> p
 {
     MutexLocker lock(mutex_);
     providers_ = std::move(providers);
+    providersChosen_ = true;
 }
 
 std::vector<CaptureDeviceProviderPtr> CaptureDeviceRegistry::providers() const
 {
     MutexLocker lock(mutex_);
     return providers_ ? *providers_ : std::vector<CaptureDeviceProviderPtr>{};
+}
+
+bool CaptureDeviceRegistry::usesDefaultProviders() const
+{
+    MutexLocker lock(mutex_);
+    return !providersChosen_;
 }
 
 void CaptureDeviceRegistry::setPositionOverride(const QString& uniqueIDOrLocation, CaptureDevicePosition position)

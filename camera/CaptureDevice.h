@@ -54,6 +54,7 @@ enum class CaptureErrorCode : long {
     DeviceBusy = 6,          // another application holds the camera
     AccessDenied = 7,        // the user may not open the camera
     FormatRefused = 8,       // the camera listed a format and then gave another
+    NoBandwidth = 9,         // the bus cannot carry the format now (a session tries its next one)
 };
 ZAVO_EXPORT ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description);
 
@@ -234,6 +235,8 @@ public:
     /// webcam (tests that must not depend on the machine).
     void setProviders(std::vector<CaptureDeviceProviderPtr> providers);
     std::vector<CaptureDeviceProviderPtr> providers() const;
+    /// True until setProviders is called: the machine's own cameras.
+    bool usesDefaultProviders() const;
 
     /// Overrides the position of a provider's camera (by unique ID or
     /// location, such as "/dev/video0").
@@ -258,6 +261,7 @@ private:
     mutable Mutex mutex_;
     std::vector<CaptureDevicePtr> registered_ ZAVO_GUARDED_BY(mutex_);
     std::optional<std::vector<CaptureDeviceProviderPtr>> providers_ ZAVO_GUARDED_BY(mutex_);  // unset: the defaults
+    bool providersChosen_ ZAVO_GUARDED_BY(mutex_) = false;  // setProviders was called
     std::vector<std::pair<QString, CaptureDevicePosition>> positionOverrides_ ZAVO_GUARDED_BY(mutex_);
     QString preferred_ ZAVO_GUARDED_BY(mutex_);
 };

@@ -6,9 +6,32 @@
 #include "camera/CaptureDevice.h"
 #include "media/SampleBuffer.h"
 
+#include <QLocale>
 #include <QString>
 
 namespace zavo::platform {
+
+/// User-info key of a capture error that holds its CameraFailureReason (an int).
+inline constexpr const char* kCameraFailureReasonKey = "ZavoCameraFailureReason";
+/// A capture error that also says why, in the user's terms.
+ZAVO_EXPORT ErrorPtr makeCaptureError(CaptureErrorCode code, const QString& description, CameraFailureReason reason);
+/// The reason an error carries (any error whose user info has
+/// kCameraFailureReasonKey); None for null and for errors without one.
+ZAVO_EXPORT CameraFailureReason cameraFailureReasonOf(const ErrorPtr& error);
+/// The reason in a few words for the log ("busy", "no bandwidth").
+ZAVO_EXPORT const char* cameraFailureReasonName(CameraFailureReason reason);
+
+/// The mains frequency webcams are told to filter flicker for: 50 or 60
+/// (Hz), or 0 to take it from the system's time zone (see
+/// powerLineFrequencyFor). Process-wide; a camera reads it when it starts.
+ZAVO_EXPORT void setPowerLineFrequencyChoice(int hertz);
+ZAVO_EXPORT int powerLineFrequencyChoice();
+/// The frequency a camera starting now uses: the choice, or the automatic one.
+ZAVO_EXPORT int effectivePowerLineFrequency();
+/// 60 for the territories whose mains run at 60 Hz (most of the Americas,
+/// Taiwan, South Korea, the Philippines, Saudi Arabia...), 50 for the rest
+/// of the world and for an unknown territory.
+ZAVO_EXPORT int powerLineFrequencyFor(QLocale::Territory territory);
 
 /// Formats ranked for a session that wants about width x height (either way
 /// round; sizes that cover it are measured in the camera's own orientation,
@@ -45,6 +68,11 @@ public:
     virtual void interrupt() = 0;
     /// Why read() ended, for the log.
     virtual QString endReason() const { return {}; }
+    /// Why read() ended, in the user's terms (None: not known).
+    virtual CameraFailureReason endCause() const { return CameraFailureReason::None; }
+    /// The frames per second the camera really runs at, once open; 0 when it
+    /// does not say (the format's rate then stands).
+    virtual double frameRate() const { return 0.0; }
 };
 
 }  // namespace zavo::platform

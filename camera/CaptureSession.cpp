@@ -342,13 +342,20 @@ void CaptureSession::startCapture()
             const auto& format = candidates[i];
             run->stream = device->openStream(format, &error);
             if (run->stream) {
-                run->frameDurationNs = int64_t(1e9 / format->captureFrameRate());
+                // The driver may run the format slower than it listed.
+                const double rate = run->stream->frameRate();
+                run->frameDurationNs = int64_t(1e9 / (rate > 0 ? rate : format->captureFrameRate()));
                 if (candidates.size() > 1)
                     logFormatChoice(*device, preset, candidates, i);
                 break;
             }
-            // Only a camera that refused this very format may take another.
-            if (!error || error->code() != long(CaptureErrorCode::FormatRefused))
+            // Only a camera that refused this very format, or whose bus
+            // cannot carry it, may take another: a busy or forbidden camera
+            // says the same for every format.
+            if (!error
+                || (error->code() != long(CaptureErrorCode::FormatRefused)
+                    && error->code() != long(CaptureErrorCode::NoBandwidth))
+                || i + 1 == candidates.size())
                 break;
             qCWarning(lcCameraSession, "%s; trying the next format", qUtf8Printable(error->localizedDescription()));
         }
@@ -416,7 +423,7 @@ void CaptureSession::captureLoop(Run* run)
         if (result == CaptureDeviceStream::ReadResult::Ended) {
             const QString reason = run->stream->endReason();
             qCWarning(lcCameraSession, "Capture from <%s> ended: %s", qUtf8Printable(run->deviceName), qUtf8Printable(reason));
-            const auto error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason);
+            const auto error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable, reason, run->stream->endCause());
             {
                 MutexLocker lock(session->mutex_);
                 session->runtimeError_ = error;

@@ -19,4 +19,17 @@ enum class DeviceOrientation : int {
 
 enum class FocusMode : int { Locked = 0, AutoFocus = 1, ContinuousAutoFocus = 2 };
 
+/// Why a camera could not be used, in terms its user can act on. The camera
+/// screen's error carries it (ZMCameraError::cameraFailureReason) beside its
+/// code; None when the cause is unknown or is not the camera's.
+enum class CameraFailureReason : int {
+    None = 0,
+    Busy = 1,           // another application uses the camera
+    NoPermission = 2,   // this user may not open the camera (not in the "video" group)
+    PortalRefused = 3,  // the desktop's camera portal refused access (its privacy settings)
+    Unplugged = 4,      // the camera went away while in use
+    NoBandwidth = 5,    // not enough USB bandwidth for any format the camera offers
+    NoPictures = 6,     // the camera sends nothing, or nothing usable
+};
+
 }  // namespace zavo::platform

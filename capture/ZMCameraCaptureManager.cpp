@@ -59,6 +59,11 @@ AuthorizationStatus ZMCameraCaptureManager::cameraAuthorizationStatus()
     return CaptureAuthorization::authorizationStatusForMediaType(MediaType::Video);
 }
 
+CameraFailureReason ZMCameraCaptureManager::cameraAccessDenialReason()
+{
+    return CaptureAuthorization::denialReasonForMediaType(MediaType::Video);
+}
+
 void ZMCameraCaptureManager::requestAccessForVideoWithCompletion(AuthorizationCompletion completion)
 {
     // Whatever the path, the answer is read again on the main queue: the

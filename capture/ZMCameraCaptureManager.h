@@ -68,6 +68,9 @@ public:
     /// that moment (never the raw answer of the request).
     static void requestAccessForVideoWithCompletion(AuthorizationCompletion completion);
     static platform::AuthorizationStatus cameraAuthorizationStatus();
+    /// Why the status is not authorized, in the user's terms (no permission,
+    /// refused by the desktop's portal); None when not known.
+    static platform::CameraFailureReason cameraAccessDenialReason();
 
     // ------------------------------------------------------------ properties
     // Set from the caller's thread, normally before configuration and start.

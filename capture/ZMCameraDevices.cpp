@@ -1,6 +1,7 @@
 #include "capture/ZMCameraDevices.h"
 
 #include "camera/CaptureDevice.h"
+#include "camera/CaptureDevice_p.h"
 
 namespace zavo {
 
@@ -39,5 +40,15 @@ bool ZMCameraDevices::setPreferredCamera(const QString& uniqueIDOrLocation)
 }
 
 QString ZMCameraDevices::preferredCamera() { return CaptureDeviceRegistry::shared().preferredDevice(); }
+
+bool ZMCameraDevices::setPowerLineFrequency(int hertz)
+{
+    if (hertz != 0 && hertz != 50 && hertz != 60)
+        return false;
+    platform::setPowerLineFrequencyChoice(hertz);
+    return true;
+}
+
+int ZMCameraDevices::powerLineFrequency() { return platform::powerLineFrequencyChoice(); }
 
 }  // namespace zavo

@@ -20,10 +20,13 @@
 namespace zavo {
 
 struct ZAVO_EXPORT ZMCameraDeviceInfo {
-    /// Stable for the same camera on the same port across runs
-    /// ("v4l2:usb-0000:00:14.0-1:HD Pro Webcam C920").
+    /// Stable across runs: for a webcam udev's name for it, which follows
+    /// the camera where it has a serial number
+    /// ("v4l2:usb-046d_HD_Pro_Webcam_C920_A1B2C3D4-video-index0") and else
+    /// its port ("v4l2:pci-0000:00:14.0-usb-0:1:1.0-video-index0").
     QString uniqueID;
-    /// The name the camera gives itself.
+    /// The name the camera gives itself; a second camera of the same name
+    /// gets a number ("HD Webcam (2)").
     QString name;
     /// Front or back as sessions see it now.
     platform::CaptureDevicePosition position = platform::CaptureDevicePosition::Unspecified;
@@ -43,6 +46,16 @@ public:
     static bool setPreferredCamera(const QString& uniqueIDOrLocation);
     /// The value set last; empty for the automatic choice.
     static QString preferredCamera();
+
+    /// The mains frequency (50 or 60 Hz) webcams that have the control are
+    /// set to, so that lamps do not flicker in the picture; 0 returns to the
+    /// automatic choice from the system's time zone (60 Hz in most of the
+    /// Americas, Taiwan, South Korea, the Philippines and Saudi Arabia, 50 Hz
+    /// elsewhere). False (and nothing changes) for any other value. Takes
+    /// effect when a camera next starts.
+    static bool setPowerLineFrequency(int hertz);
+    /// The value set last; 0 for the automatic choice.
+    static int powerLineFrequency();
 };
 
 }  // namespace zavo

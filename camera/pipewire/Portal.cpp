@@ -69,7 +69,12 @@ bool CameraPortal::runsSandboxed()
 
 bool CameraPortal::isAvailable()
 {
-    if (!QCoreApplication::instance())
+    // Without a session bus there is no portal, and asking Qt to look would
+    // start its bus thread for the rest of the process.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    const bool hasBus = qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS")
+        || (!runtime.isEmpty() && QFile::exists(runtime + QStringLiteral("/bus")));
+    if (!QCoreApplication::instance() || !hasBus)
         return false;
     PrivateBus bus;
     if (!bus.get().isConnected() || !bus.get().interface()

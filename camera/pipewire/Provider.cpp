@@ -57,7 +57,8 @@ public:
         if (!isConnected() || !connection_->hasCamera(camera_.id, camera_.name)) {
             if (error)
                 *error = makeCaptureError(CaptureErrorCode::DeviceNotAvailable,
-                                          QStringLiteral("%1 was unplugged").arg(location()));
+                                          QStringLiteral("%1 was unplugged").arg(location()),
+                                          CameraFailureReason::Unplugged);
             return nullptr;
         }
         return Stream::open(connection_, camera_, *match, error);

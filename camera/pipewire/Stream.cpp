@@ -112,7 +112,7 @@ std::unique_ptr<Stream> Stream::open(std::shared_ptr<Connection> connection, con
     // stall time-out; the session then tells the user it was unplugged.
     Stream* self = &s;
     s.removalWatch_ = s.connection_->watchRemoval(camera.id, [self] {
-        self->endWith(QStringLiteral("%1: the camera was unplugged").arg(self->name_));
+        self->endWith(QStringLiteral("%1: the camera was unplugged").arg(self->name_), CameraFailureReason::Unplugged);
     });
 
     uint8_t podMemory[1024];
@@ -196,6 +196,7 @@ CaptureDeviceStream::ReadResult Stream::read(SampleBuffer& frame)
                 if (mutex_.waitUntil(wake_, deadline) == std::cv_status::timeout && !pending_ && !interrupted_
                     && ended_.isEmpty()) {
                     ended_ = QStringLiteral("%1: no pictures for %2 s").arg(name_).arg(kStallTimeout.count() / 1000.0);
+                    cause_ = CameraFailureReason::NoPictures;
                     qCWarning(lcCameraPipewire, "%s", qUtf8Printable(ended_));
                 }
             }
@@ -237,11 +238,18 @@ int64_t Stream::skippedBuffers() const
     return skipped_;
 }
 
-void Stream::endWith(const QString& reason)
+CameraFailureReason Stream::endCause() const
+{
+    MutexLocker lock(mutex_);
+    return cause_;
+}
+
+void Stream::endWith(const QString& reason, CameraFailureReason cause)
 {
     MutexLocker lock(mutex_);
     if (ended_.isEmpty()) {
         ended_ = reason;
+        cause_ = cause;
         qCInfo(lcCameraPipewire, "%s", qUtf8Printable(reason));
     }
     wake_.notify_all();
@@ -252,9 +260,9 @@ void Stream::stateChanged(int state, const char* error)
     const int previous = std::exchange(state_, state);
     if (state == PW_STREAM_STATE_ERROR) {
         stateError_ = QString::fromUtf8(error ? error : "unknown error");
-        endWith(QStringLiteral("%1: %2").arg(name_, stateError_));
+        endWith(QStringLiteral("%1: %2").arg(name_, stateError_), CameraFailureReason::NoPictures);
     } else if (state == PW_STREAM_STATE_UNCONNECTED && previous != PW_STREAM_STATE_UNCONNECTED && !closing_) {
-        endWith(QStringLiteral("%1: the camera stopped sending pictures").arg(name_));
+        endWith(QStringLiteral("%1: the camera stopped sending pictures").arg(name_), CameraFailureReason::Unplugged);
     }
     connection_->loop().signal();
 }
@@ -275,7 +283,8 @@ void Stream::formatChanged(const spa_pod* param)
                       int(info.info.mjpg.size.height)};
     }
     if (!negotiated.v4l2Format || negotiated.width <= 0 || negotiated.height <= 0) {
-        endWith(QStringLiteral("%1: the camera agreed on a format not decoded here").arg(name_));
+        endWith(QStringLiteral("%1: the camera agreed on a format not decoded here").arg(name_),
+                CameraFailureReason::NoPictures);
         return;
     }
     {
@@ -406,7 +415,7 @@ Stream::Made Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuf
         decoder_ = v4l2::FrameDecoder::create(negotiated.v4l2Format, negotiated.width, negotiated.height,
                                               chunk->stride > 0 ? int(chunk->stride) : 0, false);
         if (!decoder_) {
-            endWith(QStringLiteral("%1: cannot decode its frames").arg(name_));
+            endWith(QStringLiteral("%1: cannot decode its frames").arg(name_), CameraFailureReason::NoPictures);
             return Made::Damaged;
         }
         // JPEG samples span the full range: kept so, as for webcams.
@@ -415,7 +424,7 @@ Stream::Made Stream::makeFrame(pw_buffer* buffer, int64_t nanoseconds, SampleBuf
         description_ = std::make_shared<const FormatDescription>(output, negotiated.width, negotiated.height);
         decoding_ = negotiated;
         if (!pool_) {
-            endWith(QStringLiteral("%1: no memory for frames").arg(name_));
+            endWith(QStringLiteral("%1: no memory for frames").arg(name_), CameraFailureReason::None);
             return Made::Damaged;
         }
     }

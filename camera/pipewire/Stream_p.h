@@ -34,6 +34,7 @@ public:
     ReadResult read(SampleBuffer& frame) override;
     void interrupt() override;
     QString endReason() const override;
+    CameraFailureReason endCause() const override;
 
     /// How long read() waits for a picture before it ends the stream.
     static constexpr std::chrono::milliseconds kStallTimeout{2000};
@@ -56,7 +57,7 @@ private:
     void process() ZAVO_REQUIRES(connection_->loop());
     void addBuffer(pw_buffer* buffer) ZAVO_REQUIRES(connection_->loop());
     void removeBuffer(pw_buffer* buffer) ZAVO_REQUIRES(connection_->loop());
-    void endWith(const QString& reason) ZAVO_EXCLUDES(mutex_);
+    void endWith(const QString& reason, CameraFailureReason cause) ZAVO_EXCLUDES(mutex_);
 
     // On the capture thread.
     enum class Made { Frame, Damaged, Dropped };
@@ -83,6 +84,7 @@ private:
     int64_t pendingTime_ ZAVO_GUARDED_BY(mutex_) = 0;
     bool interrupted_ ZAVO_GUARDED_BY(mutex_) = false;
     QString ended_ ZAVO_GUARDED_BY(mutex_);
+    CameraFailureReason cause_ ZAVO_GUARDED_BY(mutex_) = CameraFailureReason::None;
     Negotiated negotiated_ ZAVO_GUARDED_BY(mutex_);
     int64_t skipped_ ZAVO_GUARDED_BY(mutex_) = 0;
 

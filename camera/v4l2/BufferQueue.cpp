@@ -59,9 +59,11 @@ std::pair<const uint8_t*, size_t> BufferQueue::bytesOf(const v4l2_buffer& buffer
     if (buffer.index >= buffers_.size())
         return {nullptr, 0};
     const MappedMemory& mapped = buffers_[buffer.index];
-    // A driver that reports more bytes than the buffer holds is not believed.
-    const size_t used = buffer.bytesused ? buffer.bytesused : mapped.size();
-    if (used > mapped.size())
+    // A driver that reports more bytes than the buffer holds is not believed;
+    // one that reports none filled nothing, and the bytes there are an older
+    // frame's.
+    const size_t used = buffer.bytesused;
+    if (used == 0 || used > mapped.size())
         return {nullptr, 0};
     return {mapped.data(), used};
 }

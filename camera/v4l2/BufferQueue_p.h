@@ -20,8 +20,8 @@ public:
     bool dequeue(v4l2_buffer& buffer);
     /// Gives a dequeued buffer back to the driver.
     bool enqueue(v4l2_buffer& buffer);
-    /// The bytes of a dequeued buffer; empty when the driver's index or size
-    /// is outside what was mapped.
+    /// The bytes of a dequeued buffer; empty when the driver filled none or
+    /// its index or size is outside what was mapped.
     std::pair<const uint8_t*, size_t> bytesOf(const v4l2_buffer& buffer) const;
 
     /// Unmaps everything and gives the buffers back to the driver (the

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 #include <fcntl.h>
@@ -126,14 +127,101 @@ bool isJpeg(uint32_t pixelFormat) { return pixelFormat == V4L2_PIX_FMT_MJPEG || 
 
 bool isDecodable(uint32_t pixelFormat) { return isJpeg(pixelFormat) || rawPixelFormatOf(pixelFormat) >= 0; }
 
-std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path, ProbeFailure* failure, int* error)
+double usbBandwidthBudget(int speedMbps)
 {
-    auto fail = [&](ProbeFailure why, int code) -> std::optional<NodeDescription> {
-        if (failure)
-            *failure = why;
-        if (error)
-            *error = code;
-        return std::nullopt;
+    // The most one isochronous endpoint may reserve: full speed 1023 bytes
+    // per 1 ms frame; high speed three 1024-byte packets per 125 us
+    // microframe (24.6 MB/s, far below the 60 MB/s the bus signals);
+    // super speed three bursts of sixteen. UVC cameras stream isochronously,
+    // and the kernel has no call that tells a camera's own allowance.
+    if (speedMbps <= 0)
+        return 0;
+    if (speedMbps <= 12)
+        return 1023.0 * 1000;
+    if (speedMbps <= 480)
+        return 3.0 * 1024 * 8000;
+    return 3.0 * 16 * 1024 * 8000;
+}
+
+size_t rawFrameBytes(uint32_t pixelFormat, int width, int height)
+{
+    const size_t pixels = size_t(std::max(width, 0)) * size_t(std::max(height, 0));
+    switch (pixelFormat) {
+    case V4L2_PIX_FMT_NV12:
+    case V4L2_PIX_FMT_NV21:
+    case V4L2_PIX_FMT_YUV420: return pixels * 3 / 2;
+    case V4L2_PIX_FMT_YUYV:
+    case V4L2_PIX_FMT_UYVY: return pixels * 2;
+    case V4L2_PIX_FMT_RGB24:
+    case V4L2_PIX_FMT_BGR24: return pixels * 3;
+    case V4L2_PIX_FMT_GREY: return pixels;
+    default: return 0;
+    }
+}
+
+bool isGreyOrDepth(uint32_t pixelFormat)
+{
+    switch (pixelFormat) {
+    case V4L2_PIX_FMT_GREY:
+    case V4L2_PIX_FMT_Y4:
+    case V4L2_PIX_FMT_Y6:
+    case V4L2_PIX_FMT_Y10:
+    case V4L2_PIX_FMT_Y12:
+    case V4L2_PIX_FMT_Y14:
+    case V4L2_PIX_FMT_Y16:
+    case V4L2_PIX_FMT_Y16_BE:
+    case V4L2_PIX_FMT_Y10BPACK:
+    case V4L2_PIX_FMT_Y10P:
+    case V4L2_PIX_FMT_IPU3_Y10:
+    case V4L2_PIX_FMT_Y8I:
+    case V4L2_PIX_FMT_Y12I:
+    case V4L2_PIX_FMT_Z16:
+    case V4L2_PIX_FMT_INZI:
+    case V4L2_PIX_FMT_CNF4: return true;
+    default: return false;
+    }
+}
+
+namespace {
+
+QString rateText(double fps) { return QString::number(fps, 'f', fps == std::floor(fps) ? 0 : 2); }
+
+/// The ranges of a raw format that its port can carry: a rate too fast is
+/// left out, a range is cut down to what fits. Notes what went in *dropped.
+std::vector<FrameRateRange> withinBudget(const std::vector<FrameRateRange>& ranges, size_t frameBytes, double budget,
+                                         const QString& format, QStringList* dropped, bool* trimmed)
+{
+    *trimmed = false;
+    if (budget <= 0 || frameBytes == 0 || ranges.empty())
+        return ranges;
+    const double fastest = budget / double(frameBytes);
+    std::vector<FrameRateRange> kept;
+    for (FrameRateRange range : ranges) {
+        if (range.maxFrameRate <= fastest) {
+            kept.push_back(range);
+            continue;
+        }
+        *trimmed = true;
+        *dropped << QStringLiteral("%1 at %2 fps (%3 MB/s)")
+                        .arg(format, rateText(range.maxFrameRate))
+                        .arg(range.maxFrameRate * double(frameBytes) / 1e6, 0, 'f', 1);
+        if (range.minFrameRate > 0 && range.minFrameRate <= fastest) {
+            range.maxFrameRate = std::floor(fastest);
+            kept.push_back(range);
+        }
+    }
+    return kept;
+}
+
+}  // namespace
+
+NodeProbe probeNode(Kernel& kernel, const QString& path, double busBudget)
+{
+    NodeProbe probe;
+    auto fail = [&](ProbeFailure why, int code) {
+        probe.failure = why;
+        probe.error = code;
+        return std::move(probe);
     };
     UniqueFd fd(kernel, kernel.open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC));
     if (!fd)
@@ -143,20 +231,30 @@ std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path,
     v4l2_capability caps{};
     if (kernel.xioctl(fd.get(), VIDIOC_QUERYCAP, &caps) != 0)
         return fail(ProbeFailure::NotCapture, errno);
+    probe.card = fromFixed(caps.card, sizeof caps.card);
     const uint32_t deviceCaps = (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
     if (!(deviceCaps & V4L2_CAP_VIDEO_CAPTURE) || !(deviceCaps & V4L2_CAP_STREAMING))
         return fail(ProbeFailure::NotCapture, 0);  // metadata node, output node, or no mmap streaming
+    // Its frames are a sensor's raw Bayer data, and what they need (the
+    // pipeline's links, an image processor) lives in libcamera: the picture
+    // of such a camera comes through PipeWire, not from this node.
+    if (deviceCaps & V4L2_CAP_IO_MC)
+        return fail(ProbeFailure::MediaController, 0);
 
     NodeDescription node;
     node.path = path;
-    node.card = fromFixed(caps.card, sizeof caps.card);
+    node.card = probe.card;
     node.busInfo = fromFixed(caps.bus_info, sizeof caps.bus_info);
 
+    std::vector<DriverFormat> affordable;  // the formats the port carries
+    bool colour = false;
     v4l2_fmtdesc description{};
     description.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     for (description.index = 0;
          description.index < kMaxEnumeration && kernel.xioctl(fd.get(), VIDIOC_ENUM_FMT, &description) == 0;
          ++description.index) {
+        probe.formats << fourccText(description.pixelformat);
+        colour = colour || !isGreyOrDepth(description.pixelformat);
         if (!isDecodable(description.pixelformat)) {
             node.skippedFormats << fourccText(description.pixelformat);
             continue;
@@ -164,14 +262,35 @@ std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path,
         for (auto [width, height] : frameSizes(kernel, fd.get(), description.pixelformat)) {
             const bool fullRange = description.pixelformat == V4L2_PIX_FMT_NV12
                 && isFullRange(kernel, fd.get(), description.pixelformat, width, height);
-            auto format = std::make_shared<const CaptureDeviceFormat>(
-                mediaSubTypeFor(description.pixelformat, fullRange), width, height,
-                frameRates(kernel, fd.get(), description.pixelformat, width, height));
+            const auto rates = frameRates(kernel, fd.get(), description.pixelformat, width, height);
+            const auto subType = mediaSubTypeFor(description.pixelformat, fullRange);
+            auto format = std::make_shared<const CaptureDeviceFormat>(subType, width, height, rates);
             node.formats.push_back({format, description.pixelformat, fullRange});
+
+            const QString name =
+                QStringLiteral("%1 %2x%3").arg(fourccText(description.pixelformat)).arg(width).arg(height);
+            bool trimmed = false;
+            const auto fitting = withinBudget(rates, rawFrameBytes(description.pixelformat, width, height), busBudget,
+                                              name, &node.overBudget, &trimmed);
+            if (fitting.empty() && !rates.empty())
+                continue;
+            affordable.push_back(
+                {trimmed ? std::make_shared<const CaptureDeviceFormat>(subType, width, height, fitting) : format,
+                 description.pixelformat, fullRange});
         }
     }
+    // An infrared face-login camera (beside the colour one on many laptops)
+    // or a depth camera shows nobody a picture of their face.
+    if (!probe.formats.isEmpty() && !colour)
+        return fail(ProbeFailure::InfraredOnly, 0);
     if (node.formats.empty())
         return fail(ProbeFailure::NotCapture, 0);
+    // A camera whose every format is too much for its port keeps them all:
+    // the driver may know better (and says ENOSPC when it does not).
+    if (!affordable.empty())
+        node.formats = std::move(affordable);
+    else
+        node.overBudget.clear();
 
     v4l2_format current{};
     current.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
@@ -188,7 +307,8 @@ std::optional<NodeDescription> describeNode(Kernel& kernel, const QString& path,
     control.id = V4L2_CID_FOCUS_AUTO;
     node.focusAuto =
         kernel.xioctl(fd.get(), VIDIOC_QUERYCTRL, &control) == 0 && !(control.flags & V4L2_CTRL_FLAG_DISABLED);
-    return node;
+    probe.node = std::move(node);
+    return probe;
 }
 
 }  // namespace zavo::platform::v4l2

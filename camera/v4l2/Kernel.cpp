@@ -2,6 +2,8 @@
 #include "base/ThreadSafety.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 
 #include <cerrno>
 
@@ -95,6 +97,31 @@ public:
             }
         }
         return changed;
+    }
+
+    QString persistentName(const QString& node, Link kind) override
+    {
+        const QDir links(kind == Link::ById ? QStringLiteral("/dev/v4l/by-id") : QStringLiteral("/dev/v4l/by-path"));
+        const QString target = QStringLiteral("/dev/") + node;
+        for (const QFileInfo& link : links.entryInfoList(QDir::System | QDir::Files | QDir::NoDotAndDotDot)) {
+            if (link.isSymLink() && QFileInfo(link.symLinkTarget()).absoluteFilePath() == target)
+                return link.fileName();
+        }
+        return {};
+    }
+
+    int usbSpeedMbps(const QString& node) override
+    {
+        // The node's device is a USB interface; its parent, the USB device,
+        // says the speed the port negotiated.
+        const QString interface =
+            QFileInfo(QStringLiteral("/sys/class/video4linux/%1/device").arg(node)).canonicalFilePath();
+        if (interface.isEmpty())
+            return 0;
+        QFile speed(QFileInfo(interface).absolutePath() + QStringLiteral("/speed"));
+        if (!speed.open(QIODevice::ReadOnly))
+            return 0;
+        return int(speed.readAll().trimmed().toDouble());
     }
 
 private:

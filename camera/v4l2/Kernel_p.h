@@ -41,6 +41,16 @@ public:
     /// The first call answers true.
     virtual bool nodesChanged() = 0;
 
+    enum class Link { ById, ByPath };
+    /// The name udev linked to the node ("video0") under /dev/v4l/by-id or
+    /// /dev/v4l/by-path ("usb-046d_HD_Pro_Webcam_C920_A1B2C3D4-video-index0",
+    /// "pci-0000:00:14.0-usb-0:1:1.0-video-index0"); empty where there is none.
+    virtual QString persistentName(const QString& node, Link kind) = 0;
+    /// The speed of the USB port the node's camera is on, in Mbit/s (12 full
+    /// speed, 480 high speed, 5000 and more super speed); 0 when the camera
+    /// is not on USB or the kernel does not say.
+    virtual int usbSpeedMbps(const QString& node) = 0;
+
     /// ioctl retried while a signal interrupts it.
     int xioctl(int fd, unsigned long request, void* argument);
 };

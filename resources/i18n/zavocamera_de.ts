@@ -5,6 +5,12 @@
     <name>Localizable</name>
     <message><source>errors.camera_acess_denied</source><translation>Der Zugriff auf die Kamera ist verweigert. Erlauben Sie dieser Anwendung in den Systemeinstellungen, die Kamera zu verwenden, und versuchen Sie es erneut.</translation></message>
     <message><source>errors.camera_acess_restricted</source><translation>Der Zugriff auf die Kamera ist auf diesem Gerät eingeschränkt. Bitten Sie den Administrator des Geräts, ihn zu erlauben.</translation></message>
+    <message><source>errors.camera_busy</source><translation>Eine andere Anwendung verwendet die Kamera. Schließen Sie diese Anwendung und versuchen Sie es erneut.</translation></message>
+    <message><source>errors.camera_no_permission</source><translation>Dieses Benutzerkonto darf die Kamera nicht verwenden. Bitten Sie einen Administrator, es zur Gruppe „video“ hinzuzufügen. Melden Sie sich danach ab und wieder an und versuchen Sie es erneut.</translation></message>
+    <message><source>errors.camera_portal_refused</source><translation>Der Zugriff auf die Kamera wurde in den Datenschutzeinstellungen des Desktops verweigert. Erlauben Sie dieser Anwendung dort, die Kamera zu verwenden, und versuchen Sie es erneut.</translation></message>
+    <message><source>errors.camera_unplugged</source><translation>Die Verbindung zur Kamera wurde getrennt. Schließen Sie die Kamera wieder an und versuchen Sie es erneut.</translation></message>
+    <message><source>errors.camera_no_bandwidth</source><translation>Für die Kamera ist nicht genug USB-Bandbreite frei, weil andere USB-Geräte zu viel davon belegen. Schließen Sie die Kamera an einen anderen USB-Anschluss an oder trennen Sie andere USB-Geräte und versuchen Sie es erneut.</translation></message>
+    <message><source>errors.camera_no_pictures</source><translation>Die Kamera liefert keine Bilder. Trennen Sie sie und schließen Sie sie wieder an, oder starten Sie den Computer neu, und versuchen Sie es dann erneut.</translation></message>
     <message><source>errors.canceled</source><translation>Die Aufnahme wurde abgebrochen.</translation></message>
     <message><source>errors.VIDEO_FLUSH_FAILED</source><translation>Das Sitzungsvideo konnte nicht geschrieben werden.</translation></message>
     <message><source>errors.bad_quality</source><translation>Das Sitzungsvideo konnte nicht komprimiert werden.</translation></message>

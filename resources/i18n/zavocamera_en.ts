@@ -5,6 +5,12 @@
     <name>Localizable</name>
     <message><source>errors.camera_acess_denied</source><translation>Camera access is denied. Allow this application to use the camera in your system settings and try again.</translation></message>
     <message><source>errors.camera_acess_restricted</source><translation>Camera access is restricted on this device. Ask the device administrator to allow it.</translation></message>
+    <message><source>errors.camera_busy</source><translation>Another application is using the camera. Close it and try again.</translation></message>
+    <message><source>errors.camera_no_permission</source><translation>This user account may not use the camera. Ask an administrator to add it to the “video” group, then log out, log in again and try again.</translation></message>
+    <message><source>errors.camera_portal_refused</source><translation>Camera access was refused in the desktop&apos;s privacy settings. Allow this application to use the camera there and try again.</translation></message>
+    <message><source>errors.camera_unplugged</source><translation>The camera was disconnected. Connect it again and try again.</translation></message>
+    <message><source>errors.camera_no_bandwidth</source><translation>There is not enough USB bandwidth for the camera: other USB devices are using too much of it. Connect the camera to another USB port or disconnect other USB devices, and try again.</translation></message>
+    <message><source>errors.camera_no_pictures</source><translation>The camera sends no pictures. Disconnect it and connect it again, or restart the computer, then try again.</translation></message>
     <message><source>errors.canceled</source><translation>The capture was cancelled.</translation></message>
     <message><source>errors.VIDEO_FLUSH_FAILED</source><translation>The session video could not be written.</translation></message>
     <message><source>errors.bad_quality</source><translation>The session video could not be compressed.</translation></message>

@@ -3,9 +3,11 @@
 #include "resources/ZMBundleLink_p.h"
 #include "camera-screen/ZMCameraError.h"
 #include "camera-screen/ZMCameraError_p.h"
+#include "camera/CaptureDevice_p.h"
 #include "zavocore/ZavoCore_p.h"
 #include "zavoweb/NetworkingError.h"
 
+#include <QSet>
 #include <QtTest>
 
 using namespace zavo;
@@ -65,6 +67,46 @@ private slots:
         auto bridged = ErrorObject::bridge(std::make_shared<ZMCameraError>(ZMCameraError::accessStatus(AuthorizationStatus::Restricted)));
         QCOMPARE(bridged->code(), 0L);
         QCOMPARE(bridged->localizedDescription(), restricted);
+    }
+
+    void cameraFailuresSayWhatTheUserCanDo()
+    {
+        // A refusal with a known cause reads as that cause; its case, code
+        // and status stay what they were.
+        const auto portal = ZMCameraError::accessStatus(AuthorizationStatus::Denied, CameraFailureReason::PortalRefused);
+        QCOMPARE(portal.code(), 0L);
+        QCOMPARE(portal.authorizationStatus(), AuthorizationStatus::Denied);
+        QCOMPARE(portal.cameraFailureReason(), CameraFailureReason::PortalRefused);
+        QCOMPARE(*portal.errorDescription(), text("errors.camera_portal_refused"));
+        QCOMPARE(*ZMCameraError::accessStatus(AuthorizationStatus::Denied, CameraFailureReason::NoPermission).errorDescription(),
+                 text("errors.camera_no_permission"));
+
+        // The camera's 1004: each reason in words of its own, readable by
+        // code on the error the host gets.
+        QSet<QString> texts;
+        for (auto reason : {CameraFailureReason::Busy, CameraFailureReason::NoPermission, CameraFailureReason::PortalRefused,
+                            CameraFailureReason::Unplugged, CameraFailureReason::NoBandwidth, CameraFailureReason::NoPictures}) {
+            const ZMCameraError error = cameraErrorFromDetector(cameraFailureError(reason));
+            QCOMPARE(error.kind(), ZMCameraError::Case::bestShotError);
+            QCOMPARE(error.bestShotErrorValue()->code(), 1004L);
+            QCOMPARE(error.cameraFailureReason(), reason);
+            const QString message = *error.errorDescription();
+            QVERIFY2(!message.startsWith(QLatin1String("errors.")), qPrintable(message));
+            texts.insert(message);
+        }
+        QCOMPARE(texts.size(), 6);
+        // Without a cause, today's "no frames".
+        const ZMCameraError plain = cameraErrorFromDetector(cameraFailureError(CameraFailureReason::None));
+        QCOMPARE(plain.cameraFailureReason(), CameraFailureReason::None);
+        QCOMPARE(*plain.errorDescription(), core::zc_localized(QStringLiteral("errors.no_frames")));
+
+        // A capture error handed on whole keeps its cause; other cases have none.
+        QCOMPARE(ZMCameraError::error(makeCaptureError(CaptureErrorCode::DeviceBusy, QStringLiteral("busy"),
+                                                       CameraFailureReason::Busy))
+                     .cameraFailureReason(),
+                 CameraFailureReason::Busy);
+        QCOMPARE(ZMCameraError::canceled().cameraFailureReason(), CameraFailureReason::None);
+        QCOMPARE(ZMCameraError::accessStatus(AuthorizationStatus::Restricted).cameraFailureReason(), CameraFailureReason::None);
     }
 
     void detectorErrorsNeedTheExactCoreDomain()

@@ -156,6 +156,7 @@ private slots:
             result = stream->read(frame);
         QCOMPARE(result, CaptureDeviceStream::ReadResult::Ended);
         QVERIFY2(stream->endReason().contains(QLatin1String("unplugged")), qPrintable(stream->endReason()));
+        QCOMPARE(stream->endCause(), CameraFailureReason::Unplugged);
         // Opening the gone camera again says so rather than waiting.
         QVERIFY(!camera->openStream(camera->formats().front(), &error));
         QCOMPARE(error->code(), long(CaptureErrorCode::DeviceNotAvailable));

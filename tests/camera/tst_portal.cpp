@@ -6,6 +6,7 @@
 #include "camera/CaptureAuthorization_p.h"
 #include "camera/CaptureDevice_p.h"
 #include "camera/pipewire/Provider_p.h"
+#include "camera-screen/ZMCameraError.h"
 
 #include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
@@ -124,7 +125,10 @@ private slots:
         // leads to the camera.
         qputenv("PIPEWIRE_RUNTIME_DIR", noDaemon.path().toLocal8Bit());
         qputenv("DBUS_SESSION_BUS_ADDRESS", rig->busAddress().toLocal8Bit());
-        CaptureDeviceRegistry::shared().setProviders({});
+        for (const auto& device : CaptureDeviceRegistry::shared().allDevices()) {
+            if (device->canOpen())
+                QSKIP("this machine has a webcam the process can open: it never needs the portal");
+        }
 
         QDBusConnection bus = QDBusConnection::connectToBus(rig->busAddress(), QStringLiteral("fake-portal"));
         QVERIFY(bus.isConnected());
@@ -136,9 +140,8 @@ private slots:
         QVERIFY(bus.registerService(QStringLiteral("org.freedesktop.portal.Desktop")));
     }
 
-    // Refused: the request answers no, nothing is listed, and the question
-    // stays the portal's (it remembers the user's answer, so asking again
-    // is how a later session learns of a changed mind).
+    // Refused: the request answers no, nothing is listed, and the status
+    // says denied by the portal, which is the text the user then reads.
     void aRefusalGivesNoCamera()
     {
         portal->grants = false;
@@ -147,12 +150,19 @@ private slots:
         QCOMPARE(portal->accessRequests.load(), 1);
         QCOMPARE(portal->remotesOpened.load(), 0);
         QVERIFY(!listed("pipewire:sandboxcam"));
+        QCOMPARE(CaptureAuthorization::authorizationStatusForMediaType(MediaType::Video), AuthorizationStatus::Denied);
+        QCOMPARE(CaptureAuthorization::denialReasonForMediaType(MediaType::Video), CameraFailureReason::PortalRefused);
+        const zavo::ZMCameraError error = zavo::ZMCameraError::accessStatus(AuthorizationStatus::Denied, CameraFailureReason::PortalRefused);
+        QVERIFY2(error.errorDescription()->contains(QLatin1String("privacy settings")), qPrintable(*error.errorDescription()));
     }
 
     // Granted: the cameras behind the portal's remote are listed and can be
     // opened, and the status says so without asking again.
     void aGrantListsTheCamerasBehindThePortal()
     {
+        // A process whose user said no keeps that answer; this one starts
+        // with the question open again.
+        CaptureAuthorization::setPolicy(nullptr);
         portal->grants = true;
         const int before = portal->accessRequests.load();
         QVERIFY(requestAccess());
@@ -176,6 +186,7 @@ private slots:
 
     void cleanupTestCase()
     {
+        // The portal's provider holds a connection to the daemon about to end.
         CaptureDeviceRegistry::shared().setProviders({});
         if (portal) {
             // Destroyed on its own thread, which then ends.

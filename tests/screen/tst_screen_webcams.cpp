@@ -1,12 +1,16 @@
 // Whole camera sessions on fake webcams that list the formats of real ones:
 // the reference detector must reach a best shot through the real V4L2
-// backend, and a busy, forbidden or unplugged camera must end the session
-// the documented way, leaving no descriptor, mapping or thread behind.
+// backend, and a busy, forbidden, unplugged, starved or silent camera must
+// end the session the documented way, telling the host why in words its
+// user can act on, and leaving no descriptor, mapping or thread behind.
 #include "FakeWebcams.h"
+#include "LogRecorder.h"
 #include "PictureMarkers.h"
 #include "ScreenTestSupport.h"
 
 #include "base/DispatchQueue.h"
+#include "camera/CaptureAuthorization_p.h"
+#include "resources/ZMBundleLink_p.h"
 #include "zavocore/ZavoCore_p.h"
 
 #include <QApplication>
@@ -15,6 +19,11 @@
 using namespace zavo;
 using namespace zavo::testing;
 using platform::AuthorizationStatus;
+using platform::CameraFailureReason;
+
+namespace {
+QString text(const char* key) { return ZMBundleLink::bundle().localizedString(QLatin1String(key)); }
+}  // namespace
 
 class TstScreenWebcams : public QObject {
     Q_OBJECT
@@ -46,6 +55,7 @@ private slots:
         platform::CaptureDeviceRegistry::shared().unregisterAll();
         core::ZCBestShotBuilder::setFactory({});
         (void)faceFeed();  // decodes the clip once, before any clock runs
+        (void)LogRecorder::instance();
     }
 
     void init()
@@ -98,33 +108,91 @@ private slots:
         QVERIFY2(looksShownAs(image, markedFace(image.size()), 0, true, false, &why), qPrintable(why));
     }
 
-    void busyWebcamEndsTheSession()
+    void aCameraThatGivesNoPicturesEndsTheSessionSayingWhy_data()
     {
-        auto camera = fixtureCamera(QStringLiteral("usb1080p_h264.txt"));
-        camera->setFormatErrno = EBUSY;
-        webcams->kernel->plug(QStringLiteral("video0"), camera);
-        PermissionScope permission(AuthorizationStatus::Authorized);
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression("/dev/video0 \\(HD Pro Webcam C920\\) is in use by another application"));
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera stopped: .*in use by another application"));
-        present(true);
-        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
-        QCOMPARE(endingCode(), 1004L);
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<CameraFailureReason>("reason");
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("busy") << "busy" << CameraFailureReason::Busy << "errors.camera_busy"
+                              << "busy\\): /dev/video0 \\(HD Pro Webcam C920\\) is in use by another application";
+        QTest::newRow("no USB bandwidth") << "bandwidth" << CameraFailureReason::NoBandwidth << "errors.camera_no_bandwidth"
+                                          << "not enough USB bandwidth\\): .*not enough USB bandwidth for";
+        QTest::newRow("silent") << "stall" << CameraFailureReason::NoPictures << "errors.camera_no_pictures"
+                                << "no pictures\\): /dev/video0: no picture for 0.3 s";
+        QTest::newRow("only broken buffers") << "errors" << CameraFailureReason::NoPictures << "errors.camera_no_pictures"
+                                             << "no pictures\\): /dev/video0: 30 buffers in a row without a picture";
     }
 
-    void forbiddenWebcamIsAnAccessDenial()
+    void aCameraThatGivesNoPicturesEndsTheSessionSayingWhy()
     {
-        auto camera = fixtureCamera(QStringLiteral("laptop_builtin.txt"));
-        camera->openErrno = EACCES;
+        QFETCH(QString, fault);
+        QFETCH(CameraFailureReason, reason);
+        QFETCH(QString, key);
+        QFETCH(QString, logged);
+        // The silent camera is given up on sooner than a real one would be.
+        webcams.reset();
+        webcams = std::make_unique<FakeWebcams>(platform::v4l2::StreamLimits{std::chrono::milliseconds(300), 30});
+        auto camera = fixtureCamera(QStringLiteral("usb1080p_h264.txt"));
+        if (fault == QLatin1String("busy"))
+            camera->setFormatErrno = EBUSY;
+        else if (fault == QLatin1String("bandwidth"))
+            camera->streamOnErrno = ENOSPC;
+        else if (fault == QLatin1String("stall"))
+            camera->stallAfter = 10;
+        else
+            camera->bufferFault = [](int64_t number) {
+                return number > 10 ? FakeCamera::BufferFault::ErrorFlag : FakeCamera::BufferFault::None;
+            };
         webcams->kernel->plug(QStringLiteral("video0"), camera);
+        PermissionScope permission(AuthorizationStatus::Authorized);
+        configuration->detector.minSharpness = 1e9;  // no shot may end it first
+        LogRecorder::instance().clear();
+        present(false);
+        QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
+        QCOMPARE(endingCode(), 1004L);
+        const Outcome outcome = host->last();
+        QCOMPARE(outcome.error->cameraFailureReason(), reason);
+        QVERIFY(text(qPrintable(key)) != key);
+        QCOMPARE(outcome.error->localizedDescription(), text(qPrintable(key)));
+        QCOMPARE(LogRecorder::instance().count(QRegularExpression("the camera stopped \\(" + logged)), 1);
+    }
+
+    void accessRefusalsSayWhy_data()
+    {
+        QTest::addColumn<bool>("portal");
+        QTest::addColumn<CameraFailureReason>("reason");
+        QTest::addColumn<QString>("says");
         // The default permission policy: what this user can open.
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("no access to /dev/video0: .*\"video\" group"));
+        QTest::newRow("not in the video group") << false << CameraFailureReason::NoPermission << "“video” group";
+        // A camera portal that said no, as the desktop's policy would.
+        QTest::newRow("the desktop's portal")
+            << true << CameraFailureReason::PortalRefused << "Camera access was refused in the desktop's privacy settings.";
+    }
+
+    void accessRefusalsSayWhy()
+    {
+        QFETCH(bool, portal);
+        QFETCH(CameraFailureReason, reason);
+        QFETCH(QString, says);
+        auto camera = fixtureCamera(QStringLiteral("laptop_builtin.txt"));
+        std::optional<PermissionScope> permission;
+        if (portal) {
+            permission.emplace(AuthorizationStatus::Denied);
+            permission->policy->setDenialReason(CameraFailureReason::PortalRefused);
+        } else {
+            camera->openErrno = EACCES;
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("no access to /dev/video0: .*\"video\" group"));
+        }
+        webcams->kernel->plug(QStringLiteral("video0"), camera);
         present(false);
         QTRY_COMPARE_WITH_TIMEOUT(host->count(), 1, 30000);
         const Outcome outcome = host->last();
         QVERIFY(outcome.error);
         QCOMPARE(outcome.error->kind(), ZMCameraError::Case::accessStatus);
         QCOMPARE(outcome.error->authorizationStatus(), AuthorizationStatus::Denied);
+        QCOMPARE(outcome.error->cameraFailureReason(), reason);
+        QVERIFY2(outcome.error->localizedDescription().contains(says), qPrintable(outcome.error->localizedDescription()));
     }
 
     void unpluggedWebcamEndsTheSessionAndKeepsItsVideo()
@@ -136,7 +204,7 @@ private slots:
         present(true);
         QTRY_VERIFY_WITH_TIMEOUT(webcams->kernel->deliveredFrames() >= 30, 30000);
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera was unplugged"));
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera stopped: .*unplugged"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the camera stopped \\(unplugged\\): .*unplugged"));
         QElapsedTimer clock;
         clock.start();
         webcams->kernel->unplug(QStringLiteral("video0"));
@@ -144,6 +212,8 @@ private slots:
         qInfo("unplugged to outcome: %lld ms", (long long)clock.elapsed());
         QCOMPARE(endingCode(), 1004L);
         const Outcome outcome = host->last();
+        QCOMPARE(outcome.error->cameraFailureReason(), CameraFailureReason::Unplugged);
+        QCOMPARE(outcome.error->localizedDescription(), text("errors.camera_unplugged"));
         QVERIFY(outcome.videoFile);
         // Final once the host hears so (the file itself is briefly absent
         // while the recompressed rendition takes its place).

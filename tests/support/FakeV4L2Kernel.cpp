@@ -59,6 +59,7 @@ struct FakeV4L2Kernel::Node {
     std::shared_ptr<const FakeCamera> camera;
     bool present = true;
     bool streaming = false;  // one streaming handle per node, as UVC allows
+    std::map<uint32_t, int> controls;  // set values; they outlive a descriptor, as a camera's do
 };
 
 struct FakeV4L2Kernel::Handle {
@@ -130,6 +131,32 @@ int FakeV4L2Kernel::liveMappings() const
 {
     zavo::MutexLocker lock(mutex_);
     return mappings_;
+}
+
+std::optional<int> FakeV4L2Kernel::control(const QString& node, uint32_t id) const
+{
+    zavo::MutexLocker lock(mutex_);
+    auto found = nodes_.find(node);
+    if (found == nodes_.end())
+        return std::nullopt;
+    auto value = found->second->controls.find(id);
+    return value == found->second->controls.end() ? std::nullopt : std::optional<int>(value->second);
+}
+
+QString FakeV4L2Kernel::persistentName(const QString& node, Link kind)
+{
+    zavo::MutexLocker lock(mutex_);
+    auto found = nodes_.find(node);
+    if (found == nodes_.end())
+        return {};
+    return kind == Link::ById ? found->second->camera->byId : found->second->camera->byPath;
+}
+
+int FakeV4L2Kernel::usbSpeedMbps(const QString& node)
+{
+    zavo::MutexLocker lock(mutex_);
+    auto found = nodes_.find(node);
+    return found == nodes_.end() ? 0 : found->second->camera->usbSpeedMbps;
 }
 
 QStringList FakeV4L2Kernel::videoNodes()
@@ -214,6 +241,11 @@ int FakeV4L2Kernel::munmap(void*, size_t)
 
 bool FakeV4L2Kernel::frameDue(const Handle& handle, Clock::time_point now, Clock::time_point* due) const
 {
+    const int64_t stallAfter = handle.node->camera->stallAfter;
+    if (stallAfter >= 0 && handle.sequence >= stallAfter) {
+        *due = Clock::time_point::max();
+        return false;
+    }
     if (handle.node->camera->unpaced) {
         *due = now;
         return true;
@@ -225,11 +257,14 @@ bool FakeV4L2Kernel::frameDue(const Handle& handle, Clock::time_point now, Clock
 
 int FakeV4L2Kernel::poll(pollfd* fds, nfds_t count, int timeoutMs)
 {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeoutMs, 0));
     for (;;) {
         std::vector<pollfd> real;
         std::vector<nfds_t> realIndex;
         int ready = 0;
-        auto wait = std::chrono::milliseconds(timeoutMs < 0 ? 1000 : timeoutMs);
+        auto wait = timeoutMs < 0 ? std::chrono::milliseconds(1000)
+                                  : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        wait = std::max(wait, std::chrono::milliseconds(0));
         {
             zavo::MutexLocker lock(mutex_);
             const auto now = Clock::now();
@@ -253,7 +288,7 @@ int FakeV4L2Kernel::poll(pollfd* fds, nfds_t count, int timeoutMs)
                 if (frameDue(*handle, now, &due)) {
                     fds[i].revents = POLLIN;
                     ++ready;
-                } else {
+                } else if (due != Clock::time_point::max()) {
                     wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(due - now));
                 }
             }
@@ -268,10 +303,8 @@ int FakeV4L2Kernel::poll(pollfd* fds, nfds_t count, int timeoutMs)
         }
         if (ready > 0 || timeoutMs == 0)
             return ready;
-        // Woken by the frame clock or the time-out: look again. A caller's
-        // finite time-out is not tracked further; the backend only waits
-        // without one.
-        if (timeoutMs > 0)
+        // Woken by the frame clock: look again, until the caller's time-out.
+        if (timeoutMs > 0 && Clock::now() >= deadline)
             return 0;
     }
 }
@@ -311,8 +344,11 @@ int FakeV4L2Kernel::ioctl(int fd, unsigned long request, void* argument)
     const size_t capacity = handle->buffers[index].size();
     lock.unlock();
 
-    QByteArray bytes = camera->feed ? camera->feed(fourcc, width, height, sequence) : QByteArray();
     const int64_t number = sequence + 1;
+    const auto fault = camera->bufferFault ? camera->bufferFault(number) : FakeCamera::BufferFault::None;
+    QByteArray bytes = camera->feed && fault != FakeCamera::BufferFault::Empty
+        ? camera->feed(fourcc, width, height, sequence)
+        : QByteArray();
     if (camera->truncateEvery > 0 && number % camera->truncateEvery == 0)
         bytes.truncate(bytes.size() / 2);
     if (camera->corruptEvery > 0 && number % camera->corruptEvery == 0) {
@@ -333,7 +369,8 @@ int FakeV4L2Kernel::ioctl(int fd, unsigned long request, void* argument)
     buffer.index = index;
     buffer.bytesused = uint32_t(size);
     buffer.sequence = uint32_t(sequence);
-    buffer.flags = V4L2_BUF_FLAG_MAPPED | V4L2_BUF_FLAG_DONE;
+    buffer.flags = V4L2_BUF_FLAG_MAPPED | V4L2_BUF_FLAG_DONE
+        | (fault == FakeCamera::BufferFault::ErrorFlag ? V4L2_BUF_FLAG_ERROR : 0);
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     buffer.timestamp.tv_sec = now.tv_sec;
@@ -359,10 +396,11 @@ int FakeV4L2Kernel::ioctlLocked(Handle& handle, unsigned long request, void* arg
     case VIDIOC_QUERYCAP: {
         auto& caps = *static_cast<v4l2_capability*>(argument);
         caps = {};
-        std::strncpy(reinterpret_cast<char*>(caps.driver), "uvcvideo", sizeof caps.driver - 1);
+        std::strncpy(reinterpret_cast<char*>(caps.driver), camera.mediaController ? "isys" : "uvcvideo",
+                     sizeof caps.driver - 1);
         std::strncpy(reinterpret_cast<char*>(caps.card), camera.card.toUtf8().constData(), sizeof caps.card - 1);
         std::strncpy(reinterpret_cast<char*>(caps.bus_info), camera.busInfo.toUtf8().constData(), sizeof caps.bus_info - 1);
-        caps.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING;
+        caps.device_caps = V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_STREAMING | (camera.mediaController ? V4L2_CAP_IO_MC : 0);
         caps.capabilities = caps.device_caps | V4L2_CAP_DEVICE_CAPS;
         return 0;
     }
@@ -473,22 +511,58 @@ int FakeV4L2Kernel::ioctlLocked(Handle& handle, unsigned long request, void* arg
         format.fmt.pix.height = handle.height ? handle.height : first.height;
         return 0;
     }
-    case VIDIOC_S_PARM: {
+    case VIDIOC_S_PARM:
+    case VIDIOC_G_PARM: {
         auto& parameters = *static_cast<v4l2_streamparm*>(argument);
-        const auto& perFrame = parameters.parm.capture.timeperframe;
-        if (perFrame.numerator > 0 && perFrame.denominator > 0) {
+        if (parameters.type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
+            return fail(EINVAL);
+        auto& perFrame = parameters.parm.capture.timeperframe;
+        if (request == VIDIOC_S_PARM && camera.parmAnswer > 0) {
+            handle.fps = camera.parmAnswer;
+        } else if (request == VIDIOC_S_PARM && perFrame.numerator > 0 && perFrame.denominator > 0) {
             // The driver keeps the fastest rate it has that is not faster
             // than asked; this one simply caps at what the format lists.
             handle.fps = std::min(handle.fps, double(perFrame.denominator) / perFrame.numerator);
         }
+        // Like uvcvideo, the answer is the interval really set.
+        parameters.parm.capture.capability = V4L2_CAP_TIMEPERFRAME;
+        perFrame = {1000, uint32_t(handle.fps * 1000.0 + 0.5)};
         return 0;
     }
-    case VIDIOC_QUERYCTRL:
-        if (static_cast<v4l2_queryctrl*>(argument)->id == V4L2_CID_FOCUS_AUTO && camera.focusAuto)
+    case VIDIOC_QUERYCTRL: {
+        auto& control = *static_cast<v4l2_queryctrl*>(argument);
+        const uint32_t id = control.id;
+        control = {};
+        control.id = id;
+        if (id == V4L2_CID_FOCUS_AUTO && camera.focusAuto) {
+            control.type = V4L2_CTRL_TYPE_BOOLEAN;
+            control.maximum = 1;
             return 0;
+        }
+        if (id == V4L2_CID_EXPOSURE_AUTO_PRIORITY && camera.exposurePriority) {
+            control.type = V4L2_CTRL_TYPE_BOOLEAN;
+            control.maximum = 1;
+            control.default_value = 1;
+            return 0;
+        }
+        if (id == V4L2_CID_POWER_LINE_FREQUENCY && camera.powerLineFrequency) {
+            control.type = V4L2_CTRL_TYPE_MENU;
+            control.maximum = V4L2_CID_POWER_LINE_FREQUENCY_60HZ;
+            control.default_value = V4L2_CID_POWER_LINE_FREQUENCY_50HZ;
+            return 0;
+        }
         return fail(EINVAL);
-    case VIDIOC_S_CTRL:
-        return camera.focusAuto ? 0 : fail(EINVAL);
+    }
+    case VIDIOC_S_CTRL: {
+        const auto& control = *static_cast<v4l2_control*>(argument);
+        const bool present = (control.id == V4L2_CID_FOCUS_AUTO && camera.focusAuto)
+            || (control.id == V4L2_CID_EXPOSURE_AUTO_PRIORITY && camera.exposurePriority)
+            || (control.id == V4L2_CID_POWER_LINE_FREQUENCY && camera.powerLineFrequency);
+        if (!present)
+            return fail(EINVAL);
+        handle.node->controls[control.id] = control.value;
+        return 0;
+    }
     case VIDIOC_REQBUFS: {
         auto& request = *static_cast<v4l2_requestbuffers*>(argument);
         if (request.memory != V4L2_MEMORY_MMAP)
@@ -522,6 +596,9 @@ int FakeV4L2Kernel::ioctlLocked(Handle& handle, unsigned long request, void* arg
     case VIDIOC_STREAMON:
         if (camera.streamOnErrno)
             return fail(camera.streamOnErrno);
+        if (std::find(camera.noBandwidthFor.begin(), camera.noBandwidthFor.end(), handle.fourcc)
+            != camera.noBandwidthFor.end())
+            return fail(ENOSPC);
         if (handle.node->streaming && !handle.streaming)
             return fail(EBUSY);
         handle.streaming = true;

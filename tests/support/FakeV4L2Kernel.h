@@ -2,9 +2,13 @@
 // A kernel with fake V4L2 cameras behind the real V4L2 backend: it answers
 // the ioctls a UVC driver answers, from a recorded format list, streams
 // frames from a FrameFeed at the negotiated rate, and misbehaves on request
-// (busy, forbidden, unplugged, a format listed and then refused, damaged
-// frames). Real descriptors (the stream's wake-up eventfd) pass through to
-// the machine's kernel.
+// the way real drivers do (busy, forbidden, unplugged, a format listed and
+// then refused, damaged frames, buffers flagged as erroneous or empty, no
+// USB bandwidth at stream-on, a stall, a slower rate than asked). It also
+// stands in for what udev and sysfs say about a node (by-id and by-path
+// names, USB speed) and plays media-controller nodes such as an IPU6 laptop's.
+// Real descriptors (the stream's wake-up eventfd) pass through to the
+// machine's kernel.
 #include "base/ThreadSafety.h"
 #include "V4L2FormatList.h"
 #include "camera/v4l2/Kernel_p.h"
@@ -19,6 +23,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 namespace zavo::testing {
 
@@ -52,6 +57,31 @@ struct FakeCamera {
     int truncateEvery = 0;
     /// Every n-th frame has its bytes scrambled (JPEG header kept); 0: never.
     int corruptEvery = 0;
+    enum class BufferFault { None, ErrorFlag, Empty };
+    /// What the driver does with frame n (1-based): hands it back flagged
+    /// V4L2_BUF_FLAG_ERROR, or with bytesused 0. Null: nothing.
+    std::function<BufferFault(int64_t number)> bufferFault;
+    /// Frames sent before the camera goes silent (still streaming, no more
+    /// buffers); -1: never.
+    int64_t stallAfter = -1;
+    /// VIDIOC_STREAMON fails with ENOSPC in these formats (fourccs), as
+    /// uvcvideo does when the bus has no room for them.
+    std::vector<uint32_t> noBandwidthFor;
+    /// VIDIOC_S_PARM sets this rate whatever was asked; 0: the asked one,
+    /// capped at the format's fastest.
+    double parmAnswer = 0;
+
+    // What udev and sysfs say.
+    /// A raw node of a media-controller pipeline (V4L2_CAP_IO_MC).
+    bool mediaController = false;
+    QString byId;    // its name under /dev/v4l/by-id; empty: none
+    QString byPath;  // under /dev/v4l/by-path
+    int usbSpeedMbps = 0;
+
+    // Controls beside focus; what the backend sets is read back through
+    // FakeV4L2Kernel::control.
+    bool exposurePriority = false;    // V4L2_CID_EXPOSURE_AUTO_PRIORITY
+    bool powerLineFrequency = false;  // V4L2_CID_POWER_LINE_FREQUENCY (disabled, 50, 60 Hz)
 };
 
 class FakeV4L2Kernel final : public platform::v4l2::Kernel {
@@ -78,6 +108,8 @@ public:
     int openDescriptors() const;
     /// Mappings not unmapped yet.
     int liveMappings() const;
+    /// The value last set on a control of node; nullopt when never set.
+    std::optional<int> control(const QString& node, uint32_t id) const;
 
     int open(const QString& path, int flags) override;
     int close(int fd) override;
@@ -90,6 +122,8 @@ public:
     int eventfd() override;
     QStringList videoNodes() override;
     bool nodesChanged() override;
+    QString persistentName(const QString& node, Link kind) override;
+    int usbSpeedMbps(const QString& node) override;
 
 private:
     struct Node;

@@ -38,9 +38,10 @@ inline std::shared_ptr<FakeCamera> fixtureCamera(const QString& name)
 /// The process's cameras are the fake kernel's while this lives.
 struct FakeWebcams {
     std::shared_ptr<FakeV4L2Kernel> kernel = std::make_shared<FakeV4L2Kernel>();
-    FakeWebcams()
+    explicit FakeWebcams(platform::v4l2::StreamLimits limits = {})
     {
-        platform::CaptureDeviceRegistry::shared().setProviders({std::make_shared<platform::v4l2::Provider>(kernel)});
+        platform::CaptureDeviceRegistry::shared().setProviders(
+            {std::make_shared<platform::v4l2::Provider>(kernel, limits)});
     }
     ~FakeWebcams()
     {
