@@ -6,6 +6,7 @@
 // A webcam's JPEG frames are not always whole (USB packets lost, a frame cut
 // at the buffer's end); such a frame is skipped and counted, never shown
 // half grey.
+#include "base/ZavoExport.h"
 #include "media/FFmpeg_p.h"
 #include "media/PixelBuffer.h"
 #include "media/VideoFrameConverter_p.h"
@@ -23,7 +24,7 @@ int rawPixelFormatOf(uint32_t v4l2PixelFormat);
 /// EOI, before any zero padding the driver leaves behind it.
 bool isWholeJpeg(const uint8_t* data, size_t size);
 
-class FrameDecoder {
+class ZAVO_EXPORT FrameDecoder {
 public:
     /// Null when the format cannot be decoded.
     static std::unique_ptr<FrameDecoder> create(uint32_t v4l2PixelFormat, int width, int height, int bytesPerLine,
