@@ -167,7 +167,9 @@ void appendOfferedFormats(const spa_pod* enumFormat, std::vector<NodeFormat>& fo
             for (spa_rectangle size : sizesOf(sizes)) {
                 if (size.width == 0 || size.height == 0)
                     continue;
-                for (const auto& [rate, range] : ratesOf(rates)) {
+                for (const auto& offered : ratesOf(rates)) {
+                    const spa_fraction rate = offered.first;
+                    const FrameRateRange range = offered.second;
                     const bool known = std::any_of(formats.begin(), formats.end(), [&](const NodeFormat& f) {
                         return f.v4l2PixelFormat == v4l2Format && f.format->width() == int(size.width)
                             && f.format->height() == int(size.height) && rateOf(f.rate) == rateOf(rate);

@@ -97,8 +97,7 @@ std::unique_ptr<Stream> Stream::open(std::shared_ptr<Connection> connection, con
         },
     };
 
-    ThreadLoop& loop = s.connection_->loop();
-    LoopLocker lock(loop);
+    LoopLocker lock(s.connection_->loop());
     const QByteArray target = camera.name.toUtf8();
     pw_properties* properties = pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                                                   PW_KEY_MEDIA_ROLE, "Camera", PW_KEY_TARGET_OBJECT,
@@ -143,7 +142,7 @@ std::unique_ptr<Stream> Stream::open(std::shared_ptr<Connection> connection, con
                 break;
         }
         const int64_t left = deadline - monotonicNanoseconds();
-        if (left <= 0 || !loop.waitFor(left)) {
+        if (left <= 0 || !s.connection_->loop().waitFor(left)) {
             // Not an error yet: a camera that wakes slowly still gets the
             // stall time-out of read() to send its first picture.
             qCInfo(lcCameraPipewire, "%s: no format agreed yet after %lld ms", qUtf8Printable(where),
