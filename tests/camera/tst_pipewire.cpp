@@ -167,21 +167,22 @@ private slots:
     // camera should: the shot mirrored, the session video as the camera saw.
     void theDemoReachesABestShotThroughPipeWire()
     {
-#if defined(__SANITIZE_THREAD__)
-        // At ThreadSanitizer's pace the demo falls behind the producer's
-        // first frames; GStreamer's pipewiresink then waits for buffers that
-        // PipeWire recycles one per cycle, and stops sending for good. The
-        // plain and AddressSanitizer runs cover this session.
-        QSKIP("the GStreamer producer stalls behind a consumer running under ThreadSanitizer");
-#endif
         const QSize size(720, 1280);
         const QImage reference = markedFace(size);
         // A webcam's way of sending: JPEG pictures in an AVI, decoded by the
-        // producer and handed over raw at the clip's pace.
+        // producer and handed over raw at the clip's pace. At ThreadSanitizer's
+        // pace the demo cannot take 30 frames a second, and GStreamer's
+        // pipewiresink, short of buffers (PipeWire recycles one per cycle),
+        // then stops sending for good: a slower camera keeps it going.
+#if defined(__SANITIZE_THREAD__)
+        const QString rate = QStringLiteral("8");
+#else
+        const QString rate = QStringLiteral("30");
+#endif
         const QString still = scratch.filePath("face.png");
         const QString clip = scratch.filePath("face.avi");
         QVERIFY(reference.save(still));
-        QVERIFY(zavo::testing::ffmpeg({"-loop", "1", "-framerate", "30", "-i", still, "-t", "12", "-c:v", "mjpeg", "-q:v", "4", clip}));
+        QVERIFY(zavo::testing::ffmpeg({"-loop", "1", "-framerate", rate, "-i", still, "-t", "12", "-c:v", "mjpeg", "-q:v", "4", clip}));
         QVERIFY(rig->startCamera("face", QStringLiteral("filesrc location=%1 ! avidemux ! jpegdec ! videoconvert ! "
                                                         "video/x-raw,format=I420 ! identity sync=true")
                                              .arg(clip)));
