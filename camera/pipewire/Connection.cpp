@@ -2,13 +2,14 @@
 
 #include "base/Log_p.h"
 
+#include <QDeadlineTimer>
+
 #include <pipewire/pipewire.h>
 #include <spa/param/param.h>
 #include <spa/utils/result.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <cstring>
 #include <mutex>
 
@@ -18,7 +19,7 @@ namespace zavo::platform::pipewire {
 
 namespace {
 
-constexpr int64_t kFirstListingWait = 1'000'000'000;  // ns
+constexpr qint64 kFirstListingWaitMs = 1000;
 
 void initialiseOnce()
 {
@@ -225,14 +226,9 @@ std::vector<CameraNode> Connection::cameras()
         }
         return true;
     };
-    timespec start{};
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    const int64_t startNs = int64_t(start.tv_sec) * 1'000'000'000 + start.tv_nsec;
+    const QDeadlineTimer deadline(kFirstListingWaitMs);
     while (!settled()) {
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const int64_t left = kFirstListingWait - (int64_t(now.tv_sec) * 1'000'000'000 + now.tv_nsec - startNs);
-        if (left <= 0 || !loop_.waitFor(left)) {
+        if (deadline.hasExpired() || !loop_.waitFor(deadline.remainingTimeNSecs())) {
             qCWarning(lcCameraPipewire, "the PipeWire daemon did not finish listing its cameras within a second");
             break;
         }

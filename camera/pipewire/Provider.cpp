@@ -43,6 +43,7 @@ public:
     CaptureDevicePosition nativePosition() const override { return positionOf(camera_); }
     const CameraNode& node() const { return camera_; }
     uint32_t nodeId() const { return camera_.id; }
+    const Connection* connection() const { return connection_.get(); }
 
     std::unique_ptr<CaptureDeviceStream> openStream(const CaptureDeviceFormatPtr& format, ErrorPtr* error) override
     {
@@ -109,12 +110,14 @@ std::vector<CaptureDevicePtr> Provider::devices()
 
     std::vector<CaptureDevicePtr> present;
     for (auto& camera : cameras) {
+        // A node keeps its id and formats for as long as it stays; a new id,
+        // or the same one from a restarted daemon, is a new camera.
         auto same = std::find_if(devices_.begin(), devices_.end(), [&](const CaptureDevicePtr& d) {
             const auto& known = static_cast<const PipeWireCaptureDevice&>(*d);
-            return known.nodeId() == camera.id && known.node().name == camera.name && d->isConnected();
+            return known.connection() == connection.get() && known.nodeId() == camera.id
+                && known.node().name == camera.name && d->isConnected();
         });
-        if (same != devices_.end() && static_cast<const PipeWireCaptureDevice&>(**same).node().formats.size()
-                                          == camera.formats.size())
+        if (same != devices_.end())
             present.push_back(*same);
         else
             present.push_back(std::make_shared<PipeWireCaptureDevice>(connection, std::move(camera)));

@@ -39,7 +39,6 @@ Stream* streamOf(void* data) { return static_cast<Stream*>(data); }
 struct Stream::Mapping {
     void* address = MAP_FAILED;
     size_t length = 0;
-    int fd = -1;
     ~Mapping()
     {
         if (address != MAP_FAILED)
@@ -316,8 +315,7 @@ void Stream::addBuffer(pw_buffer* buffer)
         return;
     auto mapping = std::make_unique<Mapping>();
     mapping->length = size_t(data.maxsize) + size_t(data.mapoffset);
-    mapping->fd = int(data.fd);
-    mapping->address = ::mmap(nullptr, mapping->length, PROT_READ, MAP_SHARED, mapping->fd, 0);
+    mapping->address = ::mmap(nullptr, mapping->length, PROT_READ, MAP_SHARED, int(data.fd), 0);
     if (mapping->address == MAP_FAILED) {
         qCWarning(lcCameraPipewire, "%s: a DMA-BUF buffer could not be mapped: %s", qUtf8Printable(name_),
                   std::strerror(errno));
