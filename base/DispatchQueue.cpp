@@ -1,5 +1,6 @@
 #include "base/DispatchQueue.h"
 
+#include "base/MainQueueWait_p.h"
 #include "base/RingQueue_p.h"
 #include "base/ThreadSafety.h"
 
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <thread>
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -249,6 +251,25 @@ DispatchQueue& DispatchQueue::main()
 {
     static DispatchQueue mainQueue;
     return mainQueue;
+}
+
+bool runMainQueueUntil(const std::function<bool()>& done, std::chrono::milliseconds limit)
+{
+    if (!DispatchQueue::main().isCurrent())
+        qFatal("zavo: runMainQueueUntil off the GUI thread");
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    MainQueueState& main = mainQueueState();
+    while (!done()) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        // What done() watches (threads ending) posts nothing when it changes:
+        // look again at least every few milliseconds.
+        pollfd wake{main.wakeFd, POLLIN, 0};
+        if (::poll(&wake, 1, int(std::min<long>(left.count(), 5))) > 0)
+            main.drain();
+    }
+    return true;
 }
 
 // ------------------------------------------------------------------ common

@@ -34,7 +34,6 @@ class QWidget;
 
 namespace zavo {
 
-class ZMCameraViewControllerProtocol;
 class ZMSessionPresentation;
 
 /// How a session ended, for hosts written in C++ or QML. Copyable; a
@@ -180,15 +179,12 @@ Q_SIGNALS:
 
 private:
     class Delegate;
-    class Outcome;
+    struct Parts;
     void setState(State state);
     void finishAtStart(ZMCameraError error);
     void deliverBestShot(core::ZCBestShotPtr shot, std::optional<QString> video);
     void deliverError(const ZMCameraError& error, std::optional<QString> video);
     void deliverVideoFinal(std::optional<QString> video, QString problem);
-    void outcomeDone(bool namedVideo);
-    std::shared_ptr<ZMCameraViewControllerProtocol> buildScreen();
-    void waitForComponentThreads();
 
     State state_ = State::Idle;
     bool recordVideo_ = true;
@@ -197,15 +193,11 @@ private:
     VideoPolicy videoPolicy_ = VideoPolicy::ReplacePrevious;
     QVariantList steps_;
     core::ZCZavoConfigurationPtr configuration_;
-
-    std::shared_ptr<ZMCameraSession*> token_;  // outcomes reach the session through it, while it lives
-    std::shared_ptr<Delegate> delegate_;
-    std::shared_ptr<ZMCameraViewControllerProtocol> screen_;
     core::ZCBestShotPtr lastBestShot_;
-    ZMSessionPresentation* presentation_ = nullptr;  // child object
     bool outcomeCame_ = false;
     bool videoPending_ = false;
     int threadsBefore_ = 0;
+    std::unique_ptr<Parts> parts_;  // the screen, its container and the delegate
 };
 
 }  // namespace zavo

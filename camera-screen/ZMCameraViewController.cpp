@@ -81,8 +81,12 @@ struct MainQueueDeleter {
 
 }  // namespace
 
-/// Escape closes the screen; the overlay re-lays its views when a child's
-/// size hint changes (a banner whose message wraps onto another line).
+/// Escape closes the screen, and so does hiding it: a window closed by the
+/// window manager, Alt+F4 or QWindow::close, a host's hide() or a hidden
+/// parent. Only a spontaneous hide (minimised, another workspace) leaves the
+/// session running, because the user will come back to it. The overlay
+/// re-lays its views when a child's size hint changes (a banner whose
+/// message wraps onto another line).
 class ZMCameraViewController::EventFilter : public QObject {
 public:
     EventFilter(ZMCameraViewController* screen, QWidget* root) : QObject(root), screen_(screen) {}
@@ -96,6 +100,9 @@ protected:
         }
         if (event->type() == QEvent::LayoutRequest && watched == screen_->controls_.data())
             screen_->layoutOverlay();
+        if (event->type() == QEvent::Hide && !event->spontaneous() && watched == screen_->view()
+            && !screen_->endingStarted_)
+            screen_->close();
         return false;
     }
 
@@ -118,8 +125,10 @@ ZMCameraViewController::ZMCameraViewController(ConstructionKey)
 }
 
 // Capture is not stopped here: it ends only through the ending paths, and a
-// released capture manager stops its own session.
-ZMCameraViewController::~ZMCameraViewController() = default;
+// released capture manager stops its own session. The root widget outlives
+// this part of the object (the base deletes it), and hiding it then must not
+// reach back into a screen that is going.
+ZMCameraViewController::~ZMCameraViewController() { delete eventFilter_.data(); }
 
 std::shared_ptr<ZMCameraViewController> ZMCameraViewController::strongSelf()
 {
@@ -274,6 +283,7 @@ void ZMCameraViewController::setupViews()
     changeCameraButton_->setVisible(showSwitchCamera);
 
     auto* filter = new EventFilter(this, view());
+    eventFilter_ = filter;
     view()->installEventFilter(filter);
     controls_->installEventFilter(filter);
     viewSetUp_ = true;
@@ -350,7 +360,11 @@ void ZMCameraViewController::setupPreview(const platform::CaptureVideoPreviewLay
     ZAVO_ASSERT_ON_MAIN();
     if (wasViewDestroyed())
         return;  // the session was cancelled with the view
-    if (layer) {
+    if (layer && previewSink_) {
+        layer->setFrame(QRectF(view()->rect()));
+        layer->setVideoGravity(platform::CaptureVideoPreviewLayer::VideoGravity::ResizeAspectFill);
+        previewSink_(layer);
+    } else if (layer) {
         layer->setFrame(QRectF(view()->rect()));
         layer->setVideoGravity(platform::CaptureVideoPreviewLayer::VideoGravity::ResizeAspectFill);
         if (previewView_)
@@ -371,8 +385,13 @@ void ZMCameraViewController::setupPreview(const platform::CaptureVideoPreviewLay
                 self->pushFrame(frame);
         });
     });
+    // A prompt the user leaves unanswered must not keep a released screen
+    // (and everything it owns) alive.
     ZMCameraCaptureManager::requestAccessForVideoWithCompletion(
-        [self = strongSelf()](platform::AuthorizationStatus status) { self->handleAccessResult(status); });
+        [weak = weakSelf()](platform::AuthorizationStatus status) {
+            if (auto self = weak.lock())
+                self->handleAccessResult(status);
+        });
 }
 
 void ZMCameraViewController::pushFrame(const platform::SampleBuffer& frame)

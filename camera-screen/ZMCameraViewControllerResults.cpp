@@ -40,8 +40,8 @@ bool showsLongMessage(long code)
 void ZMCameraViewController::handleAccessResult(platform::AuthorizationStatus status)
 {
     ZAVO_ASSERT_ON_MAIN();
-    if (wasViewDestroyed())
-        return;  // cancelled with the view: nothing starts
+    if (wasViewDestroyed() || endingStarted_)
+        return;  // cancelled (with the view, or hidden) before the answer: nothing starts
     if (status == platform::AuthorizationStatus::Authorized) {
         {
             // Read later on a recorder thread, which must never wait for the

@@ -138,6 +138,14 @@ public:
 
     /// The close button: cancels the session. Main thread.
     void close();
+    /// Whether the session's ending has begun (an outcome is on its way).
+    bool isEnding() const { return endingStarted_; }
+    /// For a front end that draws the preview itself: the layer goes to sink
+    /// instead of into a preview widget. Before the view loads.
+    void setPreviewSink(std::function<void(const platform::CaptureVideoPreviewLayerPtr&)> sink)
+    {
+        previewSink_ = std::move(sink);
+    }
     /// The switch button: front to back camera and back. Main thread.
     void changeCamera();
 
@@ -246,6 +254,8 @@ private:
     detail::OwnedView<QPushButton> closeButton_;
 
     QPointer<QWidget> previewView_;
+    QPointer<QObject> eventFilter_;  // a child of the root widget
+    std::function<void(const platform::CaptureVideoPreviewLayerPtr&)> previewSink_;
     QPointer<QVariantAnimation> faceAnimation_;
     bool viewSetUp_ = false;
     bool endingStarted_ = false;  // main queue

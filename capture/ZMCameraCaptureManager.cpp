@@ -251,11 +251,27 @@ void ZMCameraCaptureManager::stopWithCompletion(std::function<void()> completion
     });
 }
 
+void ZMCameraCaptureManager::setVideoDestination(const QString& folder, bool keepEach)
+{
+    MutexLocker lock(mutex_);
+    videoFolder_ = folder;
+    keepEachVideo_ = keepEach;
+}
+
 void ZMCameraCaptureManager::startVideoFileRecord()
 {
     if (!recordVideo())
         return;
-    const QString path = ZMRecordingStorage::folderPath() + QLatin1Char('/') + ZMRecordingStorage::kRecordedVideoFileName;
+    QString folder;
+    bool keepEach = false;
+    {
+        MutexLocker lock(mutex_);
+        folder = videoFolder_;
+        keepEach = keepEachVideo_;
+    }
+    const QString path = folder.isEmpty()
+        ? ZMRecordingStorage::folderPath() + QLatin1Char('/') + ZMRecordingStorage::kRecordedVideoFileName
+        : ZMRecordingStorage::hostVideoPath(folder, keepEach);
     {
         MutexLocker lock(mutex_);
         videoFile_ = path;

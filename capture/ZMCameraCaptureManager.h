@@ -91,6 +91,12 @@ public:
     double frameHeight() const { return frameHeight_.load(); }
     void setFrameHeight(double height) { frameHeight_.store(height); }
 
+    /// Where recordings go: empty for the component's own folder
+    /// (Documents/bright_fold, emptied at each recording), else a host's
+    /// folder, never emptied, with one video name or (keepEach) a new name
+    /// per recording.
+    void setVideoDestination(const QString& folder, bool keepEach);
+
     /// Path of the session video of the current recording; empty before the
     /// first recording.
     QString videoFile() const;
@@ -187,6 +193,8 @@ private:
     platform::CaptureDevicePtr camera_ ZAVO_GUARDED_BY(mutex_);
     std::shared_ptr<ZMSaveVideoServiceProtocol> saveVideoService_ ZAVO_GUARDED_BY(mutex_);
     QString videoFile_ ZAVO_GUARDED_BY(mutex_);
+    QString videoFolder_ ZAVO_GUARDED_BY(mutex_);
+    bool keepEachVideo_ ZAVO_GUARDED_BY(mutex_) = false;
     std::shared_ptr<const SampleBufferHandler> sampleBufferHandler_ ZAVO_GUARDED_BY(mutex_);
     std::weak_ptr<platform::CaptureVideoPreviewLayer> previewLayer_ ZAVO_GUARDED_BY(mutex_);
 };

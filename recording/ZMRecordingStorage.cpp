@@ -6,7 +6,9 @@
 #include "base/Log_p.h"
 #include "zavocore/ZavoCore_p.h"
 
+#include <QDateTime>
 #include <QDir>
+#include <QTemporaryFile>
 #include <QFileInfo>
 #include <cstring>
 #include <exception>
@@ -72,6 +74,47 @@ void ZMRecordingStorage::recreateEmptyFolder()
         qCWarning(platform::lcRecordingStorage, "NSException while deleting old video <%s>", exception.what());
     }
     QDir().mkpath(path);
+}
+
+bool ZMRecordingStorage::isInOwnFolder(const QString& videoPath)
+{
+    return QFileInfo(videoPath).absolutePath() == QFileInfo(folderPath()).absoluteFilePath();
+}
+
+QString ZMRecordingStorage::recompressedPathFor(const QString& videoPath)
+{
+    if (isInOwnFolder(videoPath))
+        return recompressedVideoPath();
+    const QFileInfo video(videoPath);
+    return video.absolutePath() + QLatin1Char('/') + video.completeBaseName() + QStringLiteral(".recompressing.mp4");
+}
+
+QString ZMRecordingStorage::hostVideoPath(const QString& folder, bool keepEach)
+{
+    const QString base = QDir(folder).absolutePath() + QLatin1Char('/');
+    if (!keepEach)
+        return base + QStringLiteral("zavocamera-session.mp4");
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    QString path = base + QStringLiteral("zavocamera-%1.mp4").arg(stamp);
+    // Two sessions in one second, or a file the host left: never reuse a name.
+    for (int n = 2; QFileInfo::exists(path) || QFileInfo::exists(recompressedPathFor(path)); ++n)
+        path = base + QStringLiteral("zavocamera-%1-%2.mp4").arg(stamp).arg(n);
+    return path;
+}
+
+QString ZMRecordingStorage::checkWritableFolder(const QString& folder)
+{
+    const QFileInfo info(folder);
+    if (info.exists() && !info.isDir())
+        return QStringLiteral("%1 is a file, not a folder").arg(folder);
+    if (!info.exists() && !QDir().mkpath(folder))
+        return QStringLiteral("the folder %1 cannot be made").arg(folder);
+    // Permission bits say too little (read-only mounts, ACLs, a full disk's
+    // reserved blocks): a real file decides.
+    QTemporaryFile probe(QDir(folder).absoluteFilePath(QStringLiteral(".zavocamera-probe-XXXXXX")));
+    if (!probe.open())
+        return QStringLiteral("the folder %1 cannot be written: %2").arg(folder, probe.errorString());
+    return {};
 }
 
 platform::ErrorPtr ZMRecordingStorage::videoFlushFailedError()

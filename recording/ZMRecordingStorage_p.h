@@ -41,6 +41,21 @@ struct ZAVO_EXPORT ZMRecordingStorage {
     /// so each recording starts from an empty folder.
     static void recreateEmptyFolder();
 
+    /// Whether a video at this path lives in the component's own folder,
+    /// which is emptied at each recording; a host's folder never is.
+    static bool isInOwnFolder(const QString& videoPath);
+    /// Where the compressor writes before its result replaces videoPath: in
+    /// the same folder, so the swap is a rename. The component's own folder
+    /// keeps its one fixed name; in a host's folder each video gets its own,
+    /// so sessions that overlap never share one.
+    static QString recompressedPathFor(const QString& videoPath);
+    /// The session video's path in a host's folder: one fixed name, or with
+    /// keepEach a name of its own from the local time, numbered when taken.
+    static QString hostVideoPath(const QString& folder, bool keepEach);
+    /// An empty string when a video can be written into folder (made with its
+    /// parents when missing), else why not, for the user.
+    static QString checkWritableFolder(const QString& folder);
+
     /// Code 1018 in the component's domain: the frame-dump writer could not be
     /// set up. Its description is the key "errors.VIDEO_FLUSH_FAILED" itself.
     static platform::ErrorPtr videoFlushFailedError();

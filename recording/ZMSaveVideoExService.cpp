@@ -3,7 +3,9 @@
 #include "resources/ZMBundleLink_p.h"
 #include "recording/ZMRecordingStorage_p.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <atomic>
 
@@ -64,7 +66,13 @@ void ZMSaveVideoExService::beginRecordWithFileURL(const QUrl& fileURL)
         stopAnnounced_ = false;
         heldFinish_.reset();
     }
-    recreateBrightfoldFolder();
+    // A host's folder holds the host's files: it is made if missing, never
+    // emptied.
+    const QString path = fileURL.toLocalFile();
+    if (ZMRecordingStorage::isInOwnFolder(path))
+        recreateBrightfoldFolder();
+    else
+        QDir().mkpath(QFileInfo(path).absolutePath());
     if (videoFileOutput_)
         videoFileOutput_->startRecordingToOutputFileURL(fileURL, shared_from_this());
 }
@@ -143,7 +151,7 @@ void ZMSaveVideoExService::reportFinishedRecording(const QUrl& fileURL, ErrorPtr
     target.reset();
     // The compressor's report goes to whoever is the delegate by then.
     compressionService_->compressFileWithUrlToCompress(
-        recorded, ZMRecordingStorage::recompressedVideoPath(), [self = shared_from_this(), decided](long result) {
+        recorded, ZMRecordingStorage::recompressedPathFor(recorded), [self = shared_from_this(), decided](long result) {
             ErrorPtr compressionError;
             if (result == rawValue(CompressionResult::failure))
                 compressionError = ZMRecordingStorage::badQualityError();
