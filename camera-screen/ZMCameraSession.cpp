@@ -470,6 +470,7 @@ void ZMCameraSession::deliverBestShot(core::ZCBestShotPtr shot, std::optional<QS
         return;  // the screen ends once per session as the host sees it
     outcomeCame_ = true;
     videoPending_ = video.has_value();
+    videoPath_ = video.value_or(QString());
     lastBestShot_ = shot;
     QPointer<ZMCameraSession> alive(this);
     emit bestShot(shot->image(), metadataOf(*shot), video.value_or(QString()));
@@ -483,6 +484,7 @@ void ZMCameraSession::deliverError(const ZMCameraError& error, std::optional<QSt
         return;
     outcomeCame_ = true;
     videoPending_ = video.has_value();
+    videoPath_ = video.value_or(QString());
     QPointer<ZMCameraSession> alive(this);
     emit failed(ZMSessionError(error), video.value_or(QString()));
     if (alive)
@@ -494,6 +496,7 @@ void ZMCameraSession::deliverVideoFinal(std::optional<QString> video, QString pr
     if (!videoPending_)
         return;
     videoPending_ = false;
+    videoPath_ = video.value_or(QString());
     QPointer<ZMCameraSession> alive(this);
     emit videoFinished(video.value_or(QString()), problem);
     if (alive)

@@ -82,6 +82,7 @@ class ZAVO_EXPORT ZMCameraSession : public QObject {
     Q_PROPERTY(QString videoFolder READ videoFolder WRITE setVideoFolder NOTIFY settingsChanged)
     Q_PROPERTY(VideoPolicy videoPolicy READ videoPolicy WRITE setVideoPolicy NOTIFY settingsChanged)
     Q_PROPERTY(QVariantList steps READ steps WRITE setSteps NOTIFY settingsChanged)
+    Q_PROPERTY(QString videoPath READ videoPath NOTIFY stateChanged)
 public:
     enum class State {
         Idle,       // not started
@@ -146,6 +147,10 @@ public:
     /// The best shot of the last session, with everything the detector knows
     /// of it; null until bestShot was emitted.
     core::ZCBestShotPtr lastBestShot() const { return lastBestShot_; }
+    /// The session video: named by the outcome, and once Finished the file
+    /// as it stays. Empty when there is none (recording off, nothing
+    /// recorded, or deleted because no face was seen).
+    QString videoPath() const { return videoPath_; }
 
     /// For the component's own front ends (the QML item): the session drawn
     /// elsewhere, its screen kept off screen. Call before start().
@@ -194,6 +199,7 @@ private:
     QVariantList steps_;
     core::ZCZavoConfigurationPtr configuration_;
     core::ZCBestShotPtr lastBestShot_;
+    QString videoPath_;
     bool outcomeCame_ = false;
     bool videoPending_ = false;
     int threadsBefore_ = 0;

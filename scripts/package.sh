@@ -29,6 +29,10 @@ cmake -S examples/host -B "$host_build" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/
 cmake --build "$host_build"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# A private HOME keeps the session video out of the user's Documents.
+# A private HOME keeps the session video out of the user's Documents; the
+# session example writes its face and video into its working folder.
+(cd "$work" && HOME=$work QT_QPA_PLATFORM=offscreen timeout 120 \
+  "$host_build/zavocamera-host-example" "$root/tests/data/A_zoom_blur_dark.mp4")
+test -s "$work/face.png" && ls "$work"/videos/zavocamera-session.mp4 >/dev/null
 HOME=$work QT_QPA_PLATFORM=offscreen timeout 120 \
-  "$host_build/zavocamera-host-example" "$root/tests/data/A_zoom_blur_dark.mp4"
+  "$host_build/zavocamera-host-builder-example" "$root/tests/data/A_zoom_blur_dark.mp4"

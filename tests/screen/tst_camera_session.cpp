@@ -175,6 +175,7 @@ private slots:
             QVERIFY(heard.metadata.value(QStringLiteral("quality")).toDouble() > 0);
             QVERIFY(session.lastBestShot());
             QCOMPARE(heard.finalVideo, heard.outcomeVideo);
+            QCOMPARE(session.videoPath(), heard.finalVideo);
             QCOMPARE(QFileInfo(heard.finalVideo).absolutePath(), QDir(folder.path() + "/sessions").absolutePath());
             QVERIFY(QFileInfo(heard.finalVideo).fileName().startsWith(QLatin1String("zavocamera-")));
             QVERIFY(decodableFrames(heard.finalVideo) > 0);
