@@ -2,9 +2,13 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS zavo_build_flags EXPORT ZavoCameraTargets)
 install(EXPORT ZavoCameraTargets NAMESPACE ZavoCamera:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
+# Where the QML module "ZavoCamera" is installed (quick/CMakeLists.txt), for
+# hosts outside /usr to add to their QML import path.
+set(ZAVO_QML_IMPORT_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/qt6/qml)
 configure_package_config_file(cmake/ZavoCameraConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake
-  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera
+  PATH_VARS ZAVO_QML_IMPORT_INSTALL_DIR)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
