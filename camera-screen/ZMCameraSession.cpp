@@ -336,12 +336,25 @@ void ZMCameraSession::setSteps(const QVariantList& steps)
     if (steps == steps_)
         return;
     steps_ = steps;
+    stepObjects_.clear();
+    emit settingsChanged();
+}
+
+void ZMCameraSession::setInteractionSteps(std::vector<core::ZCStepConfigPtr> steps)
+{
+    steps_.clear();
+    stepObjects_ = std::move(steps);
     emit settingsChanged();
 }
 
 void ZMCameraSession::setConfiguration(core::ZCZavoConfigurationPtr configuration)
 {
     configuration_ = std::move(configuration);
+}
+
+void ZMCameraSession::setCustomization(std::shared_ptr<ZMCustomization> customization)
+{
+    customization_ = std::move(customization);
 }
 
 QWidget* ZMCameraSession::view()
@@ -403,14 +416,19 @@ bool ZMCameraSession::start()
     parts_->delegate = std::make_shared<Delegate>(parts_->token);
     auto configuration = configuration_ ? configuration_ : std::make_shared<core::ZCZavoConfiguration>();
     ZMSessionPresentation* presentation = parts_->presentation;
-    std::shared_ptr<ZMCustomization> customization;
+    std::shared_ptr<ZMCustomization> customization = customization_;
     if (presentation)
         customization = std::make_shared<ZMCustomization>(std::make_shared<PresentedViews>(presentation));
     parts_->screen = std::static_pointer_cast<ZMCameraViewController>(
         ZMCameraBuilder::viewController(parts_->delegate, configuration, nullptr, customization, recordVideo_));
     ZMCameraViewController* screen = parts_->screen.get();
+    if (!screen) {
+        // The builder said why (a customization without its customizer).
+        finishAtStart(settingError(3, tr("The camera screen cannot be made.")));
+        return true;
+    }
     screen->captureManager()->setVideoDestination(videoFolder_, videoPolicy_ == VideoPolicy::KeepEach);
-    if (const auto steps = parseSteps(steps_); !steps.empty())
+    if (const auto steps = stepObjects_.empty() ? parseSteps(steps_) : stepObjects_; !steps.empty())
         screen->defineInteractionsStep(steps);
 
     if (presentation) {
