@@ -209,6 +209,7 @@ private:
     void deliverBestShot(const core::ZCBestShotPtr& bestShot);
     void outcomeDelivered(bool namedVideo);
     std::optional<QString> deliveredVideoFile() const;
+    static void warnDelegateGone(const char* outcome);
 
     // Outlets of the scene (weak: the root view owns them).
     QPointer<QWidget> controls_;

@@ -4,6 +4,7 @@
 // registered, so capture runs without frames unless a test adds one.
 #include "base/ThreadSafety.h"
 #include "QueueBarriers.h"
+#include "LogRecorder.h"
 #include "ScreenTestSupport.h"
 
 #include "camera/CaptureDevice.h"
@@ -680,6 +681,8 @@ private slots:
 
     void outcomesAreDroppedOnceTheHostLetsGo()
     {
+        auto& log = zavo::testing::LogRecorder::instance();
+        log.clear();
         present();
         const auto tally = host->tally;
         std::weak_ptr<HostDelegate> watch = host;
@@ -699,6 +702,8 @@ private slots:
         screen->captureManager()->captureSessionQueue()->sync([] {});
         QVERIFY(zavo::testing::flushMainQueue());  // a delivery hopping through the main queue lands here
         QCOMPARE(tally->load(), 0);
+        // Dropped, but not silently: the host is told where it looks.
+        QVERIFY(log.count(QRegularExpression(QStringLiteral("dropped: its delegate no longer exists"))) >= 1);
         host = std::make_shared<HostDelegate>();
     }
 
