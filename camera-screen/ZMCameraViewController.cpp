@@ -34,7 +34,12 @@ using platform::DispatchQueue;
 
 namespace {
 
-QString tr(const char* text) { return QCoreApplication::translate("ZMCameraViewController", text); }
+QString tr(const char* text) { return ZMBundleLink::screenText(text); }
+
+QStringList rootTexts(const QWidget* root)
+{
+    return {root->windowTitle(), root->accessibleName(), root->accessibleDescription()};
+}
 
 /// The bundle image drawn in one flat colour, keeping its alpha (a template
 /// image with a tint colour). Kept in Qt's pixmap cache: a fresh pixmap per
@@ -96,6 +101,10 @@ protected:
         }
         if (event->type() == QEvent::LayoutRequest && watched == screen_->controls_.data())
             screen_->layoutOverlay();
+        // Qt hands the event down from the root to every child; the root
+        // relabels the whole screen.
+        if (event->type() == QEvent::LanguageChange && watched == screen_->view())
+            screen_->retranslate();
         return false;
     }
 
@@ -205,12 +214,28 @@ ZMFaceDetectionViewProtocol& ZMCameraViewController::faceDetectionView()
 
 void ZMCameraViewController::loadView()
 {
-    // The form and the screen's own labels translate through the application.
-    ZMBundleLink::bundle().installTranslator();
     auto* root = new QWidget;
-    ::Ui::ZMCameraViewController form;
-    form.setupUi(root);
+    form_ = std::make_unique<::Ui::ZMCameraViewController>();
+    form_->setupUi(root);
+    formRootTexts_ = rootTexts(root);
     setView(root);
+}
+
+void ZMCameraViewController::retranslate()
+{
+    ZAVO_ASSERT_ON_MAIN();
+    QWidget* root = view();
+    const QStringList before = rootTexts(root);
+    form_->retranslateUi(root);
+    const QStringList translated = rootTexts(root);
+    if (before[0] != formRootTexts_[0])
+        root->setWindowTitle(before[0]);
+    if (before[1] != formRootTexts_[1])
+        root->setAccessibleName(before[1]);
+    if (before[2] != formRootTexts_[2])
+        root->setAccessibleDescription(before[2]);
+    formRootTexts_ = translated;
+    labelOwnViews();
 }
 
 void ZMCameraViewController::viewDidLoad()
@@ -268,9 +293,9 @@ void ZMCameraViewController::setupViews()
     banner->setParent(controls_);
     banner->hide();
     banner->setFocusPolicy(Qt::NoFocus);
-    banner->setAccessibleName(tr("Message"));
 
     setupCloseButton();
+    labelOwnViews();
     changeCameraButton_->setVisible(showSwitchCamera);
 
     auto* filter = new EventFilter(this, view());
@@ -288,12 +313,20 @@ void ZMCameraViewController::setupCloseButton()
     button->setIconSize(image.deviceIndependentSize().toSize());
     button->setFlat(true);
     button->setFocusPolicy(Qt::StrongFocus);
-    button->setAccessibleName(tr("Close"));
-    button->setAccessibleDescription(tr("Stops the camera without taking a photo"));
-    button->setToolTip(tr("Close"));
     QObject::connect(button, &QPushButton::clicked, button, [this] { close(); });
     button->setParent(controls_);
     button->show();
+}
+
+// The texts of the views the screen adds to its form; the form's own are
+// the form's business.
+void ZMCameraViewController::labelOwnViews()
+{
+    notificationView_->widget()->setAccessibleName(tr("Message"));
+    QPushButton* button = closeButton_.get();
+    button->setAccessibleName(tr("Close"));
+    button->setAccessibleDescription(tr("Stops the camera without taking a photo"));
+    button->setToolTip(tr("Close"));
 }
 
 // Qt has no constraints: the overlay is laid out by hand on every resize,

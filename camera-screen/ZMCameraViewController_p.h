@@ -33,6 +33,9 @@
 
 class QAbstractButton;
 class QVariantAnimation;
+namespace Ui {
+class ZMCameraViewController;
+}
 
 namespace zavo {
 
@@ -184,6 +187,8 @@ private:
     void bindOutlets();
     void setupViews();
     void setupCloseButton();
+    void labelOwnViews();
+    void retranslate();
     void layoutOverlay();
     void setupPreview(const platform::CaptureVideoPreviewLayerPtr& layer);
     void pushFrame(const platform::SampleBuffer& frame);
@@ -201,6 +206,12 @@ private:
     void deliverBestShot(const core::ZCBestShotPtr& bestShot);
     void outcomeDelivered(bool namedVideo);
     std::optional<QString> deliveredVideoFile() const;
+
+    // The compiled form, kept to translate its texts again on a language
+    // change, and the root's texts as the form last set them: a host that
+    // titled or named the root itself keeps its own.
+    std::unique_ptr<::Ui::ZMCameraViewController> form_;
+    QStringList formRootTexts_;
 
     // Outlets of the scene (weak: the root view owns them).
     QPointer<QWidget> controls_;
