@@ -4,6 +4,6 @@
 <context>
     <name>Localizable</name>
     <message><source>errors.connection</source><translation>No se pudo conectar con el servidor. Verifique su conexión y vuelva a intentarlo.</translation></message>
-    <message><source>errors.liveness_connection</source><translation>La prueba de vida no pudo conectar con su servidor. Verifique su conexión y vuelva a intentarlo.</translation></message>
+    <message><source>errors.liveness_connection</source><translation>La prueba de vida no pudo conectarse con su servidor. Verifique su conexión y vuelva a intentarlo.</translation></message>
 </context>
 </TS>

@@ -4,6 +4,6 @@
 <context>
     <name>Localizable</name>
     <message><source>errors.connection</source><translation>Impossible de joindre le serveur. Vérifiez votre connexion, puis réessayez.</translation></message>
-    <message><source>errors.liveness_connection</source><translation>La vérification du vivant n’a pas pu joindre son serveur. Vérifiez votre connexion, puis réessayez.</translation></message>
+    <message><source>errors.liveness_connection</source><translation>La détection du vivant n’a pas pu joindre son serveur. Vérifiez votre connexion, puis réessayez.</translation></message>
 </context>
 </TS>
