@@ -34,6 +34,8 @@ using platform::DispatchQueue;
 
 namespace {
 
+// Called tr so that lupdate files the screen's own texts under the form's
+// context, where the bundle looks for them.
 QString tr(const char* text) { return ZMBundleLink::screenText(text); }
 
 QStringList rootTexts(const QWidget* root)
