@@ -9,6 +9,7 @@
 #include "camera-screen/ZMSessionPresentation_p.h"
 #include "capture/ZMCameraDevices.h"
 #include "recording/ZMRecordingStorage_p.h"
+#include "resources/ZMBundleLink_p.h"
 #include "zavocore/ZCStepConfig.h"
 
 #include <QCoreApplication>
@@ -25,6 +26,10 @@ namespace {
 /// How long destruction waits for the component's threads: the recorder
 /// finishing a file and a compression stopping take well under a second.
 constexpr std::chrono::milliseconds kThreadWaitLimit(5000);
+
+/// The session's texts live in the screen's table: a host reads them as the
+/// screen's own.
+QString sessionText(const char* text) { return ZMBundleLink::screenText(text); }
 
 const QString kSessionErrorDomain = QStringLiteral("ZavoCamera.ZMCameraSession");
 
@@ -402,13 +407,13 @@ bool ZMCameraSession::start()
 
     if (!cameraLocation_.isEmpty() && !ZMCameraDevices::setPreferredCamera(cameraLocation_)) {
         qCWarning(platform::lcScreen, "ZMCameraSession: no camera at %s", qUtf8Printable(cameraLocation_));
-        finishAtStart(settingError(1, tr("There is no camera at %1.").arg(cameraLocation_)));
+        finishAtStart(settingError(1, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "There is no camera at %1.")).arg(cameraLocation_)));
         return true;
     }
     if (recordVideo_ && !videoFolder_.isEmpty()) {
         if (const QString problem = ZMRecordingStorage::checkWritableFolder(videoFolder_); !problem.isEmpty()) {
             qCWarning(platform::lcScreen, "ZMCameraSession: %s", qUtf8Printable(problem));
-            finishAtStart(settingError(2, tr("The session video cannot be saved in %1.").arg(videoFolder_)));
+            finishAtStart(settingError(2, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "The session video cannot be saved in %1.")).arg(videoFolder_)));
             return true;
         }
     }
@@ -424,7 +429,7 @@ bool ZMCameraSession::start()
     ZMCameraViewController* screen = parts_->screen.get();
     if (!screen) {
         // The builder said why (a customization without its customizer).
-        finishAtStart(settingError(3, tr("The camera screen cannot be made.")));
+        finishAtStart(settingError(3, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "The camera screen cannot be made."))));
         return true;
     }
     screen->captureManager()->setVideoDestination(videoFolder_, videoPolicy_ == VideoPolicy::KeepEach);
