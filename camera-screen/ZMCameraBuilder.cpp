@@ -18,6 +18,9 @@ ZMCameraViewControllerPtr ZMCameraBuilder::viewController(std::weak_ptr<ZMCamera
                                        "(pass ZMDefaultUICustomizer to keep the built-in views, or no customization)");
         return nullptr;
     }
+    if (delegate.expired())
+        qCWarning(platform::lcScreen, "ZMCameraBuilder: the delegate is already gone; the screen holds it weakly, so "
+                                      "this session's outcome will reach no one (keep the shared_ptr you pass)");
     const platform::Bundle& bundle = ZMBundleLink::bundle();
     const ZMStoryboard storyboard = ZMStoryboard::storyboardWithName(QStringLiteral("UI"), bundle);
     const auto scene = storyboard.instantiateViewControllerWithIdentifier(QStringLiteral("ZMCameraViewController"));

@@ -9,6 +9,7 @@
 #include "camera-screen/ZMSessionPresentation_p.h"
 #include "capture/ZMCameraDevices.h"
 #include "recording/ZMRecordingStorage_p.h"
+#include "resources/ZMBundleLink_p.h"
 #include "zavocore/ZCStepConfig.h"
 
 #include <QCoreApplication>
@@ -25,6 +26,10 @@ namespace {
 /// How long destruction waits for the component's threads: the recorder
 /// finishing a file and a compression stopping take well under a second.
 constexpr std::chrono::milliseconds kThreadWaitLimit(5000);
+
+/// The session's texts live in the screen's table: a host reads them as the
+/// screen's own.
+QString sessionText(const char* text) { return ZMBundleLink::screenText(text); }
 
 const QString kSessionErrorDomain = QStringLiteral("ZavoCamera.ZMCameraSession");
 
@@ -336,12 +341,25 @@ void ZMCameraSession::setSteps(const QVariantList& steps)
     if (steps == steps_)
         return;
     steps_ = steps;
+    stepObjects_.clear();
+    emit settingsChanged();
+}
+
+void ZMCameraSession::setInteractionSteps(std::vector<core::ZCStepConfigPtr> steps)
+{
+    steps_.clear();
+    stepObjects_ = std::move(steps);
     emit settingsChanged();
 }
 
 void ZMCameraSession::setConfiguration(core::ZCZavoConfigurationPtr configuration)
 {
     configuration_ = std::move(configuration);
+}
+
+void ZMCameraSession::setCustomization(std::shared_ptr<ZMCustomization> customization)
+{
+    customization_ = std::move(customization);
 }
 
 QWidget* ZMCameraSession::view()
@@ -389,13 +407,13 @@ bool ZMCameraSession::start()
 
     if (!cameraLocation_.isEmpty() && !ZMCameraDevices::setPreferredCamera(cameraLocation_)) {
         qCWarning(platform::lcScreen, "ZMCameraSession: no camera at %s", qUtf8Printable(cameraLocation_));
-        finishAtStart(settingError(1, tr("There is no camera at %1.").arg(cameraLocation_)));
+        finishAtStart(settingError(1, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "There is no camera at %1.")).arg(cameraLocation_)));
         return true;
     }
     if (recordVideo_ && !videoFolder_.isEmpty()) {
         if (const QString problem = ZMRecordingStorage::checkWritableFolder(videoFolder_); !problem.isEmpty()) {
             qCWarning(platform::lcScreen, "ZMCameraSession: %s", qUtf8Printable(problem));
-            finishAtStart(settingError(2, tr("The session video cannot be saved in %1.").arg(videoFolder_)));
+            finishAtStart(settingError(2, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "The session video cannot be saved in %1.")).arg(videoFolder_)));
             return true;
         }
     }
@@ -403,14 +421,19 @@ bool ZMCameraSession::start()
     parts_->delegate = std::make_shared<Delegate>(parts_->token);
     auto configuration = configuration_ ? configuration_ : std::make_shared<core::ZCZavoConfiguration>();
     ZMSessionPresentation* presentation = parts_->presentation;
-    std::shared_ptr<ZMCustomization> customization;
+    std::shared_ptr<ZMCustomization> customization = customization_;
     if (presentation)
         customization = std::make_shared<ZMCustomization>(std::make_shared<PresentedViews>(presentation));
     parts_->screen = std::static_pointer_cast<ZMCameraViewController>(
         ZMCameraBuilder::viewController(parts_->delegate, configuration, nullptr, customization, recordVideo_));
     ZMCameraViewController* screen = parts_->screen.get();
+    if (!screen) {
+        // The builder said why (a customization without its customizer).
+        finishAtStart(settingError(3, sessionText(QT_TRANSLATE_NOOP("ZMCameraViewController", "The camera screen cannot be made."))));
+        return true;
+    }
     screen->captureManager()->setVideoDestination(videoFolder_, videoPolicy_ == VideoPolicy::KeepEach);
-    if (const auto steps = parseSteps(steps_); !steps.empty())
+    if (const auto steps = stepObjects_.empty() ? parseSteps(steps_) : stepObjects_; !steps.empty())
         screen->defineInteractionsStep(steps);
 
     if (presentation) {

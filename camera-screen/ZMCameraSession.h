@@ -17,6 +17,7 @@
 // may simply return.
 #include "base/ZavoExport.h"
 #include "camera-screen/ZMCameraError.h"
+#include "camera-screen/ZMUICustomizerProtocol.h"
 #include "zavocore/ZCBestShot.h"
 #include "zavocore/ZCZavoConfiguration.h"
 #include "zavocore/ZCBestShotDetectorProtocol.h"
@@ -136,9 +137,14 @@ public:
     /// and "timeout" (seconds). Unknown entries are left out with a warning.
     QVariantList steps() const { return steps_; }
     void setSteps(const QVariantList& steps);
+    /// The same steps as objects, for C++ hosts; replaces steps().
+    void setInteractionSteps(std::vector<core::ZCStepConfigPtr> steps);
     /// The detector's configuration; a default one unless set.
     void setConfiguration(core::ZCZavoConfigurationPtr configuration);
     core::ZCZavoConfigurationPtr configuration() const { return configuration_; }
+    /// The face frame and banner of the host's own (see ZMUICustomizerProtocol);
+    /// null keeps the built-in ones. Not for a session drawn by presentation().
+    void setCustomization(std::shared_ptr<ZMCustomization> customization);
 
     /// The camera screen, built on the first call and owned by the session:
     /// put it in a layout, or leave it parentless and start() shows it as a
@@ -198,6 +204,8 @@ private:
     VideoPolicy videoPolicy_ = VideoPolicy::ReplacePrevious;
     QVariantList steps_;
     core::ZCZavoConfigurationPtr configuration_;
+    std::vector<core::ZCStepConfigPtr> stepObjects_;
+    std::shared_ptr<ZMCustomization> customization_;
     core::ZCBestShotPtr lastBestShot_;
     QString videoPath_;
     bool outcomeCame_ = false;

@@ -34,7 +34,14 @@ using platform::DispatchQueue;
 
 namespace {
 
-QString tr(const char* text) { return QCoreApplication::translate("ZMCameraViewController", text); }
+// Called tr so that lupdate files the screen's own texts under the form's
+// context, where the bundle looks for them.
+QString tr(const char* text) { return ZMBundleLink::screenText(text); }
+
+QStringList rootTexts(const QWidget* root)
+{
+    return {root->windowTitle(), root->accessibleName(), root->accessibleDescription()};
+}
 
 /// The bundle image drawn in one flat colour, keeping its alpha (a template
 /// image with a tint colour). Kept in Qt's pixmap cache: a fresh pixmap per
@@ -103,6 +110,10 @@ protected:
         if (event->type() == QEvent::Hide && !event->spontaneous() && watched == screen_->view()
             && !screen_->endingStarted_)
             screen_->close();
+        // Qt hands the event down from the root to every child; the root
+        // relabels the whole screen.
+        if (event->type() == QEvent::LanguageChange && watched == screen_->view())
+            screen_->retranslate();
         return false;
     }
 
@@ -214,12 +225,28 @@ ZMFaceDetectionViewProtocol& ZMCameraViewController::faceDetectionView()
 
 void ZMCameraViewController::loadView()
 {
-    // The form and the screen's own labels translate through the application.
-    ZMBundleLink::bundle().installTranslator();
     auto* root = new QWidget;
-    ::Ui::ZMCameraViewController form;
-    form.setupUi(root);
+    form_ = std::make_unique<::Ui::ZMCameraViewController>();
+    form_->setupUi(root);
+    formRootTexts_ = rootTexts(root);
     setView(root);
+}
+
+void ZMCameraViewController::retranslate()
+{
+    ZAVO_ASSERT_ON_MAIN();
+    QWidget* root = view();
+    const QStringList before = rootTexts(root);
+    form_->retranslateUi(root);
+    const QStringList translated = rootTexts(root);
+    if (before[0] != formRootTexts_[0])
+        root->setWindowTitle(before[0]);
+    if (before[1] != formRootTexts_[1])
+        root->setAccessibleName(before[1]);
+    if (before[2] != formRootTexts_[2])
+        root->setAccessibleDescription(before[2]);
+    formRootTexts_ = translated;
+    labelOwnViews();
 }
 
 void ZMCameraViewController::viewDidLoad()
@@ -277,9 +304,9 @@ void ZMCameraViewController::setupViews()
     banner->setParent(controls_);
     banner->hide();
     banner->setFocusPolicy(Qt::NoFocus);
-    banner->setAccessibleName(tr("Message"));
 
     setupCloseButton();
+    labelOwnViews();
     changeCameraButton_->setVisible(showSwitchCamera);
 
     auto* filter = new EventFilter(this, view());
@@ -298,12 +325,20 @@ void ZMCameraViewController::setupCloseButton()
     button->setIconSize(image.deviceIndependentSize().toSize());
     button->setFlat(true);
     button->setFocusPolicy(Qt::StrongFocus);
-    button->setAccessibleName(tr("Close"));
-    button->setAccessibleDescription(tr("Stops the camera without taking a photo"));
-    button->setToolTip(tr("Close"));
     QObject::connect(button, &QPushButton::clicked, button, [this] { close(); });
     button->setParent(controls_);
     button->show();
+}
+
+// The texts of the views the screen adds to its form; the form's own are
+// the form's business.
+void ZMCameraViewController::labelOwnViews()
+{
+    notificationView_->widget()->setAccessibleName(tr("Message"));
+    QPushButton* button = closeButton_.get();
+    button->setAccessibleName(tr("Close"));
+    button->setAccessibleDescription(tr("Stops the camera without taking a photo"));
+    button->setToolTip(tr("Close"));
 }
 
 // Qt has no constraints: the overlay is laid out by hand on every resize,

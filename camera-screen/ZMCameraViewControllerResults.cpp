@@ -287,6 +287,14 @@ void ZMCameraViewController::stopAndDeliver(std::function<void(ZMCameraViewContr
     });
 }
 
+// The screen holds its delegate weakly, so a host that handed over a
+// temporary hears nothing; say so where the host will look.
+void ZMCameraViewController::warnDelegateGone(const char* outcome)
+{
+    qCWarning(platform::lcScreen, "the session's %s was dropped: its delegate no longer exists (the screen holds "
+                                  "the delegate weakly; keep your shared_ptr to it, or use ZMCameraSession)", outcome);
+}
+
 std::optional<QString> ZMCameraViewController::deliveredVideoFile() const
 {
     // Read now, on the delivering thread: the capture manager was built long
@@ -307,6 +315,8 @@ void ZMCameraViewController::deliverError(const ZMCameraError& error)
     const auto videoFile = deliveredVideoFile();
     if (auto target = delegate())
         target->error(error, videoFile);
+    else
+        warnDelegateGone("error");
     outcomeDelivered(videoFile.has_value());
 }
 
@@ -315,6 +325,8 @@ void ZMCameraViewController::deliverBestShot(const core::ZCBestShotPtr& bestShot
     const auto videoFile = deliveredVideoFile();
     if (auto target = delegate())
         target->bestShot(bestShot, videoFile);
+    else
+        warnDelegateGone("best shot");
     outcomeDelivered(videoFile.has_value());
 }
 

@@ -33,6 +33,9 @@
 
 class QAbstractButton;
 class QVariantAnimation;
+namespace Ui {
+class ZMCameraViewController;
+}
 
 namespace zavo {
 
@@ -192,6 +195,8 @@ private:
     void bindOutlets();
     void setupViews();
     void setupCloseButton();
+    void labelOwnViews();
+    void retranslate();
     void layoutOverlay();
     void setupPreview(const platform::CaptureVideoPreviewLayerPtr& layer);
     void pushFrame(const platform::SampleBuffer& frame);
@@ -209,6 +214,13 @@ private:
     void deliverBestShot(const core::ZCBestShotPtr& bestShot);
     void outcomeDelivered(bool namedVideo);
     std::optional<QString> deliveredVideoFile() const;
+    static void warnDelegateGone(const char* outcome);
+
+    // The compiled form, kept to translate its texts again on a language
+    // change, and the root's texts as the form last set them: a host that
+    // titled or named the root itself keeps its own.
+    std::unique_ptr<::Ui::ZMCameraViewController> form_;
+    QStringList formRootTexts_;
 
     // Outlets of the scene (weak: the root view owns them).
     QPointer<QWidget> controls_;

@@ -20,7 +20,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INST
 # The string tables are compiled into the libraries; the .qm files are also
 # installed so that packagers and translators can see what ships.
 foreach(table resources/zavocamera zavocore/zavocore zavoweb/zavoweb)
-  foreach(language en de)
+  foreach(language en de fr es)
     install(FILES ${CMAKE_BINARY_DIR}/${table}_${language}.qm
       DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations)
   endforeach()

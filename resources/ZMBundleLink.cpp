@@ -9,4 +9,9 @@ const platform::Bundle& ZMBundleLink::bundle()
     return bundle;
 }
 
+QString ZMBundleLink::screenText(const char* text, const char* disambiguation)
+{
+    return bundle().translate("ZMCameraViewController", text, disambiguation);
+}
+
 }  // namespace zavo

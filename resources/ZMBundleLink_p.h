@@ -9,6 +9,11 @@ namespace zavo {
 class ZAVO_EXPORT ZMBundleLink {
 public:
     static const platform::Bundle& bundle();
+    /// A text of the camera screen, from its form or its own labels, in the
+    /// bundle's "ZMCameraViewController" context. The compiled form asks
+    /// here for each of its texts (uic --tr), so the form is translated like
+    /// every other string of the bundle, host translators first.
+    static QString screenText(const char* text, const char* disambiguation = nullptr);
 };
 
 /// Identifier of the component's bundle; also the prefix of its queue labels

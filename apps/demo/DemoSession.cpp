@@ -1,12 +1,10 @@
 #include "DemoSession.h"
 
-#include "base/DispatchQueue.h"
 #include "camera-screen/ZMUICustomizerProtocol.h"
 #include "ui/ZMFaceDetectionView.h"
 #include "ui/ZMVideoStreamNotificationView.h"
 #include "zavocore/ZCErrorCodes.h"
 
-#include <QAbstractButton>
 
 namespace zavo::demo {
 
@@ -19,15 +17,6 @@ double milliseconds(Clock::duration duration)
 
 // Longer than the frame's 0.15 s move.
 constexpr std::chrono::milliseconds kFaceWatchInterval(160);
-
-bool looksLikeCloseButton(const QAbstractButton& button)
-{
-    for (const QString& name : {button.objectName(), button.accessibleName(), button.toolTip()}) {
-        if (name.contains(QLatin1String("close"), Qt::CaseInsensitive))
-            return true;
-    }
-    return false;
-}
 
 /// The built-in banner, noting the key of every message it is given: the
 /// guidance a user of this session read. Main thread, like every view.
@@ -63,52 +52,8 @@ private:
 
 }  // namespace
 
-/// Called on the capture manager's threads; moves each outcome to the main
-/// thread, where it reaches the session if the session still exists.
-class DemoSession::Delegate final : public ZMCameraDelegate {
-public:
-    explicit Delegate(std::weak_ptr<DemoSession*> session) : session_(std::move(session)) {}
-
-    void bestShot(core::ZCBestShotPtr bestShot, std::optional<QString> videoFile) override
-    {
-        SessionOutcome outcome;
-        outcome.bestShot = std::move(bestShot);
-        outcome.videoFile = std::move(videoFile);
-        post(std::move(outcome));
-    }
-
-    void error(const ZMCameraError& error, std::optional<QString> videoFile) override
-    {
-        SessionOutcome outcome;
-        outcome.error = error;
-        outcome.videoFile = std::move(videoFile);
-        post(std::move(outcome));
-    }
-
-    void videoFinished(std::optional<QString> videoFile, platform::ErrorPtr error) override
-    {
-        const QString problem = error ? error->localizedDescription() : QString();
-        platform::DispatchQueue::main().async([session = session_, videoFile = std::move(videoFile), problem] {
-            if (const auto target = session.lock())
-                (*target)->videoFinal(videoFile, problem);
-        });
-    }
-
-private:
-    void post(SessionOutcome outcome)
-    {
-        const Clock::time_point at = Clock::now();
-        platform::DispatchQueue::main().async([session = session_, outcome = std::move(outcome), at]() mutable {
-            if (const auto target = session.lock())
-                (*target)->deliver(std::move(outcome), at);
-        });
-    }
-
-    std::weak_ptr<DemoSession*> session_;
-};
-
 DemoSession::DemoSession(SessionOptions options, DetectorTiming* timing, QObject* parent)
-    : QObject(parent), options_(options), timing_(timing), self_(std::make_shared<DemoSession*>(this))
+    : QObject(parent), options_(options), timing_(timing)
 {
     videoLimit_.setSingleShot(true);
     connect(&videoLimit_, &QTimer::timeout, this, [this] {
@@ -121,54 +66,62 @@ DemoSession::DemoSession(SessionOptions options, DetectorTiming* timing, QObject
     });
     faceWatch_.setInterval(kFaceWatchInterval);
     connect(&faceWatch_, &QTimer::timeout, this, &DemoSession::watchFaceFrame);
+
+    session_ = std::make_unique<ZMCameraSession>();
+    auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+    if (options_.adjustConfiguration)
+        options_.adjustConfiguration(*configuration);
+    session_->setConfiguration(std::move(configuration));
+    session_->setRecordVideo(options_.recordVideo);
+    session_->setInteractionSteps(options_.steps);
+    session_->setCustomization(std::make_shared<ZMCustomization>(std::make_shared<GuidanceWatch>(shownGuidance_)));
+    // The session's signals come on this thread already.
+    connect(session_.get(), &ZMCameraSession::bestShot, this, [this](const QImage&, const QVariantMap&, const QString& video) {
+        SessionOutcome outcome;
+        outcome.bestShot = session_->lastBestShot();
+        if (!video.isEmpty())
+            outcome.videoFile = video;
+        deliver(std::move(outcome), Clock::now());
+    });
+    connect(session_.get(), &ZMCameraSession::failed, this, [this](const ZMSessionError& error, const QString& video) {
+        SessionOutcome outcome;
+        outcome.error = error.cameraError();
+        if (!video.isEmpty())
+            outcome.videoFile = video;
+        deliver(std::move(outcome), Clock::now());
+    });
+    connect(session_.get(), &ZMCameraSession::videoFinished, this, [this](const QString& path, const QString& problem) {
+        videoFinal(path.isEmpty() ? std::nullopt : std::optional<QString>(path), problem);
+    });
 }
 
 DemoSession::~DemoSession() = default;
 
-QWidget* DemoSession::start()
+QWidget* DemoSession::view() const { return session_ ? session_->view() : nullptr; }
+
+void DemoSession::start()
 {
-    Q_ASSERT(!screen_);
-    auto configuration = std::make_shared<core::ZCZavoConfiguration>();
-    if (options_.adjustConfiguration)
-        options_.adjustConfiguration(*configuration);
-    delegate_ = std::make_shared<Delegate>(self_);
     started_ = Clock::now();
     if (timing_)
         timing_->markSessionStart();
     shownGuidance_->clear();
-    screen_ = ZMCameraBuilder::viewController(
-        delegate_, std::move(configuration), nullptr,
-        std::make_shared<ZMCustomization>(std::make_shared<GuidanceWatch>(shownGuidance_)), options_.recordVideo);
-    if (screen_ && !options_.steps.empty())
-        screen_->defineInteractionsStep(options_.steps);
+    session_->start();
     faceWatch_.start();
-    return view();
-}
-
-QWidget* DemoSession::view() const
-{
-    return screen_ ? screen_->viewController()->view() : nullptr;
 }
 
 void DemoSession::release()
 {
     faceWatch_.stop();
-    released_ = screen_;
-    screen_.reset();
+    // Deleting the session stops the camera and waits for its threads.
+    session_.reset();
 }
 
 bool DemoSession::cancel()
 {
-    QWidget* root = view();
-    if (!root)
+    if (!session_ || session_->state() != ZMCameraSession::State::Running)
         return false;
-    for (QAbstractButton* button : root->findChildren<QAbstractButton*>()) {
-        if (button->isVisible() && looksLikeCloseButton(*button)) {
-            button->click();
-            return true;
-        }
-    }
-    return false;
+    session_->cancel();
+    return true;
 }
 
 void DemoSession::deliver(SessionOutcome outcome, Clock::time_point at)

@@ -7,7 +7,7 @@
 #include "DetectorTiming.h"
 #include "VideoReadback.h"
 
-#include "camera-screen/ZMCameraBuilder.h"
+#include "camera-screen/ZMCameraSession.h"
 
 #include <QObject>
 #include <QPointer>
@@ -50,23 +50,23 @@ public:
     DemoSession(SessionOptions options, DetectorTiming* timing, QObject* parent = nullptr);
     ~DemoSession() override;
 
-    /// Builds the screen (nothing runs until its view is shown) and returns
-    /// the view to show. Once per session.
-    QWidget* start();
+    /// The view to show: place it (or show it) before start(). Null once
+    /// released.
     QWidget* view() const;
-    /// Lets go of the screen; capture stops and its threads end.
+    /// Starts the session. Once.
+    void start();
+    /// Lets go of the session; capture stops and its threads have ended
+    /// when this returns.
     void release();
-    /// After release(): whether the screen, and with it the detector and
-    /// its thread, is gone.
-    bool isReleased() const { return !screen_ && released_.expired(); }
+    bool isReleased() const { return !session_; }
 
     /// The first outcome; later ones (the screen keeps no guard) are ignored.
     const std::optional<SessionOutcome>& outcome() const { return outcome_; }
     /// Set once videoSettled was emitted.
     const std::optional<VideoInfo>& video() const { return video_; }
 
-    /// Ends the session the way the user's close button does, when the screen
-    /// shows one; false when it shows none.
+    /// Ends the session the way the user's close button does; false when
+    /// it is not running.
     bool cancel();
 
 signals:
@@ -79,7 +79,6 @@ signals:
     void videoSettled();
 
 private:
-    class Delegate;
     void deliver(SessionOutcome outcome, Clock::time_point at);
     void settleVideo();
     void videoFinal(std::optional<QString> videoFile, QString problem);
@@ -89,11 +88,8 @@ private:
     SessionOptions options_;
     DetectorTiming* timing_;
     Clock::time_point started_{};
-    std::shared_ptr<DemoSession*> self_;
-    std::shared_ptr<Delegate> delegate_;
     std::shared_ptr<QStringList> shownGuidance_ = std::make_shared<QStringList>();
-    ZMCameraViewControllerPtr screen_;
-    std::weak_ptr<ZMCameraViewControllerProtocol> released_;
+    std::unique_ptr<ZMCameraSession> session_;
     std::optional<SessionOutcome> outcome_;
     std::optional<VideoInfo> video_;
     // What videoFinished said: the file left, or why there is none.

@@ -99,9 +99,10 @@ void DemoWindow::startSession()
     session_ = std::make_unique<DemoSession>(options_, &timing_);
     connect(session_.get(), &DemoSession::finished, this, &DemoWindow::showOutcome);
     connect(session_.get(), &DemoSession::videoSettled, this, &DemoWindow::showVideo);
-    pages_->addWidget(session_->start());
+    pages_->addWidget(session_->view());
     pages_->setCurrentWidget(session_->view());
     session_->view()->setFocus();
+    session_->start();
 }
 
 void DemoWindow::closeCamera()

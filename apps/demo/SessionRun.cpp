@@ -33,14 +33,15 @@ void SessionRun::start()
 {
     if (guard_.interval() > 0)
         guard_.start();
-    QWidget* view = session_.start();
+    QWidget* view = session_.view();
     if (display_ == Display::Window) {
         view->setWindowTitle(QStringLiteral("ZavoCamera demo"));
         showPlaced(view);
-        return;
+    } else {
+        view->resize(kScreenSize);
+        view->show();
     }
-    view->resize(kScreenSize);
-    view->show();
+    session_.start();
 }
 
 void SessionRun::saveScreenshot()

@@ -46,9 +46,10 @@ bool runSession(DetectorTiming& timing, int index)
     DemoSession session(SessionOptions{}, &timing);
     bool settled = false;
     QObject::connect(&session, &DemoSession::videoSettled, [&] { settled = true; });
-    QWidget* view = session.start();
+    QWidget* view = session.view();
     view->resize(bench::kScreenSize);
     view->show();
+    session.start();
     if (!bench::runUntil([&] { return settled; }, 60000)) {
         std::fprintf(stderr, "session %d did not end\n", index);
         return false;

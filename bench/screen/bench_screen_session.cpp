@@ -98,9 +98,10 @@ int measureRunningSession(TimedApplication& app, DetectorTiming& timing, int sec
         pushMs.push_back(ms(push));
         app.frameInEvent = true;
     });
-    QWidget* view = session.start();
+    QWidget* view = session.view();
     view->resize(bench::kScreenSize);
     view->show();
+    session.start();
     if (!bench::runUntil([&] { return timing.framesPushed() >= 10; }, 10000)) {
         std::fprintf(stderr, "no frames reached the detector\n");
         return 1;
@@ -149,9 +150,10 @@ int measureFirstFrame(DetectorTiming& timing)
         SessionOptions options;
         options.recordVideo = true;
         DemoSession session(options, &timing);
-        QWidget* view = session.start();
+        QWidget* view = session.view();
         view->resize(bench::kScreenSize);
         view->show();
+        session.start();
         if (!bench::runUntil([&] { return timing.timeToFirstFrame().has_value(); }, 10000)) {
             std::fprintf(stderr, "run %d: no first frame\n", run);
             return 1;

@@ -27,5 +27,8 @@
     <message><source>Close</source><translation>Schließen</translation></message>
     <message><source>Stops the camera without taking a photo</source><translation>Beendet die Kamera, ohne ein Foto aufzunehmen</translation></message>
     <message><source>Message</source><translation>Meldung</translation></message>
+    <message><source>There is no camera at %1.</source><translation>Unter %1 gibt es keine Kamera.</translation></message>
+    <message><source>The session video cannot be saved in %1.</source><translation>Das Sitzungsvideo kann nicht in %1 gespeichert werden.</translation></message>
+    <message><source>The camera screen cannot be made.</source><translation>Der Kamerabildschirm kann nicht erstellt werden.</translation></message>
 </context>
 </TS>

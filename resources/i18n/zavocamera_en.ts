@@ -27,5 +27,8 @@
     <message><source>Close</source><translation>Close</translation></message>
     <message><source>Stops the camera without taking a photo</source><translation>Stops the camera without taking a photo</translation></message>
     <message><source>Message</source><translation>Message</translation></message>
+    <message><source>There is no camera at %1.</source><translation>There is no camera at %1.</translation></message>
+    <message><source>The session video cannot be saved in %1.</source><translation>The session video cannot be saved in %1.</translation></message>
+    <message><source>The camera screen cannot be made.</source><translation>The camera screen cannot be made.</translation></message>
 </context>
 </TS>

@@ -125,9 +125,10 @@ class TestDemoQuality : public QObject {
         };
         DemoSession session(options, &timing);
         QSignalSpy finished(&session, &DemoSession::finished);
-        QWidget* view = session.start();
+        QWidget* view = session.view();
         view->resize(360, 640);
         view->show();
+        session.start();
         if (!finished.wait(90000))
             return std::nullopt;
         std::optional<SessionOutcome> outcome = session.outcome();

@@ -42,9 +42,10 @@ class TestDemoSessions : public QObject {
         DemoSession session(SessionOptions{}, &timing);
         QSignalSpy settled(&session, &DemoSession::videoSettled);
         QSignalSpy faceFrame(&session, &DemoSession::faceFrameShown);
-        QWidget* view = session.start();
+        QWidget* view = session.view();
         view->resize(360, 640);
         view->show();
+        session.start();
         if (!settled.wait(60000))
             return std::nullopt;
         Ended ended{*session.outcome(), session.video(), faceFrame.count() == 1};

@@ -4,9 +4,11 @@
 // registered, so capture runs without frames unless a test adds one.
 #include "base/ThreadSafety.h"
 #include "QueueBarriers.h"
+#include "LogRecorder.h"
 #include "ScreenTestSupport.h"
 
 #include "camera/CaptureDevice.h"
+#include "camera-screen/ZMLocalization.h"
 #include "shell/CaptureVideoPreviewView_p.h"
 #include "camera/CaptureMovieFileOutput_p.h"
 #include "camera/synthetic/SyntheticCaptureDevice.h"
@@ -21,6 +23,7 @@
 #include <QLabel>
 #include <QSignalSpy>
 #include <QTimer>
+#include <QTranslator>
 #include <QVariantAnimation>
 #include <QPushButton>
 
@@ -191,6 +194,7 @@ private slots:
         core::ZCBestShotBuilder::setFactory({});
         permission.reset();
         platform::CaptureDeviceRegistry::shared().unregisterAll();
+        ZMLocalization::followApplicationLocale();
     }
 
     // ------------------------------------------------------------ building
@@ -275,6 +279,39 @@ private slots:
         report(1010);
         QTRY_VERIFY(banner()->isVisible());
         QCOMPARE(banner()->accessibleDescription(), detectorError(1010)->localizedDescription());
+    }
+
+    // The screen relabels itself when the language changes, and a host's
+    // wording wins whether its translator came before the screen or after.
+    void labelsFollowTheLanguageWithTheHostsWordingFirst()
+    {
+        QTranslator host;
+        QVERIFY(host.load(QStringLiteral(":/host/host_overrides.qm")));
+        ZMLocalization::setLocale(QLocale(QLocale::English));
+        QVERIFY(QCoreApplication::installTranslator(&host));
+        present();
+        QAbstractButton* switchCamera = screen->changeCameraButton();
+        QPushButton* close = screen->closeButton();
+        QCOMPARE(switchCamera->text(), QStringLiteral("Use the other camera"));
+        QCOMPARE(close->toolTip(), QStringLiteral("Done"));
+
+        screen->view()->setWindowTitle(QStringLiteral("Identity check"));
+        ZMLocalization::setLocale(QLocale(QLocale::Spanish));
+        QTRY_COMPARE(screen->livenessActivity()->accessibleName(), QStringLiteral("Procesando"));
+        QCOMPARE(close->accessibleDescription(), QStringLiteral("Detiene la cámara sin tomar una foto"));
+        QCOMPARE(banner()->accessibleName(), QStringLiteral("Mensaje"));
+        QCOMPARE(switchCamera->text(), QStringLiteral("Use the other camera"));
+        // The form's name for the root is relabelled; the host's title stays.
+        QCOMPARE(screen->view()->accessibleName(), QStringLiteral("Cámara"));
+        QCOMPARE(screen->view()->windowTitle(), QStringLiteral("Identity check"));
+
+        QVERIFY(QCoreApplication::removeTranslator(&host));
+        QTRY_COMPARE(switchCamera->text(), QStringLiteral("Cambiar de cámara"));
+        QCOMPARE(close->toolTip(), QStringLiteral("Cerrar"));
+
+        QVERIFY(QCoreApplication::installTranslator(&host));
+        QTRY_COMPARE(close->toolTip(), QStringLiteral("Done"));
+        QCOMPARE(switchCamera->text(), QStringLiteral("Use the other camera"));
     }
 
     void switchCameraButtonFollowsTheConfiguration()
@@ -680,6 +717,8 @@ private slots:
 
     void outcomesAreDroppedOnceTheHostLetsGo()
     {
+        auto& log = zavo::testing::LogRecorder::instance();
+        log.clear();
         present();
         const auto tally = host->tally;
         std::weak_ptr<HostDelegate> watch = host;
@@ -699,6 +738,8 @@ private slots:
         screen->captureManager()->captureSessionQueue()->sync([] {});
         QVERIFY(zavo::testing::flushMainQueue());  // a delivery hopping through the main queue lands here
         QCOMPARE(tally->load(), 0);
+        // Dropped, but not silently: the host is told where it looks.
+        QVERIFY(log.count(QRegularExpression(QStringLiteral("dropped: its delegate no longer exists"))) >= 1);
         host = std::make_shared<HostDelegate>();
     }
 
