@@ -246,7 +246,14 @@ private slots:
         QFETCH(QString, how);
         const auto camera = useFrontCamera(dataPath("E_no_face.mp4"));
         QVERIFY(camera);
-        load("recordVideo: false");
+        // What a QML host reads: the error's fields, the session's state and
+        // the enums through the type's name.
+        load("recordVideo: false; videoPolicy: CameraScreen.KeepEach\n"
+             "  property bool canceledInQml: false\n"
+             "  property var statesInQml: []\n"
+             "  onFailed: (error, videoPath) => canceledInQml = error.canceled\n"
+             "  onStateChanged: (newState) => statesInQml.push(newState)\n");
+        QCOMPARE(screen->videoPolicy(), CameraScreen::VideoPolicy::KeepEach);
         QSignalSpy failed(screen, &CameraScreen::failed);
         bool failedOnGuiThread = false;
         connect(screen, &CameraScreen::failed, this, [&] { failedOnGuiThread = onGuiThread(); });
@@ -274,7 +281,10 @@ private slots:
         const auto error = failed.first().first().value<ZMSessionError>();
         QVERIFY2(error.isCanceled(), qPrintable(error.text()));
         QVERIFY(failedOnGuiThread);
+        QVERIFY(screen->property("canceledInQml").toBool());
         QTRY_VERIFY_WITH_TIMEOUT(!camera->isOpen(), 5000);
+        QTRY_COMPARE(screen->property("statesInQml").toList(),
+                     QVariantList({int(CameraScreen::State::Running), int(CameraScreen::State::Finished)}));
     }
 
     // The item owns its session: destroying it ends the session and waits,
