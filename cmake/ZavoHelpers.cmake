@@ -62,6 +62,10 @@ function(zavo_add_library name)
     zavo_include_root(${name} ${ARG_SUBSYSTEM})
   endif()
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags ${ARG_PRIVATE_LIBS})
+  # The public headers are C++20 (defaulted comparisons, MediaTime's <=>): a
+  # host linking any library gets the standard with it rather than a wall of
+  # errors from a C++17 default.
+  target_compile_features(${name} PUBLIC cxx_std_20)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)

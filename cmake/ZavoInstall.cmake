@@ -1,6 +1,5 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS zavo_build_flags EXPORT ZavoCameraTargets)
 install(EXPORT ZavoCameraTargets NAMESPACE ZavoCamera:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
 configure_package_config_file(cmake/ZavoCameraConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake
