@@ -72,7 +72,8 @@ function(zavo_add_library name)
   zavo_install_headers(${ARG_SUBSYSTEM} ${ARG_PUBLIC_HEADERS})
   install(TARGETS ${name} EXPORT ZavoCameraTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+      COMPONENT ${ZAVO_COMPONENT_RUNTIME} NAMELINK_COMPONENT ${ZAVO_COMPONENT_DEV}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${ZAVO_COMPONENT_DEV})
 endfunction()
 
 # zavo_add_part(<name> FOLDER <folder> LIBS ... PUBLIC_HEADERS ...
@@ -124,7 +125,8 @@ function(zavo_install_headers folder)
     if(NOT EXISTS ${path})
       message(FATAL_ERROR "${path}: no such public header")
     endif()
-    install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${folder})
+    install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${folder}
+      COMPONENT ${ZAVO_COMPONENT_DEV})
     set_property(GLOBAL APPEND PROPERTY ZAVO_PUBLIC_HEADERS "${folder}|${path}")
   endforeach()
 endfunction()

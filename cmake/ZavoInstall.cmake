@@ -1,25 +1,34 @@
 include(CMakePackageConfigHelpers)
 
-install(EXPORT ZavoCameraTargets NAMESPACE ZavoCamera:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
+install(EXPORT ZavoCameraTargets NAMESPACE ZavoCamera:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera
+  COMPONENT ${ZAVO_COMPONENT_DEV})
 configure_package_config_file(cmake/ZavoCameraConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera COMPONENT ${ZAVO_COMPONENT_DEV})
 
 configure_file(cmake/zavocamera.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT ${ZAVO_COMPONENT_DEV})
 
 # The string tables are compiled into the libraries; the .qm files are also
 # installed so that packagers and translators can see what ships.
 foreach(table resources/zavocamera zavocore/zavocore zavoweb/zavoweb)
   foreach(language en de)
     install(FILES ${CMAKE_BINARY_DIR}/${table}_${language}.qm
-      DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations)
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/zavocamera/translations COMPONENT ${ZAVO_COMPONENT_RUNTIME})
   endforeach()
 endforeach()
+
+# A file installed without a component would land in no package at all.
+get_cmake_property(zavo_components COMPONENTS)
+if("Unspecified" IN_LIST zavo_components)
+  message(FATAL_ERROR "An install() names no COMPONENT; use ZAVO_COMPONENT_RUNTIME, _DEV or _TOOLS "
+    "(cmake/ZavoInstallDirs.cmake). Components: ${zavo_components}")
+endif()
 
 # One Debian package with the libraries, headers, CMake package, pkg-config
 # file, translations and the demo: `cpack --config build/CPackConfig.cmake`.
