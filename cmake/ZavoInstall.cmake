@@ -10,9 +10,21 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVer
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera COMPONENT ${ZAVO_COMPONENT_DEV})
 
-configure_file(cmake/zavocamera.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zavocamera.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+# pkg-config takes no path relative to the file, and the prefix is only known
+# when installing: the packages install into /usr from a tree configured for
+# /usr/local, a release check into a staging folder. So the file is written
+# then, for the prefix really installed into.
+install(CODE "
+  set(ZAVO_PC_TEMPLATE \"${PROJECT_SOURCE_DIR}/cmake/zavocamera.pc.in\")
+  set(ZAVO_PC_OUTPUT \"${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/zavocamera.pc\")
+  set(ZAVO_PC_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+  set(ZAVO_PC_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+  set(ZAVO_PC_VERSION \"${PROJECT_VERSION}\")
+  include(\"${PROJECT_SOURCE_DIR}/cmake/ZavoPkgConfig.cmake\")"
   COMPONENT ${ZAVO_COMPONENT_DEV})
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig/zavocamera.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT ${ZAVO_COMPONENT_DEV})
+
 
 # The string tables are compiled into the libraries; the .qm files are also
 # installed so that packagers and translators can see what ships.
