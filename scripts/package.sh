@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Release check on an already built tree (scripts/setup.sh first):
 #  - API documentation (build/docs/html),
-#  - install into a staging prefix and a Debian package (build/*.deb),
+#  - install into a staging prefix and the Debian packages (build/*.deb),
 #  - the example host project built against the staged package, outside the
 #    tree, and run for one session on a sample clip played as its camera.
 set -euo pipefail
@@ -17,10 +17,12 @@ echo "   $build/docs/html/index.html ($(wc -l < "$build/docs/warnings.log") warn
 echo "== install and package"
 rm -rf "$stage"
 cmake --install "$build" --prefix "$stage" >/dev/null
+rm -f "$build"/*.deb "$build"/*.ddeb
 (cd "$build" && cpack -G DEB >/dev/null)
-deb=$(ls "$build"/zavocamera_*.deb)
-dpkg-deb --info "$deb" | sed -n '/Depends/p'
-echo "   $deb"
+for deb in "$build"/*.deb; do
+  echo "   $deb"
+  dpkg-deb --field "$deb" Depends | sed 's/^/     Depends: /'
+done
 
 echo "== example host against the installed package"
 host_build=$build/host-example
