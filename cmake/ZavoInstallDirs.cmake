@@ -7,10 +7,11 @@
 # folder cannot differ between the two either: zavocore finds its face
 # network by a path from its own folder fixed at build time. So on a
 # multiarch system it is lib/<triplet> under every prefix. A tree configured
-# before this keeps its cached "lib" otherwise, hence the one-time override;
-# a libdir chosen on the command line is left alone.
+# before this would keep the "lib" GNUInstallDirs cached, hence the one-time
+# override there; a libdir given on a new tree's command line is left alone.
 if(CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version AND NOT ZAVO_MULTIARCH_LIBDIR_SET)
-  if(NOT DEFINED CMAKE_INSTALL_LIBDIR OR CMAKE_INSTALL_LIBDIR STREQUAL "lib")
+  if(NOT DEFINED CMAKE_INSTALL_LIBDIR
+     OR (CMAKE_INSTALL_LIBDIR STREQUAL "lib" AND DEFINED CACHE{_GNUInstallDirs_LAST_CMAKE_INSTALL_PREFIX}))
     set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH
       "Object code libraries (LIBDIR)" FORCE)
   endif()
