@@ -62,13 +62,18 @@ function(zavo_add_library name)
     zavo_include_root(${name} ${ARG_SUBSYSTEM})
   endif()
   target_link_libraries(${name} PUBLIC ${ARG_LIBS} PRIVATE zavo_build_flags ${ARG_PRIVATE_LIBS})
+  # The public headers are C++20 (defaulted comparisons, MediaTime's <=>): a
+  # host linking any library gets the standard with it rather than a wall of
+  # errors from a C++17 default.
+  target_compile_features(${name} PUBLIC cxx_std_20)
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   zavo_install_headers(${ARG_SUBSYSTEM} ${ARG_PUBLIC_HEADERS})
   install(TARGETS ${name} EXPORT ZavoCameraTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+      COMPONENT ${ZAVO_COMPONENT_RUNTIME} NAMELINK_COMPONENT ${ZAVO_COMPONENT_DEV}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${ZAVO_COMPONENT_DEV})
 endfunction()
 
 # zavo_add_part(<name> FOLDER <folder> LIBS ... PUBLIC_HEADERS ...
@@ -120,7 +125,8 @@ function(zavo_install_headers folder)
     if(NOT EXISTS ${path})
       message(FATAL_ERROR "${path}: no such public header")
     endif()
-    install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${folder})
+    install(FILES ${path} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ZavoCamera/${folder}
+      COMPONENT ${ZAVO_COMPONENT_DEV})
     set_property(GLOBAL APPEND PROPERTY ZAVO_PUBLIC_HEADERS "${folder}|${path}")
   endforeach()
 endfunction()
