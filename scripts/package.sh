@@ -54,7 +54,10 @@ for deb in "$runtime" "$dev" "$tools"; do
   has "$deb" "^usr/share/doc/$package/copyright\$" || fail "$package: no usr/share/doc/$package/copyright"
   [ "$deb" = "$dev" ] && continue
   if has "$deb" '^usr/include/'; then fail "$package: holds headers"; fi
-  if has "$deb" '^usr/lib/.*\.so$'; then fail "$package: holds an unversioned .so link"; fi
+  # QML plug-ins are modules loaded by name, not libraries to link.
+  if contents "$deb" | grep '^usr/lib/.*\.so$' | grep -v '/qt6/qml/' >/dev/null; then
+    fail "$package: holds an unversioned .so link"
+  fi
   if has "$deb" '\.pc$\|/cmake/'; then fail "$package: holds files for building hosts"; fi
 done
 has "$runtime" "^usr/lib/$multiarch/libZavoCamera\.so\.0\$" || fail "runtime: no libZavoCamera.so.0 in usr/lib/$multiarch"
