@@ -205,7 +205,11 @@ int main(int argc, char** argv)
             return 1;
         }
         qputenv(kInXvfb, "1");
-        std::vector<QByteArray> arguments{xvfbRun.toLocal8Bit(), "-a", "-s", "-screen 0 1920x1080x24", argv[0]};
+        // -a looks for a free display from -n on; starting where this process's
+        // id points keeps programs started together from racing for the same one.
+        const QByteArray firstDisplay = QByteArray::number(100 + getpid() % 800);
+        std::vector<QByteArray> arguments{xvfbRun.toLocal8Bit(), "-a", "-n", firstDisplay, "-s",
+                                          "-screen 0 1920x1080x24", argv[0]};
         for (int i = 1; i < argc; ++i)
             arguments.emplace_back(argv[i]);
         std::vector<char*> pointers;
