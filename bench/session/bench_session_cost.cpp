@@ -305,19 +305,19 @@ private:
 
 enum class StateKind { Waiting, Judging, Steps };
 
-struct StateSpec {
+struct StateChoice {
     const char* key;
     StateKind kind;
     bool faceClip;
 };
 
-constexpr std::array<StateSpec, 3> kStates{{
+constexpr std::array<StateChoice, 3> kStates{{
     {"waiting", StateKind::Waiting, false},
     {"judging", StateKind::Judging, true},
     {"steps", StateKind::Steps, true},
 }};
 
-const StateSpec* stateNamed(const QString& key)
+const StateChoice* stateNamed(const QString& key)
 {
     for (const auto& state : kStates) {
         if (key == QLatin1String(state.key))
@@ -332,7 +332,7 @@ void printResult(const QJsonObject& result)
     std::fflush(stdout);
 }
 
-SessionOptions optionsFor(const StateSpec& state, bool record)
+SessionOptions optionsFor(const StateChoice& state, bool record)
 {
     SessionOptions options;
     options.recordVideo = record;
@@ -352,7 +352,7 @@ SessionOptions optionsFor(const StateSpec& state, bool record)
 }
 
 /// One state, in this (child) process; prints its result.
-int runState(PaintTimedApplication& app, const StateSpec& state, bool record, const QString& clip, double seconds)
+int runState(PaintTimedApplication& app, const StateChoice& state, bool record, const QString& clip, double seconds)
 {
     QJsonObject result{{"state", state.key}, {"recording", record}};
     auto fail = [&](const QString& why) {
@@ -844,7 +844,7 @@ int main(int argc, char** argv)
         PaintTimedApplication app(argc, argv);
         if (arguments.contains("--latency"))
             return runLatency(argumentAfter(arguments, "--latency"), argumentAfter(arguments, "--runs", "5").toInt());
-        const StateSpec* state = stateNamed(argumentAfter(arguments, "--child"));
+        const StateChoice* state = stateNamed(argumentAfter(arguments, "--child"));
         if (!state) {
             std::fprintf(stderr, "unknown state\n");
             return 2;
