@@ -18,9 +18,13 @@ set(CPACK_PACKAGE_CONTACT "ZavoCamera developers <dev@zavocamera.invalid>")
 
 install(EXPORT ZavoCameraTargets NAMESPACE ZavoCamera:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera
   COMPONENT ${ZAVO_COMPONENT_DEV})
+# Where the QML module "ZavoCamera" is installed (quick/CMakeLists.txt), for
+# hosts outside /usr to add to their QML import path.
+set(ZAVO_QML_IMPORT_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/qt6/qml)
 configure_package_config_file(cmake/ZavoCameraConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake
-  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera)
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ZavoCamera
+  PATH_VARS ZAVO_QML_IMPORT_INSTALL_DIR)
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/ZavoCameraConfigVersion.cmake

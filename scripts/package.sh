@@ -6,7 +6,9 @@
 #  - a pkg-config host and a CMake host that sets no C++ standard built
 #    against the installed files and the unpacked packages,
 #  - the example host project built against the staged package, outside the
-#    tree, and run for one session on a sample clip played as its camera.
+#    tree, and run for one session on a sample clip played as its camera;
+#  - the QML example host the same way, in Xvfb: once to a best shot, once
+#    closed by its window after 1.5 s, which must end it within a second.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -52,10 +54,18 @@ for deb in "$runtime" "$dev" "$tools"; do
   has "$deb" "^usr/share/doc/$package/copyright\$" || fail "$package: no usr/share/doc/$package/copyright"
   [ "$deb" = "$dev" ] && continue
   if has "$deb" '^usr/include/'; then fail "$package: holds headers"; fi
-  if has "$deb" '^usr/lib/.*\.so$'; then fail "$package: holds an unversioned .so link"; fi
+  # QML plug-ins are modules loaded by name, not libraries to link.
+  if contents "$deb" | grep '^usr/lib/.*\.so$' | grep -v '/qt6/qml/' >/dev/null; then
+    fail "$package: holds an unversioned .so link"
+  fi
   if has "$deb" '\.pc$\|/cmake/'; then fail "$package: holds files for building hosts"; fi
 done
 has "$runtime" "^usr/lib/$multiarch/libZavoCamera\.so\.0\$" || fail "runtime: no libZavoCamera.so.0 in usr/lib/$multiarch"
+# The QML module where Debian's Qt looks for modules, with the library it loads.
+for file in qmldir ZavoCameraQuick.qmltypes libZavoCameraQuickplugin.so; do
+  has "$runtime" "^usr/lib/$multiarch/qt6/qml/ZavoCamera/$file\$" || fail "runtime: no QML module file $file"
+done
+has "$runtime" "^usr/lib/$multiarch/libZavoCameraQuick\.so\.0\$" || fail "runtime: no libZavoCameraQuick.so.0"
 if contents "$runtime" | grep '\.so\.' | grep -v "^usr/lib/$multiarch/" >/dev/null; then
   fail "runtime: a library outside usr/lib/$multiarch"
 fi
@@ -142,3 +152,30 @@ mkdir "$work/home"
 test -s "$work/home/face.png" && ls "$work"/home/videos/zavocamera-session.mp4 >/dev/null
 HOME=$work/home QT_QPA_PLATFORM=offscreen timeout 120 \
   "$host_build/zavocamera-host-builder-example" "$root/tests/data/A_zoom_blur_dark.mp4"
+
+echo "== QML example host against the installed package, in Xvfb"
+qml_build=$build/qml-host-example
+rm -rf "$qml_build"
+cmake -S examples/qml-host -B "$qml_build" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
+cmake --build "$qml_build"
+qml_host=$qml_build/zavocamera-qml-host-example
+# Runs the QML host in its own X server; its output goes to $work/out, and
+# the last line says when it exited and with what status.
+run_qml_host() {
+  HOME=$work LC_ALL=C.UTF-8 LANGUAGE= xvfb-run -a -s "-screen 0 1920x1080x24" env QT_QPA_PLATFORM=xcb \
+    bash -c '"$@" | while IFS= read -r line; do echo "$(date +%s%3N) $line"; done
+             echo "$(date +%s%3N) exited ${PIPESTATUS[0]}"' _ timeout 120 "$qml_host" "$@" | tee "$work/out"
+}
+run_qml_host "$root/tests/data/A_zoom_blur_dark.mp4"
+grep -Eq '^[0-9]+ best shot [0-9]+\.[0-9]{2}$' "$work/out" || fail "QML host: no best shot"
+grep -Eq '^[0-9]+ video .+' "$work/out" || fail "QML host: no video line"
+grep -q ' exited 0$' "$work/out" || fail "QML host: a best shot must exit 0"
+# A clip without a face: only the window's closing ends the session.
+run_qml_host --close-after-ms 1500 "$root/tests/data/E_no_face.mp4"
+grep -q ' error The capture was cancelled\.$' "$work/out" || fail "QML host: no canceled error"
+grep -q ' exited 1$' "$work/out" || fail "QML host: an error must exit 1"
+closed=$(awk '/ error /{print $1; exit}' "$work/out")
+exited=$(awk '/ exited /{print $1}' "$work/out")
+echo "   closed to exit: $((exited - closed)) ms"
+((exited - closed < 1000)) || fail "QML host: took $((exited - closed)) ms to exit after its window closed"
+((failures == 0)) || exit 1

@@ -20,6 +20,7 @@ esac
 packages=(
   cmake ninja-build g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
+  qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-window qml6-module-qtqml-workerscript
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libavdevice-dev ffmpeg libyuv-dev
   libopencv-core-dev libopencv-imgproc-dev libopencv-objdetect-dev libopencv-dnn-dev libopencv-calib3d-dev opencv-data
   libbenchmark-dev fonts-dejavu-core ccache doxygen dpkg-dev
