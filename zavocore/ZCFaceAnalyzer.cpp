@@ -381,6 +381,8 @@ struct FaceAnalyzer::Impl {
     std::vector<cv::Rect> tracked;
     cv::Size detectionSize;
     int framesSinceFullScan = 0;
+    uint64_t frames = 0;
+    uint64_t wholeSearches = 0;
 
     std::vector<cv::Rect> findFaces(const cv::Mat& frame, const cv::Mat& small, platform::PixelFormat format,
                                     double scale);
@@ -479,6 +481,8 @@ void FaceAnalyzer::reset()
     d->forgetVerdicts();
 }
 
+FaceAnalyzer::Work FaceAnalyzer::work() const { return {d->frames, d->wholeSearches, d->network.runs()}; }
+
 double FaceAnalyzer::eyesOpenness(const FrameView& view, const FaceLandmarks& landmarks)
 {
     if (!supports(view.format) || !view.data || view.width <= 0 || view.height <= 0)
@@ -504,6 +508,7 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
     if (!d->loadError.isEmpty() || !supports(view.format) || !view.data || view.width <= 0 || view.height <= 0)
         return analysis;
     const cv::Mat frame(view.height, view.width, CV_8UC4, const_cast<uint8_t*>(view.data), view.bytesPerRow);
+    ++d->frames;
     if (d->network.isLoaded()) {
         std::vector<NetworkFace> faces = d->findNetworkFaces(frame, view.format);
         std::sort(faces.begin(), faces.end(), [](const NetworkFace& a, const NetworkFace& b) {
@@ -574,6 +579,7 @@ std::vector<cv::Rect> FaceAnalyzer::Impl::findFaces(const cv::Mat& frame, const 
 std::vector<cv::Rect> FaceAnalyzer::Impl::fullScan(const cv::Mat& frame, const cv::Mat& small,
                                                    platform::PixelFormat format, double scale)
 {
+    ++wholeSearches;
     const int minFace = minFaceIn(frame, scale);
     std::vector<cv::Rect> candidates;
     faceCascade.detectMultiScale(small, candidates, kScanScaleFactor, kScanNeighbours, 0, cv::Size(minFace, minFace));
@@ -912,6 +918,7 @@ bool FaceAnalyzer::Impl::seenCloser(const cv::Mat& frame, platform::PixelFormat 
 
 std::vector<NetworkFace> FaceAnalyzer::Impl::searchWhole(const cv::Mat& frame, platform::PixelFormat format)
 {
+    ++wholeSearches;
     const int shortSide = std::min(frame.cols, frame.rows);
     const double minFace = std::max(1.0, settings.minFaceSize * shortSide);
     std::vector<NetworkFace> found;

@@ -123,6 +123,15 @@ public:
 
     static bool supports(platform::PixelFormat format);
 
+    /// What the analyses since construction cost, for tests and benchmarks
+    /// (reset() keeps it).
+    struct Work {
+        uint64_t frames = 0;         // analysed
+        uint64_t wholeSearches = 0;  // of the whole frame, for new faces
+        uint64_t networkRuns = 0;    // forward passes of the face network
+    };
+    Work work() const;
+
     /// How alike two faces' appearance signatures are, 0..1; the same person
     /// from frame to frame, turned or not, stays above 0.5.
     static double appearanceSimilarity(const std::vector<float>& a, const std::vector<float>& b);
