@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <dlfcn.h>
 
 #ifndef ZAVO_FACE_CASCADE
@@ -78,6 +79,17 @@ constexpr double kFollowMargin = 0.75;
 // this many frames, so that at 30 fps a face walking in is seen within half
 // a second and nine frames in ten cost one run.
 constexpr int kNetworkFullScanInterval = 15;
+// While no face is followed there is nothing to look at closely, and
+// searching every frame whole was most of a waiting session's CPU. The
+// whole frame is then searched this often (frame time; a tenth of a second
+// less a margin for rounded timestamps: every third frame at 30 fps, every
+// second at 15), and the frames in between get no network run: a face
+// walking in is boxed within a tenth of a second and a search's time.
+constexpr double kIdleSearchInterval = 0.095;
+// A face lost a moment ago is most likely still there, blurred by a quick
+// movement or turned for an instant: for this long after a face was seen
+// every frame is searched, as while it was followed.
+constexpr double kLostFaceSearch = 0.5;
 // Faces somewhat smaller than minFaceSize still count: a face right at the
 // limit is not dropped in every other frame as its box jitters.
 constexpr double kMinFaceTolerance = 0.85;
@@ -383,6 +395,18 @@ struct FaceAnalyzer::Impl {
     int framesSinceFullScan = 0;
     uint64_t frames = 0;
     uint64_t wholeSearches = 0;
+    // Frame times of the last whole-frame search and of the last face seen,
+    // for the cadence of the search while no face is followed.
+    std::optional<double> searchedAt;
+    std::optional<double> faceSeenAt;
+    bool resting(std::optional<double> frameTime, bool following) const
+    {
+        // Timestamps that go back (a restarted camera) make no rest.
+        const auto since = [&](const std::optional<double>& at) {
+            return at && *frameTime >= *at ? *frameTime - *at : std::numeric_limits<double>::infinity();
+        };
+        return frameTime && !following && since(searchedAt) < kIdleSearchInterval && since(faceSeenAt) >= kLostFaceSearch;
+    }
 
     std::vector<cv::Rect> findFaces(const cv::Mat& frame, const cv::Mat& small, platform::PixelFormat format,
                                     double scale);
@@ -478,6 +502,8 @@ void FaceAnalyzer::reset()
     d->followed.clear();
     d->followSquares.clear();
     d->framesSinceFullScan = 0;
+    d->searchedAt.reset();
+    d->faceSeenAt.reset();
     d->forgetVerdicts();
 }
 
@@ -502,15 +528,31 @@ double FaceAnalyzer::appearanceSimilarity(const std::vector<float>& a, const std
     return common;
 }
 
-FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
+FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus, std::optional<double> frameTime)
 {
     FaceAnalysis analysis;
     if (!d->loadError.isEmpty() || !supports(view.format) || !view.data || view.width <= 0 || view.height <= 0)
         return analysis;
     const cv::Mat frame(view.height, view.width, CV_8UC4, const_cast<uint8_t*>(view.data), view.bytesPerRow);
     ++d->frames;
+    // Between the searches of a frame where no face is followed: no face,
+    // as the search before said.
+    if (d->resting(frameTime, d->network.isLoaded() ? !d->followed.empty() : !d->tracked.empty())) {
+        d->forgetVerdicts();
+        return analysis;
+    }
+    const uint64_t searches = d->wholeSearches;
+    const auto noteSearch = [&](bool faceFound) {
+        if (!frameTime)
+            return;
+        if (d->wholeSearches != searches)
+            d->searchedAt = frameTime;
+        if (faceFound)
+            d->faceSeenAt = frameTime;
+    };
     if (d->network.isLoaded()) {
         std::vector<NetworkFace> faces = d->findNetworkFaces(frame, view.format);
+        noteSearch(!faces.empty());
         std::sort(faces.begin(), faces.end(), [](const NetworkFace& a, const NetworkFace& b) {
             return a.box.area() > b.box.area();
         });
@@ -536,6 +578,7 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
     const cv::Mat smallGrey = scaledGrey(toGrey(frame, view.format), detectionSize);
 
     std::vector<cv::Rect> faces = d->findFaces(frame, smallGrey, view.format, scale);
+    noteSearch(!faces.empty());
     std::sort(faces.begin(), faces.end(), [](const cv::Rect& a, const cv::Rect& b) { return a.area() > b.area(); });
     const cv::Rect bounds(0, 0, frame.cols, frame.rows);
     for (const cv::Rect& face : faces) {

@@ -112,8 +112,11 @@ public:
     /// and whenever one is lost: a whole-frame search costs several times more.
     /// The network searches the whole frame in overlapping squares, finer
     /// ones as well when minFaceSize asks for faces too small for the coarse
-    /// ones.
-    FaceAnalysis analyze(const FrameView& frame, QPointF focus);
+    /// ones. frameTime (seconds, the frame's presentation time) paces the
+    /// search while no face is followed: about ten a second, and no face
+    /// found in the frames between them; without it every such frame is
+    /// searched, as a still picture must be.
+    FaceAnalysis analyze(const FrameView& frame, QPointF focus, std::optional<double> frameTime = std::nullopt);
     /// Forgets the faces being followed; the next frame is searched whole.
     void reset();
     /// How open the less open of the face's eyes is, 0..1, whatever else is

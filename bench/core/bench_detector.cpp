@@ -214,7 +214,7 @@ AnalysisCost analysisCost(const std::vector<platform::SampleBuffer>& frames, con
             const auto view = viewOf(frame);
             const QPointF centre(view.width / 2.0, view.height / 2.0);
             double c0 = threadCpuMs();
-            analyzer.analyze(view, centre);
+            analyzer.analyze(view, centre, frame.presentationTimeStamp().seconds());
             steady.push_back(threadCpuMs() - c0);
         }
         const auto after = analyzer.work();
