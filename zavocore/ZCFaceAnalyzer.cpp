@@ -433,7 +433,14 @@ struct FaceAnalyzer::Impl {
                     int& eyesSeen);
 
     std::vector<NetworkFace> findNetworkFaces(const cv::Mat& frame, platform::PixelFormat format);
+    // The squares of a whole-frame search for this frame size, coarsest
+    // first, and those the sweep while faces are followed has still to
+    // look at, next last.
+    std::vector<cv::Rect> searchSquares;
+    std::vector<cv::Rect> sweep;
+    std::vector<cv::Rect> wholeSquares(cv::Size frame) const;
     std::vector<NetworkFace> searchWhole(const cv::Mat& frame, platform::PixelFormat format);
+    std::vector<NetworkFace> sweepOn(const cv::Mat& frame, platform::PixelFormat format);
     std::vector<NetworkFace> follow(const cv::Mat& frame, platform::PixelFormat format);
     std::vector<cv::Rect> squaresFor(const std::vector<NetworkFace>& faces, cv::Size frame) const;
     bool seenCloser(const cv::Mat& frame, platform::PixelFormat format, const NetworkFace& face);
@@ -502,6 +509,7 @@ void FaceAnalyzer::reset()
     d->followed.clear();
     d->followSquares.clear();
     d->framesSinceFullScan = 0;
+    d->sweep.clear();
     d->searchedAt.reset();
     d->faceSeenAt.reset();
     d->forgetVerdicts();
@@ -901,17 +909,32 @@ std::vector<NetworkFace> FaceAnalyzer::Impl::findNetworkFaces(const cv::Mat& fra
         followedFrameSize = frame.size();
         followed.clear();
         followSquares.clear();
+        searchSquares = wholeSquares(frame.size());
+        sweep.clear();
     }
     std::vector<NetworkFace> faces;
     if (!followed.empty())
         faces = follow(frame, format);
     const bool lost = faces.size() < followed.size();
-    if (followed.empty() || lost || ++framesSinceFullScan >= kNetworkFullScanInterval) {
+    std::vector<NetworkFace> searched;
+    if (followed.empty() || lost) {
+        // Nothing to follow, or a face gone: the whole frame at once.
+        sweep.clear();
         framesSinceFullScan = 0;
+        searched = searchWhole(frame, format);
+    } else if (++framesSinceFullScan >= std::max(1, kNetworkFullScanInterval / int(searchSquares.size()))) {
+        // While faces are followed the frame is looked over for new ones a
+        // square at a time, each square once every kNetworkFullScanInterval
+        // frames: the same work as a whole search that often, without a
+        // frame that costs several runs more than the others.
+        framesSinceFullScan = 0;
+        searched = sweepOn(frame, format);
+    }
+    if (!searched.empty()) {
         // Faces already followed keep the boxes found in their own squares;
         // the whole-frame search only adds faces that are new.
         std::vector<NetworkFace> fresh;
-        for (const NetworkFace& face : searchWhole(frame, format)) {
+        for (const NetworkFace& face : searched) {
             if (!isAmong(face, faces))
                 fresh.push_back(face);
         }
@@ -959,20 +982,40 @@ bool FaceAnalyzer::Impl::seenCloser(const cv::Mat& frame, platform::PixelFormat 
     });
 }
 
-std::vector<NetworkFace> FaceAnalyzer::Impl::searchWhole(const cv::Mat& frame, platform::PixelFormat format)
+std::vector<cv::Rect> FaceAnalyzer::Impl::wholeSquares(cv::Size frame) const
 {
-    ++wholeSearches;
-    const int shortSide = std::min(frame.cols, frame.rows);
+    const int shortSide = std::min(frame.width, frame.height);
     const double minFace = std::max(1.0, settings.minFaceSize * shortSide);
-    std::vector<NetworkFace> found;
+    std::vector<cv::Rect> squares;
     for (int side = shortSide; side >= FaceNetwork::kInputSize / 4; side /= 2) {
-        for (int y : squareStarts(frame.rows, side)) {
-            for (int x : squareStarts(frame.cols, side))
-                network.detect(frame, format, cv::Rect(x, y, side, side), found);
+        for (int y : squareStarts(frame.height, side)) {
+            for (int x : squareStarts(frame.width, side))
+                squares.emplace_back(x, y, side, side);
         }
         if (minFace * FaceNetwork::kInputSize / side >= kSmallestFaceInInput)
             break;
     }
+    return squares;
+}
+
+std::vector<NetworkFace> FaceAnalyzer::Impl::searchWhole(const cv::Mat& frame, platform::PixelFormat format)
+{
+    ++wholeSearches;
+    std::vector<NetworkFace> found;
+    for (const cv::Rect& square : searchSquares)
+        network.detect(frame, format, square, found);
+    return FaceNetwork::merge(std::move(found));
+}
+
+std::vector<NetworkFace> FaceAnalyzer::Impl::sweepOn(const cv::Mat& frame, platform::PixelFormat format)
+{
+    if (sweep.empty())
+        sweep.assign(searchSquares.rbegin(), searchSquares.rend());
+    std::vector<NetworkFace> found;
+    network.detect(frame, format, sweep.back(), found);
+    sweep.pop_back();
+    if (sweep.empty())
+        ++wholeSearches;
     return FaceNetwork::merge(std::move(found));
 }
 
