@@ -81,11 +81,24 @@ constexpr double kFollowMargin = 0.75;
 constexpr int kNetworkFullScanInterval = 15;
 // While no face is followed there is nothing to look at closely, and
 // searching every frame whole was most of a waiting session's CPU. The
-// whole frame is then searched this often (frame time; a tenth of a second
-// less a margin for rounded timestamps: every third frame at 30 fps, every
-// second at 15), and the frames in between get no network run: a face
-// walking in is boxed within a tenth of a second and a search's time.
+// whole frame is then searched at most this often (frame time; a tenth of a
+// second less a margin for rounded timestamps: every third frame at 30 fps,
+// every second at 15), and the frames in between get no network run: a face
+// walking in is boxed within a tenth of a second and a search's time...
 constexpr double kIdleSearchInterval = 0.095;
+// ...and only when the picture changed since the last search, or after
+// this long: an empty room that stays as it was holds no new face. The
+// look for a change is a coarse grey picture, a cell for each kLookCell
+// pixels square read from every kLookRowStep-th row (a twentieth of a
+// millisecond): a cell changed when its grey moved by more than
+// kLookChange, the picture when more than kLookChangedShare of its cells
+// did. A face of the smallest size searched for covers some thirty cells
+// of a 720x1280 frame, a sensor's noise averages away within a cell.
+constexpr double kIdleSearchLongest = 0.495;
+constexpr int kLookCell = 16;
+constexpr int kLookRowStep = 8;
+constexpr int kLookChange = 8;
+constexpr double kLookChangedShare = 0.0025;
 // A face lost a moment ago is most likely still there, blurred by a quick
 // movement or turned for an instant: for this long after a face was seen
 // every frame is searched, as while it was followed.
@@ -395,17 +408,47 @@ struct FaceAnalyzer::Impl {
     int framesSinceFullScan = 0;
     uint64_t frames = 0;
     uint64_t wholeSearches = 0;
-    // Frame times of the last whole-frame search and of the last face seen,
-    // for the cadence of the search while no face is followed.
+    // For the cadence of the search while no face is followed: frame times
+    // of the last whole-frame search and of the last face seen, and the
+    // coarse look of the frame last searched.
     std::optional<double> searchedAt;
     std::optional<double> faceSeenAt;
-    bool resting(std::optional<double> frameTime, bool following) const
+    cv::Mat searchedLook, look;
+    // Whether this frame can go without a search: none is due yet.
+    bool resting(const cv::Mat& frame, platform::PixelFormat format, std::optional<double> frameTime, bool following)
     {
+        if (!frameTime || following)
+            return false;
         // Timestamps that go back (a restarted camera) make no rest.
         const auto since = [&](const std::optional<double>& at) {
             return at && *frameTime >= *at ? *frameTime - *at : std::numeric_limits<double>::infinity();
         };
-        return frameTime && !following && since(searchedAt) < kIdleSearchInterval && since(faceSeenAt) >= kLostFaceSearch;
+        if (since(faceSeenAt) < kLostFaceSearch)
+            return false;
+        const double quiet = since(searchedAt);
+        if (quiet < kIdleSearchInterval)
+            return true;
+        if (quiet >= kIdleSearchLongest)
+            return false;
+        lookAt(frame, format, look);
+        return !changed(look, searchedLook);
+    }
+    static void lookAt(const cv::Mat& frame, platform::PixelFormat format, cv::Mat& out)
+    {
+        const cv::Mat rows(std::max(1, frame.rows / kLookRowStep), frame.cols, frame.type(), frame.data,
+                           frame.step * size_t(kLookRowStep));
+        cv::Mat cells;
+        cv::resize(rows, cells, cv::Size(std::max(1, frame.cols / kLookCell), std::max(1, frame.rows / kLookCell)), 0,
+                   0, cv::INTER_AREA);
+        out = toGrey(cells, format);
+    }
+    static bool changed(const cv::Mat& now, const cv::Mat& before)
+    {
+        if (now.size() != before.size())
+            return true;
+        cv::Mat difference;
+        cv::absdiff(now, before, difference);
+        return cv::countNonZero(difference > kLookChange) > kLookChangedShare * double(now.total());
     }
 
     std::vector<cv::Rect> findFaces(const cv::Mat& frame, const cv::Mat& small, platform::PixelFormat format,
@@ -512,6 +555,7 @@ void FaceAnalyzer::reset()
     d->sweep.clear();
     d->searchedAt.reset();
     d->faceSeenAt.reset();
+    d->searchedLook.release();
     d->forgetVerdicts();
 }
 
@@ -545,7 +589,7 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus, std::op
     ++d->frames;
     // Between the searches of a frame where no face is followed: no face,
     // as the search before said.
-    if (d->resting(frameTime, d->network.isLoaded() ? !d->followed.empty() : !d->tracked.empty())) {
+    if (d->resting(frame, view.format, frameTime, d->network.isLoaded() ? !d->followed.empty() : !d->tracked.empty())) {
         d->forgetVerdicts();
         return analysis;
     }
@@ -553,8 +597,10 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus, std::op
     const auto noteSearch = [&](bool faceFound) {
         if (!frameTime)
             return;
-        if (d->wholeSearches != searches)
+        if (d->wholeSearches != searches) {
             d->searchedAt = frameTime;
+            Impl::lookAt(frame, view.format, d->searchedLook);
+        }
         if (faceFound)
             d->faceSeenAt = frameTime;
     };

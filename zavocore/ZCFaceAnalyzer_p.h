@@ -113,9 +113,10 @@ public:
     /// The network searches the whole frame in overlapping squares, finer
     /// ones as well when minFaceSize asks for faces too small for the coarse
     /// ones. frameTime (seconds, the frame's presentation time) paces the
-    /// search while no face is followed: about ten a second, and no face
-    /// found in the frames between them; without it every such frame is
-    /// searched, as a still picture must be.
+    /// search while no face is followed: at most about ten a second, and
+    /// only when the picture changed since the last one or half a second
+    /// went by; the frames between find no face. Without a frame time every
+    /// such frame is searched, as a still picture must be.
     FaceAnalysis analyze(const FrameView& frame, QPointF focus, std::optional<double> frameTime = std::nullopt);
     /// Forgets the faces being followed; the next frame is searched whole.
     void reset();

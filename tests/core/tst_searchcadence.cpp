@@ -1,12 +1,15 @@
 // How often the detector looks for faces, as a user would notice it: a face
 // stepping in after a while with nobody in view, a second face joining the
-// first, a face lost for an instant. Counted in frames, never in time.
+// first, a face lost for an instant, and the search's pace while nobody is
+// there (which a user feels as a warm, busy machine). Counted in frames,
+// never in time.
 #include "AnalyzerTestSupport.h"
 #include "MissingPrerequisite.h"
 #include "zavocore/ZCDetectorClock_p.h"
 
 #include <QFileInfo>
 #include <QPainter>
+#include <QRandomGenerator>
 #include <QTest>
 
 using namespace zavo;
@@ -110,25 +113,56 @@ private slots:
     }
     void cleanup() { clock.reset(); }
 
-    void withNobodyInViewTheFrameIsSearchedAboutTenTimesASecond_data()
+    void withNobodyInViewTheSearchFollowsTheFrameRateAndTheScene_data()
     {
-        QTest::addColumn<double>("rate");  // frames a second; 0: no frame times
-        QTest::addColumn<int>("every");    // frames between searches
-        QTest::newRow("30 fps") << 30.0 << 3;
-        QTest::newRow("15 fps") << 15.0 << 2;
-        QTest::newRow("60 fps") << 60.0 << 6;
-        QTest::newRow("still pictures") << 0.0 << 1;
+        QTest::addColumn<double>("rate");     // frames a second; 0: no frame times
+        QTest::addColumn<QString>("scene");   // changing from frame to frame, still, or still with noise
+        QTest::addColumn<int>("every");       // frames from one search to the next
+        QTest::newRow("30 fps, changing") << 30.0 << "changing" << 3;
+        QTest::newRow("15 fps, changing") << 15.0 << "changing" << 2;
+        QTest::newRow("60 fps, changing") << 60.0 << "changing" << 6;
+        QTest::newRow("30 fps, still") << 30.0 << "still" << 15;
+        // A real sensor's frames never repeat; its noise is no change.
+        QTest::newRow("30 fps, still, noisy") << 30.0 << "noisy" << 15;
+        QTest::newRow("still pictures") << 0.0 << "still" << 1;
     }
-    void withNobodyInViewTheFrameIsSearchedAboutTenTimesASecond()
+    void withNobodyInViewTheSearchFollowsTheFrameRateAndTheScene()
     {
         QFETCH(double, rate);
+        QFETCH(QString, scene);
         QFETCH(int, every);
         FaceAnalyzer analyzer{core::ZCDetectorSettings()};
-        const platform::SampleBuffer frame = testing::frameFromImage(emptyScene(), platform::MediaTime::zero());
+        const QImage empty = emptyScene();
+        std::vector<platform::SampleBuffer> frames;
+        if (scene == "changing") {
+            // Five pictures in turn: whatever the cadence, no search sees
+            // the picture the one before saw.
+            const QImage snow = portrait(photo("gpl/kphotoalbum__snow.jpg"));
+            QImage grey(empty.size(), QImage::Format_ARGB32);
+            grey.fill(Qt::gray);
+            for (const QImage& image : {empty, snow, empty.mirrored(false, true), snow.mirrored(false, true), grey})
+                frames.push_back(testing::frameFromImage(image, platform::MediaTime::zero()));
+        } else if (scene == "noisy") {
+            QRandomGenerator random(7);
+            for (int variant = 0; variant < 4; ++variant) {
+                QImage noisy = empty.convertToFormat(QImage::Format_ARGB32);
+                for (int y = 0; y < noisy.height(); ++y) {
+                    QRgb* line = reinterpret_cast<QRgb*>(noisy.scanLine(y));
+                    for (int x = 0; x < noisy.width(); ++x) {
+                        const auto grain = [&](int c) { return std::clamp(c + random.bounded(-8, 9), 0, 255); };
+                        line[x] = qRgb(grain(qRed(line[x])), grain(qGreen(line[x])), grain(qBlue(line[x])));
+                    }
+                }
+                frames.push_back(testing::frameFromImage(noisy, platform::MediaTime::zero()));
+            }
+        } else {
+            frames.push_back(testing::frameFromImage(empty, platform::MediaTime::zero()));
+        }
         constexpr int kFrames = 90;
         for (int i = 0; i < kFrames; ++i) {
             const auto before = analyzer.work();
-            const auto analysis = analyseAt(analyzer, frame, rate > 0 ? 5.0 + i / rate : std::optional<double>());
+            const auto analysis = analyseAt(analyzer, frames[size_t(i) % frames.size()],
+                                            rate > 0 ? 5.0 + i / rate : std::optional<double>());
             QVERIFY(analysis.faces.empty());
             QCOMPARE(analysis.guidance, Guidance::NoFace);
             const auto after = analyzer.work();
@@ -140,7 +174,7 @@ private slots:
         // A camera that restarts its clock is searched at once.
         if (rate > 0) {
             const auto before = analyzer.work().wholeSearches;
-            analyseAt(analyzer, frame, 0.0);
+            analyseAt(analyzer, frames.front(), 0.0);
             QCOMPARE(analyzer.work().wholeSearches, before + 1);
         }
     }
