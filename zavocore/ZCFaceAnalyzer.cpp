@@ -75,9 +75,10 @@ constexpr double kSquareStride = 0.8;
 // Following: one square around the known faces, the face's width on each
 // side of them, so that a face moving fast between frames stays inside.
 constexpr double kFollowMargin = 0.75;
-// A whole-frame search costs two or three network runs, a follow one: every
-// this many frames, so that at 30 fps a face walking in is seen within half
-// a second and nine frames in ten cost one run.
+// A whole-frame search costs two or three network runs, a follow one. While
+// faces are followed each square of that search is looked at once every
+// this many frames, one square at a time: at 30 fps a face walking in beside
+// them is seen within half a second, and most frames cost one run.
 constexpr int kNetworkFullScanInterval = 15;
 // While no face is followed there is nothing to look at closely, and
 // searching every frame whole was most of a waiting session's CPU. The
@@ -89,11 +90,12 @@ constexpr double kIdleSearchInterval = 0.095;
 // ...and only when the picture changed since the last search, or after
 // this long: an empty room that stays as it was holds no new face. The
 // look for a change is a coarse grey picture, a cell for each kLookCell
-// pixels square read from every kLookRowStep-th row (a twentieth of a
-// millisecond): a cell changed when its grey moved by more than
-// kLookChange, the picture when more than kLookChangedShare of its cells
-// did. A face of the smallest size searched for covers some thirty cells
-// of a 720x1280 frame, a sensor's noise averages away within a cell.
+// pixels square read from every kLookRowStep-th row (about 0.2 ms for
+// 720x1280, a fifteenth of a network run): a cell changed when its grey
+// moved by more than kLookChange, the picture when more than
+// kLookChangedShare of its cells did. A face of the smallest size searched
+// for covers some thirty cells of a 720x1280 frame, while a sensor's noise
+// averages away within a cell.
 constexpr double kIdleSearchLongest = 0.495;
 constexpr int kLookCell = 16;
 constexpr int kLookRowStep = 8;
