@@ -149,7 +149,10 @@ void ZMCameraViewController::handleNetworkingError(const ZMCameraError& cameraEr
         // message up for the whole long time, whatever the detector says.
         showNotification(std::make_shared<web::NetworkingError>(networking), true);
         canShow_ = false;
-        DispatchQueue::main().asyncAfter(2.0, [self = strongSelf()] { self->canShow_ = true; });
+        DispatchQueue::main().asyncAfter(2.0, [weak = weakSelf()] {
+            if (auto self = weak.lock())
+                self->canShow_ = true;
+        });
         return;
     default:
         finishWithError(cameraError);
@@ -169,8 +172,9 @@ void ZMCameraViewController::handleDetectorCode(const ZMCameraError& cameraError
     } else {
         // Guidance repeats with every analysed frame; the throttle keeps the
         // banner from flashing.
-        throttler_.throttle(0.5, DispatchQueue::main(), [self = strongSelf(), detectorError] {
-            self->showNotification(detectorError, false);
+        throttler_.throttle(0.5, DispatchQueue::main(), [weak = weakSelf(), detectorError] {
+            if (auto self = weak.lock())
+                self->showNotification(detectorError, false);
         })();
     }
 }
@@ -190,9 +194,12 @@ void ZMCameraViewController::showNotification(platform::ErrorPtr error, bool isL
     layoutOverlay();
     announce(error->localizedDescription());
     // Not cancelled by a later message: a message that replaces another one
-    // goes when the first one's time is up.
-    DispatchQueue::main().asyncAfter(isLong ? 2.0 : 0.5, [self = strongSelf()] {
-        if (self->wasViewDestroyed())
+    // goes when the first one's time is up. Held weakly: these timers run on
+    // Qt's event loop, and a released screen (with its camera threads) must
+    // not wait for them.
+    DispatchQueue::main().asyncAfter(isLong ? 2.0 : 0.5, [weak = weakSelf()] {
+        auto self = weak.lock();
+        if (!self || self->wasViewDestroyed())
             return;
         self->notificationView_->widget()->hide();
         self->notificationView_->showNotificationMessage(nullptr);

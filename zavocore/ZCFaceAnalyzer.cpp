@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <dlfcn.h>
 
 #ifndef ZAVO_FACE_CASCADE
@@ -74,10 +75,36 @@ constexpr double kSquareStride = 0.8;
 // Following: one square around the known faces, the face's width on each
 // side of them, so that a face moving fast between frames stays inside.
 constexpr double kFollowMargin = 0.75;
-// A whole-frame search costs two or three network runs, a follow one: every
-// this many frames, so that at 30 fps a face walking in is seen within half
-// a second and nine frames in ten cost one run.
+// A whole-frame search costs two or three network runs, a follow one. While
+// faces are followed each square of that search is looked at once every
+// this many frames, one square at a time: at 30 fps a face walking in beside
+// them is seen within half a second, and most frames cost one run.
 constexpr int kNetworkFullScanInterval = 15;
+// While no face is followed there is nothing to look at closely, and
+// searching every frame whole was most of a waiting session's CPU. The
+// whole frame is then searched at most this often (frame time; a tenth of a
+// second less a margin for rounded timestamps: every third frame at 30 fps,
+// every second at 15), and the frames in between get no network run: a face
+// walking in is boxed within a tenth of a second and a search's time...
+constexpr double kIdleSearchInterval = 0.095;
+// ...and only when the picture changed since the last search, or after
+// this long: an empty room that stays as it was holds no new face. The
+// look for a change is a coarse grey picture, a cell for each kLookCell
+// pixels square read from every kLookRowStep-th row (about 0.2 ms for
+// 720x1280, a fifteenth of a network run): a cell changed when its grey
+// moved by more than kLookChange, the picture when more than
+// kLookChangedShare of its cells did. A face of the smallest size searched
+// for covers some thirty cells of a 720x1280 frame, while a sensor's noise
+// averages away within a cell.
+constexpr double kIdleSearchLongest = 0.495;
+constexpr int kLookCell = 16;
+constexpr int kLookRowStep = 8;
+constexpr int kLookChange = 8;
+constexpr double kLookChangedShare = 0.0025;
+// A face lost a moment ago is most likely still there, blurred by a quick
+// movement or turned for an instant: for this long after a face was seen
+// every frame is searched, as while it was followed.
+constexpr double kLostFaceSearch = 0.5;
 // Faces somewhat smaller than minFaceSize still count: a face right at the
 // limit is not dropped in every other frame as its box jitters.
 constexpr double kMinFaceTolerance = 0.85;
@@ -381,6 +408,50 @@ struct FaceAnalyzer::Impl {
     std::vector<cv::Rect> tracked;
     cv::Size detectionSize;
     int framesSinceFullScan = 0;
+    uint64_t frames = 0;
+    uint64_t wholeSearches = 0;
+    // For the cadence of the search while no face is followed: frame times
+    // of the last whole-frame search and of the last face seen, and the
+    // coarse look of the frame last searched.
+    std::optional<double> searchedAt;
+    std::optional<double> faceSeenAt;
+    cv::Mat searchedLook, look;
+    // Whether this frame can go without a search: none is due yet.
+    bool resting(const cv::Mat& frame, platform::PixelFormat format, std::optional<double> frameTime, bool following)
+    {
+        if (!frameTime || following)
+            return false;
+        // Timestamps that go back (a restarted camera) make no rest.
+        const auto since = [&](const std::optional<double>& at) {
+            return at && *frameTime >= *at ? *frameTime - *at : std::numeric_limits<double>::infinity();
+        };
+        if (since(faceSeenAt) < kLostFaceSearch)
+            return false;
+        const double quiet = since(searchedAt);
+        if (quiet < kIdleSearchInterval)
+            return true;
+        if (quiet >= kIdleSearchLongest)
+            return false;
+        lookAt(frame, format, look);
+        return !changed(look, searchedLook);
+    }
+    static void lookAt(const cv::Mat& frame, platform::PixelFormat format, cv::Mat& out)
+    {
+        const cv::Mat rows(std::max(1, frame.rows / kLookRowStep), frame.cols, frame.type(), frame.data,
+                           frame.step * size_t(kLookRowStep));
+        cv::Mat cells;
+        cv::resize(rows, cells, cv::Size(std::max(1, frame.cols / kLookCell), std::max(1, frame.rows / kLookCell)), 0,
+                   0, cv::INTER_AREA);
+        out = toGrey(cells, format);
+    }
+    static bool changed(const cv::Mat& now, const cv::Mat& before)
+    {
+        if (now.size() != before.size())
+            return true;
+        cv::Mat difference;
+        cv::absdiff(now, before, difference);
+        return cv::countNonZero(difference > kLookChange) > kLookChangedShare * double(now.total());
+    }
 
     std::vector<cv::Rect> findFaces(const cv::Mat& frame, const cv::Mat& small, platform::PixelFormat format,
                                     double scale);
@@ -407,7 +478,14 @@ struct FaceAnalyzer::Impl {
                     int& eyesSeen);
 
     std::vector<NetworkFace> findNetworkFaces(const cv::Mat& frame, platform::PixelFormat format);
+    // The squares of a whole-frame search for this frame size, coarsest
+    // first, and those the sweep while faces are followed has still to
+    // look at, next last.
+    std::vector<cv::Rect> searchSquares;
+    std::vector<cv::Rect> sweep;
+    std::vector<cv::Rect> wholeSquares(cv::Size frame) const;
     std::vector<NetworkFace> searchWhole(const cv::Mat& frame, platform::PixelFormat format);
+    std::vector<NetworkFace> sweepOn(const cv::Mat& frame, platform::PixelFormat format);
     std::vector<NetworkFace> follow(const cv::Mat& frame, platform::PixelFormat format);
     std::vector<cv::Rect> squaresFor(const std::vector<NetworkFace>& faces, cv::Size frame) const;
     bool seenCloser(const cv::Mat& frame, platform::PixelFormat format, const NetworkFace& face);
@@ -476,8 +554,14 @@ void FaceAnalyzer::reset()
     d->followed.clear();
     d->followSquares.clear();
     d->framesSinceFullScan = 0;
+    d->sweep.clear();
+    d->searchedAt.reset();
+    d->faceSeenAt.reset();
+    d->searchedLook.release();
     d->forgetVerdicts();
 }
+
+FaceAnalyzer::Work FaceAnalyzer::work() const { return {d->frames, d->wholeSearches, d->network.runs()}; }
 
 double FaceAnalyzer::eyesOpenness(const FrameView& view, const FaceLandmarks& landmarks)
 {
@@ -498,14 +582,33 @@ double FaceAnalyzer::appearanceSimilarity(const std::vector<float>& a, const std
     return common;
 }
 
-FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
+FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus, std::optional<double> frameTime)
 {
     FaceAnalysis analysis;
     if (!d->loadError.isEmpty() || !supports(view.format) || !view.data || view.width <= 0 || view.height <= 0)
         return analysis;
     const cv::Mat frame(view.height, view.width, CV_8UC4, const_cast<uint8_t*>(view.data), view.bytesPerRow);
+    ++d->frames;
+    // Between the searches of a frame where no face is followed: no face,
+    // as the search before said.
+    if (d->resting(frame, view.format, frameTime, d->network.isLoaded() ? !d->followed.empty() : !d->tracked.empty())) {
+        d->forgetVerdicts();
+        return analysis;
+    }
+    const uint64_t searches = d->wholeSearches;
+    const auto noteSearch = [&](bool faceFound) {
+        if (!frameTime)
+            return;
+        if (d->wholeSearches != searches) {
+            d->searchedAt = frameTime;
+            Impl::lookAt(frame, view.format, d->searchedLook);
+        }
+        if (faceFound)
+            d->faceSeenAt = frameTime;
+    };
     if (d->network.isLoaded()) {
         std::vector<NetworkFace> faces = d->findNetworkFaces(frame, view.format);
+        noteSearch(!faces.empty());
         std::sort(faces.begin(), faces.end(), [](const NetworkFace& a, const NetworkFace& b) {
             return a.box.area() > b.box.area();
         });
@@ -531,6 +634,7 @@ FaceAnalysis FaceAnalyzer::analyze(const FrameView& view, QPointF focus)
     const cv::Mat smallGrey = scaledGrey(toGrey(frame, view.format), detectionSize);
 
     std::vector<cv::Rect> faces = d->findFaces(frame, smallGrey, view.format, scale);
+    noteSearch(!faces.empty());
     std::sort(faces.begin(), faces.end(), [](const cv::Rect& a, const cv::Rect& b) { return a.area() > b.area(); });
     const cv::Rect bounds(0, 0, frame.cols, frame.rows);
     for (const cv::Rect& face : faces) {
@@ -574,6 +678,7 @@ std::vector<cv::Rect> FaceAnalyzer::Impl::findFaces(const cv::Mat& frame, const 
 std::vector<cv::Rect> FaceAnalyzer::Impl::fullScan(const cv::Mat& frame, const cv::Mat& small,
                                                    platform::PixelFormat format, double scale)
 {
+    ++wholeSearches;
     const int minFace = minFaceIn(frame, scale);
     std::vector<cv::Rect> candidates;
     faceCascade.detectMultiScale(small, candidates, kScanScaleFactor, kScanNeighbours, 0, cv::Size(minFace, minFace));
@@ -852,17 +957,32 @@ std::vector<NetworkFace> FaceAnalyzer::Impl::findNetworkFaces(const cv::Mat& fra
         followedFrameSize = frame.size();
         followed.clear();
         followSquares.clear();
+        searchSquares = wholeSquares(frame.size());
+        sweep.clear();
     }
     std::vector<NetworkFace> faces;
     if (!followed.empty())
         faces = follow(frame, format);
     const bool lost = faces.size() < followed.size();
-    if (followed.empty() || lost || ++framesSinceFullScan >= kNetworkFullScanInterval) {
+    std::vector<NetworkFace> searched;
+    if (followed.empty() || lost) {
+        // Nothing to follow, or a face gone: the whole frame at once.
+        sweep.clear();
         framesSinceFullScan = 0;
+        searched = searchWhole(frame, format);
+    } else if (++framesSinceFullScan >= std::max(1, kNetworkFullScanInterval / int(searchSquares.size()))) {
+        // While faces are followed the frame is looked over for new ones a
+        // square at a time, each square once every kNetworkFullScanInterval
+        // frames: the same work as a whole search that often, without a
+        // frame that costs several runs more than the others.
+        framesSinceFullScan = 0;
+        searched = sweepOn(frame, format);
+    }
+    if (!searched.empty()) {
         // Faces already followed keep the boxes found in their own squares;
         // the whole-frame search only adds faces that are new.
         std::vector<NetworkFace> fresh;
-        for (const NetworkFace& face : searchWhole(frame, format)) {
+        for (const NetworkFace& face : searched) {
             if (!isAmong(face, faces))
                 fresh.push_back(face);
         }
@@ -910,19 +1030,40 @@ bool FaceAnalyzer::Impl::seenCloser(const cv::Mat& frame, platform::PixelFormat 
     });
 }
 
-std::vector<NetworkFace> FaceAnalyzer::Impl::searchWhole(const cv::Mat& frame, platform::PixelFormat format)
+std::vector<cv::Rect> FaceAnalyzer::Impl::wholeSquares(cv::Size frame) const
 {
-    const int shortSide = std::min(frame.cols, frame.rows);
+    const int shortSide = std::min(frame.width, frame.height);
     const double minFace = std::max(1.0, settings.minFaceSize * shortSide);
-    std::vector<NetworkFace> found;
+    std::vector<cv::Rect> squares;
     for (int side = shortSide; side >= FaceNetwork::kInputSize / 4; side /= 2) {
-        for (int y : squareStarts(frame.rows, side)) {
-            for (int x : squareStarts(frame.cols, side))
-                network.detect(frame, format, cv::Rect(x, y, side, side), found);
+        for (int y : squareStarts(frame.height, side)) {
+            for (int x : squareStarts(frame.width, side))
+                squares.emplace_back(x, y, side, side);
         }
         if (minFace * FaceNetwork::kInputSize / side >= kSmallestFaceInInput)
             break;
     }
+    return squares;
+}
+
+std::vector<NetworkFace> FaceAnalyzer::Impl::searchWhole(const cv::Mat& frame, platform::PixelFormat format)
+{
+    ++wholeSearches;
+    std::vector<NetworkFace> found;
+    for (const cv::Rect& square : searchSquares)
+        network.detect(frame, format, square, found);
+    return FaceNetwork::merge(std::move(found));
+}
+
+std::vector<NetworkFace> FaceAnalyzer::Impl::sweepOn(const cv::Mat& frame, platform::PixelFormat format)
+{
+    if (sweep.empty())
+        sweep.assign(searchSquares.rbegin(), searchSquares.rend());
+    std::vector<NetworkFace> found;
+    network.detect(frame, format, sweep.back(), found);
+    sweep.pop_back();
+    if (sweep.empty())
+        ++wholeSearches;
     return FaceNetwork::merge(std::move(found));
 }
 

@@ -112,8 +112,12 @@ public:
     /// and whenever one is lost: a whole-frame search costs several times more.
     /// The network searches the whole frame in overlapping squares, finer
     /// ones as well when minFaceSize asks for faces too small for the coarse
-    /// ones.
-    FaceAnalysis analyze(const FrameView& frame, QPointF focus);
+    /// ones. frameTime (seconds, the frame's presentation time) paces the
+    /// search while no face is followed: at most about ten a second, and
+    /// only when the picture changed since the last one or half a second
+    /// went by; the frames between find no face. Without a frame time every
+    /// such frame is searched, as a still picture must be.
+    FaceAnalysis analyze(const FrameView& frame, QPointF focus, std::optional<double> frameTime = std::nullopt);
     /// Forgets the faces being followed; the next frame is searched whole.
     void reset();
     /// How open the less open of the face's eyes is, 0..1, whatever else is
@@ -122,6 +126,15 @@ public:
     double eyesOpenness(const FrameView& frame, const FaceLandmarks& landmarks);
 
     static bool supports(platform::PixelFormat format);
+
+    /// What the analyses since construction cost, for tests and benchmarks
+    /// (reset() keeps it).
+    struct Work {
+        uint64_t frames = 0;         // analysed
+        uint64_t wholeSearches = 0;  // of the whole frame, for new faces
+        uint64_t networkRuns = 0;    // forward passes of the face network
+    };
+    Work work() const;
 
     /// How alike two faces' appearance signatures are, 0..1; the same person
     /// from frame to frame, turned or not, stays above 0.5.

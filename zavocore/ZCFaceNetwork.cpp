@@ -131,6 +131,7 @@ void FaceNetwork::detect(const cv::Mat& frame, platform::PixelFormat format, con
     const int shape[] = {1, kInputSize, kInputSize, 3};
     net_.setInput(cv::Mat(4, shape, CV_32F, blob_.data));
     net_.forward(outputs_, outputNames_);
+    ++runs_;
 
     const double scale = double(square.width) / kInputSize;  // frame pixels per input pixel
     int offset = 0;

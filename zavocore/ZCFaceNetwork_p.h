@@ -43,7 +43,11 @@ public:
     /// several anchors or squares), averaged by score; best first.
     static std::vector<NetworkFace> merge(std::vector<NetworkFace> faces);
 
+    /// Forward passes so far.
+    uint64_t runs() const { return runs_; }
+
 private:
+    uint64_t runs_ = 0;
     cv::dnn::Net net_;
     std::vector<cv::String> outputNames_;
     std::vector<cv::Point2f> anchors_;  // centres, in input units (0..1)

@@ -387,7 +387,7 @@ void ZCReferenceDetector::Worker::process(const platform::SampleBuffer& frame, c
     const FrameView view{buffer.baseAddress(), buffer.width(), buffer.height(), buffer.bytesPerRow(),
                          buffer.pixelFormat()};
     const QSizeF frameSize(view.width, view.height);
-    const FaceAnalysis analysis = analyzer_.analyze(view, geometry.focusInFrame(frameSize));
+    const FaceAnalysis analysis = analyzer_.analyze(view, geometry.focusInFrame(frameSize), frameTime);
 
     if (!analysis.faces.empty())
         shared_->faceFound = true;

@@ -1,6 +1,6 @@
 #pragma once
 // What the screen benchmarks share: an offscreen phone-sized screen, the
-// sample clip as the front camera, permission granted, a scratch Documents.
+// sample clip (or another) as the front camera, permission granted, a scratch Documents.
 #include "DemoCamera.h"
 
 #include "camera/CaptureAuthorization_p.h"
@@ -35,7 +35,7 @@ struct Fixture {
     QTemporaryDir documents;
     std::unique_ptr<zavo::demo::FrontCamera> camera;
 
-    bool install()
+    bool install(const QString& clip = kClip)
     {
         if (!documents.isValid())
             return false;
@@ -43,9 +43,9 @@ struct Fixture {
         zavo::platform::CaptureAuthorization::setPolicy(std::make_shared<zavo::platform::FixedCaptureAuthorizationPolicy>(
             zavo::platform::AuthorizationStatus::NotDetermined, true));
         QString problem;
-        camera = zavo::demo::FrontCamera::install({zavo::demo::CameraChoice::Kind::File, kClip}, &problem);
+        camera = zavo::demo::FrontCamera::install({zavo::demo::CameraChoice::Kind::File, clip}, &problem);
         if (!camera)
-            std::fprintf(stderr, "cannot use %s: %s\n", qPrintable(kClip), qPrintable(problem));
+            std::fprintf(stderr, "cannot use %s: %s\n", qPrintable(clip), qPrintable(problem));
         return camera != nullptr;
     }
 };

@@ -89,6 +89,16 @@ private slots:
             QCOMPARE(code, 1023);
     }
 
+    void anEmptySceneNeverShowsAFace()
+    {
+        // Face-like texture, searched only every few frames: no face frame,
+        // and the no-face banner at its usual pace (after 0.2 s, then every
+        // 2 s of the 2 s clip).
+        const auto delegate = runClip(QStringLiteral("E_no_face.mp4"));
+        QVERIFY(delegate->rects().isEmpty());
+        QCOMPARE(delegate->codes(), (QList<long>{1022}));
+    }
+
     void webcamClipGivesAShot()
     {
         const auto delegate = runClip(QStringLiteral("gpl/R_kphotoalbum_movie.mp4"));

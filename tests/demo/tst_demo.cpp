@@ -9,6 +9,8 @@
 
 #include "camera/CaptureAuthorization_p.h"
 #include "camera/file/FileCaptureDevice.h"
+#include "media/Asset.h"
+#include "zavocore/ZCDetectorClock_p.h"
 #include "zavocore/ZavoCore_p.h"
 
 #include <QJsonArray>
@@ -46,6 +48,44 @@ public:
     bool bestShot(core::ZCBestShotPtr) override { return true; }
     void bestShotError(platform::ErrorPtr) override {}
 };
+
+/// Counts what reaches the screen's side of the detector.
+class CountingDelegate final : public core::ZCBestShotDelegate {
+public:
+    std::atomic<int> faceBoxes{0};
+    std::atomic<int> shots{0};
+    std::atomic<Clock::rep> firstFaceBox{0};
+    void detectionRect(const QRectF& rect, const QSizeF&) override
+    {
+        if (rect.isEmpty())
+            return;
+        Clock::rep none = 0;
+        firstFaceBox.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
+        ++faceBoxes;
+    }
+    bool bestShot(core::ZCBestShotPtr) override
+    {
+        ++shots;
+        return true;
+    }
+    void bestShotError(platform::ErrorPtr) override {}
+};
+
+std::vector<platform::SampleBuffer> clipFrames(const QString& path)
+{
+    std::vector<platform::SampleBuffer> frames;
+    auto asset = platform::Asset::assetWithPath(path);
+    auto tracks = asset->tracksWithMediaType(platform::MediaType::Video);
+    auto reader = platform::AssetReader::create(asset);
+    if (tracks.empty() || !reader)
+        return frames;
+    auto output = platform::AssetReaderTrackOutput::create(tracks.front(), {platform::PixelFormat::BGRA32});
+    reader->addOutput(output);
+    reader->startReading();
+    for (auto frame = output->copyNextSampleBuffer(); frame.isValid(); frame = output->copyNextSampleBuffer())
+        frames.push_back(frame);
+    return frames;
+}
 
 platform::SampleBuffer blackFrame(int64_t frameIndex)
 {
@@ -271,6 +311,51 @@ private slots:
         const std::string type = typeid(*plain).name();
         QVERIFY2(type.find("ZCReferenceDetector") != std::string::npos, type.c_str());
         QVERIFY2(type.find("TimedDetector") == std::string::npos, type.c_str());
+    }
+
+    /// The timing notes the detector's face boxes and its shot on their way
+    /// to the screen, which must still hear every one of them; a new session
+    /// starts with nothing noted.
+    void detectorTimingNotesFaceBoxesAndTheShot()
+    {
+        const auto frames = clipFrames(kClip);
+        QVERIFY(!frames.empty());
+        DetectorTiming timing;
+        timing.markSessionStart();
+        auto screen = std::make_shared<CountingDelegate>();
+        auto configuration = std::make_shared<core::ZCZavoConfiguration>();
+        configuration->detector.synchronousProcessing = true;
+        const core::detail::HeldDetectorClock clock;
+        auto detector = core::ZCBestShotBuilder::buildWithDelegate(screen, nullptr, configuration);
+        detector->screenSize(QSizeF(360, 640), {});
+        detector->launchWizard();
+        QVERIFY(!timing.firstFaceBox());
+        const Clock::time_point feedBegan = Clock::now();
+        for (const auto& frame : frames)
+            detector->pushFrame(frame);
+        const Clock::time_point feedEnded = Clock::now();
+
+        QVERIFY(screen->faceBoxes > 0);
+        QCOMPARE(timing.faceBoxes(), screen->faceBoxes.load());
+        QCOMPARE(screen->shots.load(), 1);
+        QVERIFY(timing.bestShotTaken());
+        QVERIFY(timing.firstFaceBox());
+        // Noted before it was passed on.
+        QVERIFY(*timing.firstFaceBox() <= Clock::time_point(Clock::duration(screen->firstFaceBox.load())));
+        QVERIFY(*timing.firstFaceBox() <= *timing.bestShotTaken());
+        // The 4 s clip was handed over faster than it plays, so its last
+        // frame, the most overdue, fixes time zero about 4 s before the feed.
+        const double lastStamp = frames.back().presentationTimeStamp().seconds();
+        const auto stamp = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(lastStamp));
+        QVERIFY(timing.presentationOrigin());
+        QVERIFY(*timing.presentationOrigin() >= feedBegan - stamp);
+        QVERIFY(*timing.presentationOrigin() <= feedEnded - stamp);
+
+        timing.markSessionStart();
+        QVERIFY(!timing.firstFaceBox());
+        QCOMPARE(timing.faceBoxes(), 0);
+        QVERIFY(!timing.bestShotTaken());
+        QVERIFY(!timing.presentationOrigin());
     }
 
     void readsAFinishedVideo()

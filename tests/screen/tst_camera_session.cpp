@@ -8,6 +8,7 @@
 #include "capture/ZMCameraDevices.h"
 #include "camera/file/FileCaptureDevice.h"
 #include "shell/CaptureVideoPreviewView_p.h"
+#include "ui/ZMVideoStreamNotificationView.h"
 #include "zavocore/ZCDetectorClock_p.h"
 
 #include <QApplication>
@@ -69,6 +70,13 @@ int64_t previewFrames(ZMCameraSession& session)
     QWidget* view = session.view();
     auto* preview = view ? view->findChild<platform::CaptureVideoPreviewView*>() : nullptr;
     return preview && preview->layer() ? preview->layer()->receivedFrameCount() : 0;
+}
+
+bool bannerShown(ZMCameraSession& session)
+{
+    QWidget* view = session.view();
+    auto* banner = view ? view->findChild<ZMVideoStreamNotificationView*>() : nullptr;
+    return banner && !banner->isHidden();
 }
 
 /// A permission prompt the user has not answered yet.
@@ -247,6 +255,7 @@ private slots:
     {
         QTest::addColumn<QString>("when");
         QTest::newRow("while frames flow") << "running";
+        QTest::newRow("while a banner is up") << "banner";
         QTest::newRow("while the video is finished") << "finishing";
         QTest::newRow("in its own bestShot slot") << "ownSlot";
         QTest::newRow("before the permission answer") << "beforePermission";
@@ -254,7 +263,9 @@ private slots:
     void destroyingTheSessionStopsEverything()
     {
         QFETCH(QString, when);
-        useFrontCamera(when == QLatin1String("running") ? "E_no_face.mp4" : "A_zoom_blur_dark.mp4");
+        useFrontCamera(when == QLatin1String("running")  ? "E_no_face.mp4"
+                           : when == QLatin1String("banner") ? "C_two_faces.mp4"
+                                                              : "A_zoom_blur_dark.mp4");
         QTemporaryDir folder;
         auto session = std::make_unique<ZMCameraSession>();
         session->setVideoFolder(folder.path());
@@ -271,6 +282,10 @@ private slots:
         QVERIFY(session->start());
         if (when == QLatin1String("running")) {
             QTRY_VERIFY_WITH_TIMEOUT(camera->isOpen() && previewFrames(*session) > 0, 20000);
+        } else if (when == QLatin1String("banner")) {
+            // Two faces: the long banner, whose hiding is a timer on Qt's
+            // event loop, which the destructor's wait does not run.
+            QTRY_VERIFY_WITH_TIMEOUT(bannerShown(*session), 20000);
         } else if (when == QLatin1String("finishing")) {
             QTRY_VERIFY_WITH_TIMEOUT(session->state() == ZMCameraSession::State::Finishing, 60000);
         } else if (when == QLatin1String("ownSlot")) {
