@@ -233,7 +233,7 @@ private slots:
     {
         QCoreApplication::sendPostedEvents();
         LanguageChangeCounter changes;
-        qApp->installEventFilter(&changes);
+        QCoreApplication::instance()->installEventFilter(&changes);
         for (const char* language : {"en", "fr", "es", "de"}) {
             ZMLocalization::setLocale(QLocale(QLatin1String(language)));
             QCOMPARE(ZMLocalization::locale(), QLocale(QLatin1String(language)));
@@ -243,7 +243,7 @@ private slots:
         ZMLocalization::setLocale(QLocale(QStringLiteral("de")));
         QCoreApplication::sendPostedEvents();
         QCOMPARE(changes.count, 4);
-        qApp->removeEventFilter(&changes);
+        QCoreApplication::instance()->removeEventFilter(&changes);
 
         // A regional locale takes its language's table.
         ZMLocalization::setLocale(QLocale(QStringLiteral("fr_CA")));
