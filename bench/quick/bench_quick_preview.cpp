@@ -13,6 +13,7 @@
 // thread) in this process and with the threaded loop (the GUI thread only
 // polishes and waits for the sync) in a child process, since the loop is
 // chosen once per process.
+#include "BenchSupport.h"
 #include "camera/CaptureSession.h"
 #include "camera/CaptureVideoPreviewLayer.h"
 #include "camera/file/FileCaptureDevice.h"
@@ -76,25 +77,6 @@ private:
     int depth_ = 0;
 };
 
-/// Runs the event loop until done() or the limit; false on the limit.
-bool runUntil(const std::function<bool()>& done, int limitMs)
-{
-    QEventLoop loop;
-    QTimer poll;
-    QTimer limit;
-    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        if (done())
-            loop.quit();
-    });
-    QObject::connect(&limit, &QTimer::timeout, &loop, &QEventLoop::quit);
-    poll.start(5);
-    limit.setSingleShot(true);
-    limit.start(limitMs);
-    if (!done())
-        loop.exec();
-    return done();
-}
-
 /// The clip as a front camera, streaming into a preview layer.
 struct Camera {
     std::shared_ptr<platform::FileCaptureDevice> device;
@@ -126,7 +108,7 @@ struct Result {
 /// Records the GUI thread while frames() counts presented frames.
 Result measure(TimedApplication& app, const std::function<int()>& frames, int seconds)
 {
-    if (!runUntil([&] { return frames() >= 10; }, 20000))
+    if (!bench::runUntil([&] { return frames() >= 10; }, 20000))
         return {};
     const int before = frames();
     app.busyMs = 0;
@@ -134,7 +116,7 @@ Result measure(TimedApplication& app, const std::function<int()>& frames, int se
     app.recording = true;
     QElapsedTimer wall;
     wall.start();
-    runUntil([] { return false; }, seconds * 1000);
+    bench::runUntil([] { return false; }, seconds * 1000);
     app.recording = false;
     Result result;
     result.frames = frames() - before;
